@@ -1,0 +1,124 @@
+#include "daemon/Daemon.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <exception>
+#include <iostream>
+#include <memory>
+
+#include <boost/asio/io_context.hpp>
+
+#include "api/endpoint/Endpoint.h"
+#include "daemon/log/LumenLoggerWrapper.h"
+#include "platform/Hearth.h"
+#include "platform/Log.h"
+#include "platform/SignalUtils.h"
+#include "platform/System.h"
+#include "platform/Trackers.h"
+
+namespace Witnessd::Daemon {
+namespace {
+
+using Orm::Common::HearthLumen::ErrorsTracker;
+using Orm::Common::HearthLumen::TrafficTracker;
+
+// The endpoint as seen by the signal handler; set once it exists.
+std::atomic<AttestApi::Endpoint*> g_endpoint{nullptr};
+
+std::shared_ptr<Hearth::Service::Logger> g_witnessd_logger;
+
+void OnTerminationSignal(int) {
+  Log_Level(kLogWarning, "Exiting with status %d\n", 0);
+  Orm::Common::SignalUtils::SignalsExit();
+  if (AttestApi::Endpoint* endpoint = g_endpoint.load()) {
+    endpoint->Stop();
+  }
+  Preference_Exit();
+  // Ends without stopping the errors tracker: a signal is not the normal path.
+  Hearth::System::QuickExit(0);
+}
+
+}  // namespace
+
+int Main() {
+  FeatureState_Init();
+  SSL_Init(nullptr, nullptr, nullptr);
+  Preference_Init();
+
+  auto scratch = Hearth::Service::CreateScratchConfig();
+  scratch->SetString("log/level", "info");
+  scratch->SetInt("hearth/threadPool/ioThreads", 1);
+  scratch->SetInt("hearth/threadPool/maxThreads", 9);
+
+  Hearth::Service::SetAppInfo({"witnessd", WITNESSD_VERSION, WITNESSD_BUILD_NUMBER, 0});
+  try {
+    Hearth::Service::InitApp(scratch, Hearth::SysrootPath(kSettingsPath));
+  } catch (const std::exception& e) {
+    std::cerr << "Initializing hearth failed: " << e.what() << std::endl;
+    Hearth::System::QuickExit(1);
+  }
+
+  std::shared_ptr<TrafficTracker> traffic_tracker;
+  std::shared_ptr<ErrorsTracker> errors_tracker;
+  int status = 1;
+  try {
+    traffic_tracker = std::make_shared<TrafficTracker>(Hearth::Service::Logger::sDefaultLogger);
+    errors_tracker = std::make_shared<ErrorsTracker>(Hearth::Service::Logger::sDefaultLogger);
+
+    // The host system-information registration is a platform service this
+    // build does not have; nothing to do.
+
+    g_witnessd_logger =
+        Hearth::Service::Logger::CreateLogger(Hearth::Service::Logger::sDefaultLogger, "witnessdLogger");
+
+    // Persistent configuration: signing key, TPM trust configuration, base
+    // image store (hook: configuration layer).
+
+    // Session manager with its limits from the settings tree (hook: sessions).
+
+    auto logger = std::make_shared<AttestApi::LumenLoggerWrapper>(&Log_Level);
+
+    // Default localizer and provider assembly (hook: API provider).
+
+    auto io = std::make_shared<boost::asio::io_context>();
+    auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, logger);
+
+    bool serving = false;
+    if (!endpoint->Start()) {
+      Log_Level(kLogError, "HTTP endpoint failed to start. Exiting.\n");
+    } else {
+      g_endpoint.store(endpoint.get());
+      if (!Orm::Common::SignalUtils::SignalsInit(OnTerminationSignal)) {
+        Log_Level(kLogError, "Failed to install signal handlers. Exiting.\n");
+      } else {
+        serving = true;
+      }
+    }
+    if (serving) {
+      Hearth::Service::GetApp().Run();
+      endpoint->Stop();
+      g_endpoint.store(nullptr);
+      endpoint.reset();
+      io.reset();
+      logger.reset();
+      status = 0;
+    }
+  } catch (const std::exception& e) {
+    Log_Level(kLogError, "Exiting with error: %s\n", e.what());
+    status = 1;
+  }
+
+  if (errors_tracker) {
+    errors_tracker->Stop();
+  }
+  if (traffic_tracker) {
+    traffic_tracker->SetStopped();
+  }
+  Log_Level(kLogWarning, "Exiting with status %d\n", status);
+  Orm::Common::SignalUtils::SignalsExit();
+  Preference_Exit();
+  Hearth::System::QuickExit(status);
+}
+
+}  // namespace Witnessd::Daemon

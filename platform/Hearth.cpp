@@ -353,11 +353,11 @@ App::App(const AppInfo& info, std::shared_ptr<Config> config)
   int64_t io_threads = config_->GetInt("hearth/threadPool/ioThreads", 1);
   int64_t max_threads = config_->GetInt("hearth/threadPool/maxThreads", 9);
   if (io_threads < 1 || io_threads > 64) {
-    throw SettingsError("setting 'hearth/threadPool/ioThreads' must be between 1 and 64, not " +
+    throw SettingsError("key 'hearth/threadPool/ioThreads' must be between 1 and 64, not " +
                         std::to_string(io_threads));
   }
   if (max_threads < 1 || max_threads > 256) {
-    throw SettingsError("setting 'hearth/threadPool/maxThreads' must be between 1 and 256, not " +
+    throw SettingsError("key 'hearth/threadPool/maxThreads' must be between 1 and 256, not " +
                         std::to_string(max_threads));
   }
   pool_ = std::make_unique<ThreadPool>(static_cast<size_t>(max_threads));
@@ -396,7 +396,12 @@ void InitApp(std::shared_ptr<Config> scratch, const std::string& settings_path) 
     throw SettingsError("settings file " + settings_path + ": key 'log/level' has unknown level '" +
                         level_name + "' (expected error, warning, info, verbose or trivia)");
   }
-  auto app = std::make_unique<App>(g_app_info, scratch);
+  std::unique_ptr<App> app;
+  try {
+    app = std::make_unique<App>(g_app_info, scratch);
+  } catch (const SettingsError& e) {
+    throw SettingsError("settings file " + settings_path + ": " + e.what());
+  }
   Log_SetMaxLevel(*level);
   g_app = std::move(app);
 }

@@ -1,0 +1,198 @@
+// The daemon as a real process: start-up, exit statuses and exit lines.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/DaemonProcess.h"
+
+namespace {
+
+using Witnessd::Testing::DaemonProcess;
+using Witnessd::Testing::FreePort;
+using Witnessd::Testing::MakeTempDir;
+using Witnessd::Testing::PrepareSysroot;
+namespace fs = std::filesystem;
+
+constexpr const char* kServing = "HTTP endpoint listening on TCP port";
+
+// A listening socket that keeps a port busy for the duration of a test.
+class PortBlocker {
+ public:
+  PortBlocker(int family, uint16_t port) {
+    fd_ = socket(family, SOCK_STREAM, 0);
+    int one = 1;
+    if (family == AF_INET6) {
+      setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
+      sockaddr_in6 a{};
+      a.sin6_family = AF_INET6;
+      a.sin6_port = htons(port);
+      a.sin6_addr = in6addr_loopback;
+      ok_ = bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
+    } else {
+      sockaddr_in a{};
+      a.sin_family = AF_INET;
+      a.sin_port = htons(port);
+      a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      ok_ = bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
+    }
+    ok_ = ok_ && listen(fd_, 1) == 0;
+  }
+  ~PortBlocker() { close(fd_); }
+  bool ok() const { return ok_; }
+
+ private:
+  int fd_ = -1;
+  bool ok_ = false;
+};
+
+bool CanConnect(int family, uint16_t port) {
+  int fd = socket(family, SOCK_STREAM, 0);
+  int rc;
+  if (family == AF_INET6) {
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    a.sin6_port = htons(port);
+    a.sin6_addr = in6addr_loopback;
+    rc = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  } else {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    rc = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  }
+  close(fd);
+  return rc == 0;
+}
+
+class Daemon : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sysroot_ = MakeTempDir("witnessd-daemon");
+    PrepareSysroot(sysroot_);
+  }
+  void TearDown() override {
+    if (!HasFailure()) {
+      fs::remove_all(sysroot_);
+    }
+  }
+  void WriteSettings(const std::string& xml) {
+    std::ofstream(sysroot_ + "/etc/quarro/cpservices/witnessd/config.xml") << xml;
+  }
+  std::string sysroot_;
+};
+
+TEST_F(Daemon, ServesAndEndsWithStatusZeroOnTerminationSignals) {
+  for (int signo : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(signo);
+    DaemonProcess d(sysroot_, FreePort());
+    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+    EXPECT_TRUE(CanConnect(AF_INET, d.Port()));
+    d.Signal(signo);
+    EXPECT_EQ(0, d.WaitExit()) << d.Log();
+    EXPECT_EQ(1, d.CountInLog("Exiting with status 0")) << d.Log();
+    EXPECT_EQ(0, d.CountInLog("Exiting with status 1"));
+  }
+}
+
+TEST_F(Daemon, BothFamiliesTakenIsAStartFailure) {
+  uint16_t port = FreePort();
+  PortBlocker v4(AF_INET, port);
+  PortBlocker v6(AF_INET6, port);
+  ASSERT_TRUE(v4.ok());
+  DaemonProcess d(sysroot_, port);
+  ASSERT_TRUE(d.Start());
+  EXPECT_EQ(1, d.WaitExit()) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("HTTP endpoint failed to start. Exiting.")) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("Exiting with status 1")) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("IPv4 Failed to listen on: 127.0.0.1:" + std::to_string(port)));
+}
+
+TEST_F(Daemon, ServesOnIpv4WhenIpv6LoopbackIsTaken) {
+  uint16_t port = FreePort();
+  PortBlocker v6(AF_INET6, port);
+  if (!v6.ok()) {
+    GTEST_SKIP() << "no IPv6 loopback on this host";
+  }
+  DaemonProcess d(sysroot_, port);
+  ASSERT_TRUE(d.Start());
+  ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+  EXPECT_TRUE(CanConnect(AF_INET, port));
+  EXPECT_EQ(1, d.CountInLog("IPv6 Failed to listen on: [::1]:" + std::to_string(port))) << d.Log();
+  d.Signal(SIGTERM);
+  EXPECT_EQ(0, d.WaitExit());
+}
+
+TEST_F(Daemon, SettingsFileChoosesTheLogLevel) {
+  // At "error" the informational serving line is not written; at "info" it is.
+  const struct {
+    const char* level;
+    bool serving_line;
+  } kCases[] = {{"error", false}, {"warning", false}, {"info", true}, {"trivia", true}};
+  for (const auto& tc : kCases) {
+    SCOPED_TRACE(tc.level);
+    WriteSettings(std::string("<config><log><level>") + tc.level + "</level></log></config>");
+    uint16_t port = FreePort();
+    DaemonProcess d(sysroot_, port);
+    ASSERT_TRUE(d.Start());
+    // Wait until it serves (a connection succeeds), whatever it logs.
+    for (int i = 0; i < 1500 && !CanConnect(AF_INET, port) && d.Running(); ++i) {
+      usleep(20000);
+    }
+    ASSERT_TRUE(d.Running()) << d.Log();
+    d.Signal(SIGTERM);
+    EXPECT_EQ(0, d.WaitExit()) << d.Log();
+    EXPECT_EQ(tc.serving_line ? 1 : 0, d.CountInLog(kServing)) << d.Log();
+    // The exit line is a warning: written at every level but "error".
+    EXPECT_EQ(std::string(tc.level) == "error" ? 0 : 1, d.CountInLog("Exiting with status 0")) << d.Log();
+  }
+}
+
+TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
+  const struct {
+    const char* name;
+    const char* xml;
+    const char* problem;
+  } kCases[] = {
+      {"malformed", "<config><log><level>info</level></config>", "line"},
+      {"wrong type", "<config><hearth><threadPool><maxThreads>lots</maxThreads></threadPool></hearth></config>",
+       "hearth/threadPool/maxThreads"},
+      {"unknown level", "<config><log><level>chatty</level></log></config>", "chatty"},
+      {"no I/O threads", "<config><hearth><threadPool><ioThreads>0</ioThreads></threadPool></hearth></config>",
+       "ioThreads"},
+  };
+  for (const auto& tc : kCases) {
+    SCOPED_TRACE(tc.name);
+    WriteSettings(tc.xml);
+    uint16_t port = FreePort();
+    DaemonProcess d(sysroot_, port);
+    ASSERT_TRUE(d.Start());
+    EXPECT_EQ(1, d.WaitExit()) << d.Log();
+    std::string log = d.Log();
+    EXPECT_EQ(0u, log.find("Initializing hearth failed: settings file " + sysroot_ +
+                           "/etc/quarro/cpservices/witnessd/config.xml"))
+        << log;
+    EXPECT_NE(std::string::npos, log.find(tc.problem)) << log;
+    EXPECT_EQ(0, d.CountInLog("Exiting with status")) << log;
+    EXPECT_FALSE(CanConnect(AF_INET, port));
+  }
+}
+
+TEST_F(Daemon, BadPortVariableTakesTheErrorExit) {
+  DaemonProcess d(sysroot_, FreePort());
+  d.SetEnv("WITNESSD_PORT", "http");
+  ASSERT_TRUE(d.Start());
+  EXPECT_EQ(1, d.WaitExit()) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("Exiting with error: WITNESSD_PORT 'http' is not a TCP port")) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("Exiting with status 1"));
+}
+
+}  // namespace

@@ -1,0 +1,37 @@
+#include "api/services/CaCertificatesSvc.h"
+
+namespace Witnessd::AttestApi {
+
+nlohmann::json Encode(const CaCertificatesSvc::Summary& summary) {
+  return {{"name", summary.name}};
+}
+
+nlohmann::json Encode(const CaCertificatesSvc::Info& info) {
+  return {{"name", info.name}, {"certificates", info.certificates}};
+}
+
+void CaCertificatesSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<CaCertificatesSvc> impl,
+                                                               Lumen::Provider::InterfaceList* interfaces) {
+  using Lumen::Void;
+  auto iface = std::make_shared<Lumen::Provider::ApiInterface>();
+  iface->service_id = kServiceId;
+  auto by_name = [](Binding::InputReader& r) { return r.String("name"); };
+  iface->operations["list"] = Binding::MakeOperation<Binding::NoInput, std::vector<Summary>>(
+      Binding::DecodeNothing,
+      [impl](const Binding::NoInput&, Callback<std::vector<Summary>> done) { impl->List(std::move(done)); });
+  iface->operations["get"] = Binding::MakeOperation<std::string, Info>(
+      by_name, [impl](const std::string& name, Callback<Info> done) { impl->Get(name, std::move(done)); });
+  iface->operations["create"] = Binding::MakeOperation<CreateSpec, Void>(
+      [](Binding::InputReader& r) {
+        CreateSpec spec;
+        spec.name = r.String("name");
+        spec.certificates = r.StringList("certificates");
+        return spec;
+      },
+      [impl](const CreateSpec& spec, Callback<Void> done) { impl->Create(spec, std::move(done)); });
+  iface->operations["delete"] = Binding::MakeOperation<std::string, Void>(
+      by_name, [impl](const std::string& name, Callback<Void> done) { impl->Delete(name, std::move(done)); });
+  interfaces->push_back(iface);
+}
+
+}  // namespace Witnessd::AttestApi

@@ -1,0 +1,271 @@
+#include "platform/lumen/TokenHandler.h"
+
+#include <openssl/bio.h>
+#include <openssl/ecdsa.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+namespace Hyv::Authn {
+
+namespace {
+
+constexpr int kLumenInfo = 2;
+constexpr int kLumenWarning = 3;
+constexpr size_t kEs256PartLen = 32;
+
+struct BioDeleter {
+  void operator()(BIO* b) const { BIO_free(b); }
+};
+struct X509Deleter {
+  void operator()(X509* x) const { X509_free(x); }
+};
+struct MdCtxDeleter {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+struct SigDeleter {
+  void operator()(ECDSA_SIG* s) const { ECDSA_SIG_free(s); }
+};
+struct BnDeleter {
+  void operator()(BIGNUM* b) const { BN_free(b); }
+};
+struct OpensslFree {
+  void operator()(void* p) const { OPENSSL_free(p); }
+};
+
+bool Base64UrlDecode(const std::string& text, std::string* out) {
+  out->clear();
+  uint32_t acc = 0;
+  int bits = 0;
+  for (char c : text) {
+    int d;
+    if (c >= 'A' && c <= 'Z') d = c - 'A';
+    else if (c >= 'a' && c <= 'z') d = c - 'a' + 26;
+    else if (c >= '0' && c <= '9') d = c - '0' + 52;
+    else if (c == '-') d = 62;
+    else if (c == '_') d = 63;
+    else return false;  // padding and the standard alphabet are not base64url
+    acc = (acc << 6) | static_cast<uint32_t>(d);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out->push_back(static_cast<char>((acc >> bits) & 0xff));
+    }
+  }
+  // A single leftover character carries fewer than 8 bits: not a valid length.
+  return bits < 6 && (acc & ((1u << bits) - 1)) == 0;
+}
+
+// JoseToDer turns the 64-byte r||s of an ES256 signature into DER.
+bool JoseToDer(const std::string& raw, std::string* der) {
+  if (raw.size() != 2 * kEs256PartLen) {
+    return false;
+  }
+  std::unique_ptr<ECDSA_SIG, SigDeleter> sig(ECDSA_SIG_new());
+  BIGNUM* r = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()), kEs256PartLen, nullptr);
+  BIGNUM* s = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()) + kEs256PartLen, kEs256PartLen, nullptr);
+  if (!sig || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
+    BN_free(r);
+    BN_free(s);
+    return false;
+  }
+  unsigned char* buf = nullptr;
+  int len = i2d_ECDSA_SIG(sig.get(), &buf);
+  if (len <= 0) {
+    return false;
+  }
+  std::unique_ptr<unsigned char, OpensslFree> owned(buf);
+  der->assign(reinterpret_cast<char*>(buf), static_cast<size_t>(len));
+  return true;
+}
+
+bool IsP256(EVP_PKEY* key) {
+  char name[64] = {0};
+  size_t len = 0;
+  return EVP_PKEY_get_group_name(key, name, sizeof(name), &len) == 1 && std::string(name) == "prime256v1";
+}
+
+bool VerifyWith(EVP_PKEY* key, const std::string& signed_part, const std::string& sig) {
+  std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
+    return false;
+  }
+  return EVP_DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
+                          reinterpret_cast<const unsigned char*>(signed_part.data()), signed_part.size()) == 1;
+}
+
+}  // namespace
+
+TokenHandler::TokenHandler(std::shared_ptr<Lumen::Log::Logger> logger, Clock clock)
+    : logger_(std::move(logger)), clock_(std::move(clock)) {
+  if (!clock_) {
+    clock_ = [] { return static_cast<int64_t>(std::time(nullptr)); };
+  }
+}
+
+size_t TokenHandler::LoadTrustedIssuers(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    LUMEN_LOG(*logger_, kLumenWarning) << "No trusted token issuers file " << path << "; tokens are refused";
+    return 0;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  size_t n = AddTrustedPem(text.str());
+  LUMEN_LOG(*logger_, kLumenInfo) << "Trusted token issuer keys loaded: " << n << " from " << path;
+  return n;
+}
+
+size_t TokenHandler::AddTrustedPem(const std::string& pem) {
+  std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  size_t added = 0;
+  for (;;) {
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long len = 0;
+    if (PEM_read_bio(bio.get(), &name, &header, &data, &len) != 1) {
+      break;
+    }
+    std::unique_ptr<char, OpensslFree> own_name(name), own_header(header);
+    std::unique_ptr<unsigned char, OpensslFree> own_data(data);
+    const unsigned char* p = data;
+    KeyPtr key;
+    std::string type(name);
+    if (type == "CERTIFICATE") {
+      std::unique_ptr<X509, X509Deleter> cert(d2i_X509(nullptr, &p, len));
+      if (cert) {
+        key.reset(X509_get_pubkey(cert.get()));
+      }
+    } else if (type == "PUBLIC KEY") {
+      key.reset(d2i_PUBKEY(nullptr, &p, len));
+    }
+    if (!key) {
+      LUMEN_LOG(*logger_, kLumenWarning) << "Skipping unusable trusted issuer PEM block " << type;
+      continue;
+    }
+    keys_.push_back(std::move(key));
+    ++added;
+  }
+  ERR_clear_error();
+  return added;
+}
+
+TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provider::AuthnResult* out,
+                                          std::string* claimed_subject) const {
+  // The checks establish, in order: three base64url parts of JSON objects; an
+  // asymmetric algorithm we accept (so a public key can never be used as an
+  // HMAC secret and unsigned tokens never pass); a signature by a trusted key
+  // of the matching type; a validity window that includes now; the claims we
+  // read have the right types.
+  size_t dot1 = token.find('.');
+  size_t dot2 = dot1 == std::string::npos ? std::string::npos : token.find('.', dot1 + 1);
+  if (dot2 == std::string::npos || token.find('.', dot2 + 1) != std::string::npos) {
+    return Status::kMalformed;
+  }
+  std::string header_text, payload_text, sig;
+  if (!Base64UrlDecode(token.substr(0, dot1), &header_text) ||
+      !Base64UrlDecode(token.substr(dot1 + 1, dot2 - dot1 - 1), &payload_text) ||
+      !Base64UrlDecode(token.substr(dot2 + 1), &sig)) {
+    return Status::kMalformed;
+  }
+  auto header = nlohmann::json::parse(header_text, nullptr, false);
+  auto payload = nlohmann::json::parse(payload_text, nullptr, false);
+  if (!header.is_object() || !payload.is_object()) {
+    return Status::kMalformed;
+  }
+  if (claimed_subject != nullptr) {
+    auto sub = payload.find("sub");
+    *claimed_subject = sub != payload.end() && sub->is_string() ? sub->get<std::string>() : "";
+  }
+  auto alg = header.find("alg");
+  if (alg == header.end() || !alg->is_string() || header.contains("crit")) {
+    return Status::kBadAlgorithm;
+  }
+  bool es256 = *alg == "ES256";
+  if (!es256 && *alg != "RS256") {
+    return Status::kBadAlgorithm;
+  }
+  std::string signature = sig;
+  if (es256 && !JoseToDer(sig, &signature)) {
+    return Status::kBadSignature;
+  }
+  std::string signed_part = token.substr(0, dot2);
+  bool verified = false;
+  for (const auto& key : keys_) {
+    int id = EVP_PKEY_get_base_id(key.get());
+    bool usable = es256 ? id == EVP_PKEY_EC && IsP256(key.get()) : id == EVP_PKEY_RSA;
+    if (usable && VerifyWith(key.get(), signed_part, signature)) {
+      verified = true;
+      break;
+    }
+  }
+  ERR_clear_error();
+  if (!verified) {
+    return Status::kBadSignature;
+  }
+  auto exp = payload.find("exp");
+  auto sub = payload.find("sub");
+  if (exp == payload.end() || !exp->is_number() || sub == payload.end() || !sub->is_string()) {
+    return Status::kBadClaims;
+  }
+  int64_t now = clock_();
+  if (exp->get<double>() <= static_cast<double>(now)) {
+    return Status::kExpired;
+  }
+  if (auto nbf = payload.find("nbf"); nbf != payload.end()) {
+    if (!nbf->is_number()) {
+      return Status::kBadClaims;
+    }
+    if (nbf->get<double>() > static_cast<double>(now)) {
+      return Status::kExpired;
+    }
+  }
+  std::vector<std::string> entitlements;
+  if (auto ent = payload.find("entitlements"); ent != payload.end() && !ent->is_null()) {
+    if (!ent->is_array()) {
+      return Status::kBadClaims;
+    }
+    for (const auto& e : *ent) {
+      if (!e.is_string()) {
+        return Status::kBadClaims;
+      }
+      entitlements.push_back(e.get<std::string>());
+    }
+  }
+  out->name = "TokenAuthentication";
+  out->username = sub->get<std::string>();
+  out->values = std::move(entitlements);
+  out->scheme = kTokenSchemeId;
+  return Status::kOk;
+}
+
+TokenHandler::Status TokenHandler::Authenticate(const nlohmann::json& security_ctx,
+                                                Lumen::Provider::AuthnResult* out,
+                                                std::string* claimed_subject) const {
+  auto scheme = security_ctx.find("schemeId");
+  auto token = security_ctx.find("token");
+  if (scheme == security_ctx.end() || *scheme != kTokenSchemeId || token == security_ctx.end() ||
+      !token->is_string()) {
+    return Status::kMalformed;
+  }
+  return Verify(token->get<std::string>(), out, claimed_subject);
+}
+
+const char* TokenHandler::StatusText(Status status) {
+  switch (status) {
+    case Status::kOk: return "ok";
+    case Status::kMalformed: return "malformed token";
+    case Status::kBadAlgorithm: return "algorithm not accepted";
+    case Status::kBadSignature: return "signature not verified by a trusted issuer";
+    case Status::kExpired: return "token expired or not yet valid";
+    case Status::kBadClaims: return "missing or invalid claims";
+  }
+  return "unknown";
+}
+
+}  // namespace Hyv::Authn

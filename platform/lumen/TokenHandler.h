@@ -1,0 +1,67 @@
+// Token authentication: compact JWTs signed with RS256 or ES256 by one of the
+// trusted issuers' keys.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/lumen/Log.h"
+#include "platform/lumen/Provider.h"
+
+namespace Hyv::Authn {
+
+inline constexpr const char* kTokenSchemeId = "com.quarro.hyv.security.token";
+
+class TokenHandler {
+ public:
+  enum class Status {
+    kOk,
+    kMalformed,     // not three base64url parts of JSON objects
+    kBadAlgorithm,  // "none", HS*, anything but RS256 and ES256
+    kBadSignature,  // no trusted key verifies it
+    kExpired,       // "exp" reached, or "nbf" not yet
+    kBadClaims,     // "exp" or "sub" missing, "entitlements" not a list of strings
+  };
+
+  // Clock returns the current time in seconds since the Unix epoch.
+  using Clock = std::function<int64_t()>;
+
+  explicit TokenHandler(std::shared_ptr<Lumen::Log::Logger> logger, Clock clock = nullptr);
+
+  // LoadTrustedIssuers reads the trusted issuers file: PEM blocks, each a
+  // "CERTIFICATE" (its public key is trusted) or a "PUBLIC KEY". A missing
+  // file trusts nothing and is not an error. Returns the number of keys
+  // trusted; unreadable blocks are logged and skipped.
+  size_t LoadTrustedIssuers(const std::string& path);
+  // AddTrustedPem does the same for PEM text already in memory.
+  size_t AddTrustedPem(const std::string& pem);
+
+  // Verify checks |token|. On kOk, |out| holds the subject and entitlements.
+  // |claimed_subject| (may be null) receives the payload's "sub" whenever the
+  // payload decodes, even when the token is refused, for the audit entry.
+  Status Verify(const std::string& token, Lumen::Provider::AuthnResult* out, std::string* claimed_subject) const;
+
+  // Authenticate reads the token from a security context
+  // {"schemeId": "com.quarro.hyv.security.token", "token": "..."}.
+  Status Authenticate(const nlohmann::json& security_ctx, Lumen::Provider::AuthnResult* out,
+                      std::string* claimed_subject) const;
+
+  static const char* StatusText(Status status);
+
+ private:
+  struct KeyDeleter {
+    void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+  };
+  using KeyPtr = std::unique_ptr<EVP_PKEY, KeyDeleter>;
+
+  std::shared_ptr<Lumen::Log::Logger> logger_;
+  Clock clock_;
+  std::vector<KeyPtr> keys_;
+};
+
+}  // namespace Hyv::Authn

@@ -1,0 +1,1020 @@
+#include "verify/Tpm2Marshal.h"
+
+#include <cstring>
+
+namespace Witnessd::Verify {
+namespace {
+
+// Bounded big-endian cursor over the input. Every read compares the length
+// it needs with what is left before touching the bytes; a failed read leaves
+// the reader unchanged.
+class ByteReader {
+ public:
+  ByteReader(const uint8_t* data, uint32_t len) : data_(data), remaining_(data ? len : 0) {}
+
+  bool GetBytes(size_t n, const uint8_t** out) {
+    if (remaining_ < n) {
+      return false;
+    }
+    *out = data_;
+    data_ += n;
+    remaining_ -= n;
+    consumed_ += n;
+    return true;
+  }
+  bool GetU8(uint8_t* out) {
+    const uint8_t* p;
+    if (!GetBytes(1, &p)) {
+      return false;
+    }
+    *out = p[0];
+    return true;
+  }
+  bool GetU16(uint16_t* out) {
+    const uint8_t* p;
+    if (!GetBytes(2, &p)) {
+      return false;
+    }
+    *out = static_cast<uint16_t>((p[0] << 8) | p[1]);
+    return true;
+  }
+  bool GetU32(uint32_t* out) {
+    const uint8_t* p;
+    if (!GetBytes(4, &p)) {
+      return false;
+    }
+    *out = (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+    return true;
+  }
+  bool GetU64(uint64_t* out) {
+    uint32_t hi, lo;
+    const uint8_t* save_data = data_;
+    size_t save_remaining = remaining_, save_consumed = consumed_;
+    if (!GetU32(&hi) || !GetU32(&lo)) {
+      data_ = save_data;
+      remaining_ = save_remaining;
+      consumed_ = save_consumed;
+      return false;
+    }
+    *out = (uint64_t{hi} << 32) | lo;
+    return true;
+  }
+  // Reads a TPM2B of at most |capacity| bytes into size/buffer.
+  bool GetTpm2b(uint16_t capacity, uint16_t* out_size, uint8_t* out_buffer) {
+    uint16_t size;
+    const uint8_t* bytes;
+    if (!GetU16(&size) || size > capacity || !GetBytes(size, &bytes)) {
+      return false;
+    }
+    *out_size = size;
+    std::memcpy(out_buffer, bytes, size);
+    return true;
+  }
+  template <typename T>
+  bool GetTpm2b(T* out) {
+    return GetTpm2b(T::kMax, &out->size, out->buffer);
+  }
+  // A sub-reader over the next |n| bytes; this reader moves past them.
+  bool GetSub(size_t n, ByteReader* out) {
+    const uint8_t* p;
+    if (!GetBytes(n, &p)) {
+      return false;
+    }
+    *out = ByteReader(p, static_cast<uint32_t>(n));
+    return true;
+  }
+  size_t Remaining() const { return remaining_; }
+  uint32_t Consumed() const { return static_cast<uint32_t>(consumed_); }
+
+ private:
+  const uint8_t* data_;
+  size_t remaining_;
+  size_t consumed_ = 0;
+};
+
+// Bounded big-endian writer; a write that does not fit fails and sets the
+// writer to failed for good, so a chain of writes needs one check at the end.
+class ByteWriter {
+ public:
+  ByteWriter(uint8_t* data, uint32_t len) : data_(data), capacity_(data ? len : 0) {}
+
+  bool PutBytes(const uint8_t* p, size_t n) {
+    if (!ok_ || capacity_ - written_ < n) {
+      ok_ = false;
+      return false;
+    }
+    if (n > 0) {
+      std::memcpy(data_ + written_, p, n);
+    }
+    written_ += n;
+    return true;
+  }
+  bool PutU8(uint8_t v) { return PutBytes(&v, 1); }
+  bool PutU16(uint16_t v) {
+    const uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    return PutBytes(b, 2);
+  }
+  bool PutU32(uint32_t v) {
+    const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
+                          static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    return PutBytes(b, 4);
+  }
+  bool PutU64(uint64_t v) { return PutU32(static_cast<uint32_t>(v >> 32)) && PutU32(static_cast<uint32_t>(v)); }
+  bool PutTpm2b(uint16_t capacity, uint16_t size, const uint8_t* buffer) {
+    if (size > capacity) {
+      ok_ = false;
+      return false;
+    }
+    return PutU16(size) && PutBytes(buffer, size);
+  }
+  template <typename T>
+  bool PutTpm2b(const T& in) {
+    return PutTpm2b(T::kMax, in.size, in.buffer);
+  }
+  // Overwrites a 16- or 32-bit value written earlier at |offset|.
+  void PatchU16(size_t offset, uint16_t v) {
+    if (ok_ && offset + 2 <= written_) {
+      data_[offset] = static_cast<uint8_t>(v >> 8);
+      data_[offset + 1] = static_cast<uint8_t>(v);
+    }
+  }
+  void PatchU32(size_t offset, uint32_t v) {
+    if (ok_ && offset + 4 <= written_) {
+      for (int i = 0; i < 4; ++i) {
+        data_[offset + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+      }
+    }
+  }
+  void Fail() { ok_ = false; }
+  bool ok() const { return ok_; }
+  size_t Written() const { return written_; }
+  uint32_t Result() const { return ok_ ? static_cast<uint32_t>(written_) : 0; }
+
+ private:
+  uint8_t* data_;
+  size_t capacity_;
+  size_t written_ = 0;
+  bool ok_ = true;
+};
+
+// Digest size of a TPMT_HA hash selector; NULL carries no digest. Returns
+// false for any other selector.
+bool HaDigestSize(uint16_t alg, uint16_t* out) {
+  switch (alg) {
+    case kTpmAlgSha1: *out = 20; return true;
+    case kTpmAlgSha256: *out = 32; return true;
+    case kTpmAlgSha384: *out = 48; return true;
+    case kTpmAlgSha512: *out = 64; return true;
+    case kTpmAlgSm3_256: *out = 32; return true;
+    case kTpmAlgNull: *out = 0; return true;
+    default: return false;
+  }
+}
+
+bool ReadHa(ByteReader* r, TPMT_HA* out) {
+  uint16_t size;
+  const uint8_t* bytes;
+  if (!r->GetU16(&out->hashAlg) || !HaDigestSize(out->hashAlg, &size) || !r->GetBytes(size, &bytes)) {
+    return false;
+  }
+  std::memcpy(out->digest, bytes, size);
+  return true;
+}
+
+bool WriteHa(ByteWriter* w, const TPMT_HA& in) {
+  uint16_t size;
+  if (!HaDigestSize(in.hashAlg, &size)) {
+    w->Fail();
+    return false;
+  }
+  return w->PutU16(in.hashAlg) && w->PutBytes(in.digest, size);
+}
+
+// TPMS_PCR_SELECTION: hash UINT16, sizeofSelect UINT8, pcrSelect BYTE[sizeofSelect].
+bool ReadPcrSelectionList(ByteReader* r, TPML_PCR_SELECTION* out) {
+  if (!r->GetU32(&out->count) || out->count > kMaxPcrSelections) {  // count UINT32
+    return false;
+  }
+  for (uint32_t i = 0; i < out->count; ++i) {
+    TPMS_PCR_SELECTION& s = out->pcrSelections[i];
+    const uint8_t* select;
+    if (!r->GetU16(&s.hash) || !r->GetU8(&s.sizeofSelect) || s.sizeofSelect > kMaxSizeofSelect ||
+        !r->GetBytes(s.sizeofSelect, &select)) {
+      return false;
+    }
+    std::memset(s.pcrSelect, 0, sizeof(s.pcrSelect));
+    std::memcpy(s.pcrSelect, select, s.sizeofSelect);
+  }
+  return true;
+}
+
+bool WritePcrSelectionList(ByteWriter* w, const TPML_PCR_SELECTION& in) {
+  if (in.count > kMaxPcrSelections) {
+    w->Fail();
+    return false;
+  }
+  w->PutU32(in.count);
+  for (uint32_t i = 0; i < in.count; ++i) {
+    const TPMS_PCR_SELECTION& s = in.pcrSelections[i];
+    if (s.sizeofSelect > kMaxSizeofSelect) {
+      w->Fail();
+      return false;
+    }
+    w->PutU16(s.hash);
+    w->PutU8(s.sizeofSelect);
+    w->PutBytes(s.pcrSelect, s.sizeofSelect);
+  }
+  return w->ok();
+}
+
+bool ReadDigestList(ByteReader* r, TPML_DIGEST* out) {
+  if (!r->GetU32(&out->count) || out->count > kMaxDigestListCount) {  // count UINT32
+    return false;
+  }
+  for (uint32_t i = 0; i < out->count; ++i) {
+    if (!r->GetTpm2b(&out->digests[i])) {  // digests TPM2B_DIGEST[count]
+      return false;
+    }
+  }
+  return true;
+}
+
+bool WriteDigestList(ByteWriter* w, const TPML_DIGEST& in) {
+  if (in.count > kMaxDigestListCount) {
+    w->Fail();
+    return false;
+  }
+  w->PutU32(in.count);
+  for (uint32_t i = 0; i < in.count; ++i) {
+    w->PutTpm2b(in.digests[i]);
+  }
+  return w->ok();
+}
+
+bool SymHasMode(uint16_t alg) {
+  return alg == kTpmAlgAes || alg == kTpmAlgSm4 || alg == kTpmAlgCamellia;
+}
+
+// TPMT_SYM_DEF_OBJECT: algorithm, then keyBits (the hash for XOR) and mode
+// (block ciphers only); NULL has nothing after the algorithm.
+bool ReadSymDef(ByteReader* r, TPMT_SYM_DEF_OBJECT* out) {
+  out->keyBits = 0;
+  out->mode = 0;
+  if (!r->GetU16(&out->algorithm)) {
+    return false;
+  }
+  switch (out->algorithm) {
+    case kTpmAlgNull:
+      return true;
+    case kTpmAlgXor:
+      return r->GetU16(&out->keyBits);
+    case kTpmAlgAes:
+    case kTpmAlgSm4:
+    case kTpmAlgCamellia:
+      return r->GetU16(&out->keyBits) && r->GetU16(&out->mode);
+    default:
+      return false;
+  }
+}
+
+bool WriteSymDef(ByteWriter* w, const TPMT_SYM_DEF_OBJECT& in) {
+  switch (in.algorithm) {
+    case kTpmAlgNull:
+      return w->PutU16(in.algorithm);
+    case kTpmAlgXor:
+      return w->PutU16(in.algorithm) && w->PutU16(in.keyBits);
+    default:
+      if (!SymHasMode(in.algorithm)) {
+        w->Fail();
+        return false;
+      }
+      return w->PutU16(in.algorithm) && w->PutU16(in.keyBits) && w->PutU16(in.mode);
+  }
+}
+
+enum class SchemeDetails { kNone, kHash, kHashCount, kInvalid };
+
+SchemeDetails AsymSchemeDetails(uint16_t scheme) {
+  switch (scheme) {
+    case kTpmAlgNull:
+    case kTpmAlgRsaes:
+      return SchemeDetails::kNone;
+    case kTpmAlgRsassa:
+    case kTpmAlgRsapss:
+    case kTpmAlgOaep:
+    case kTpmAlgEcdsa:
+    case kTpmAlgEcdh:
+    case kTpmAlgSm2:
+    case kTpmAlgEcschnorr:
+    case kTpmAlgEcmqv:
+      return SchemeDetails::kHash;
+    case kTpmAlgEcdaa:
+      return SchemeDetails::kHashCount;
+    default:
+      return SchemeDetails::kInvalid;
+  }
+}
+
+SchemeDetails SigSchemeDetails(uint16_t scheme) {
+  switch (scheme) {
+    case kTpmAlgNull:
+      return SchemeDetails::kNone;
+    case kTpmAlgHmac:
+    case kTpmAlgRsassa:
+    case kTpmAlgRsapss:
+    case kTpmAlgEcdsa:
+    case kTpmAlgSm2:
+    case kTpmAlgEcschnorr:
+      return SchemeDetails::kHash;
+    case kTpmAlgEcdaa:
+      return SchemeDetails::kHashCount;
+    default:
+      return SchemeDetails::kInvalid;
+  }
+}
+
+// scheme UINT16, then details: hashAlg UINT16 and, for ECDAA, count UINT16.
+bool ReadScheme(ByteReader* r, SchemeDetails (*details)(uint16_t), TPMT_SIG_SCHEME* out) {
+  out->hashAlg = 0;
+  out->count = 0;
+  if (!r->GetU16(&out->scheme)) {
+    return false;
+  }
+  switch (details(out->scheme)) {
+    case SchemeDetails::kNone:
+      return true;
+    case SchemeDetails::kHash:
+      return r->GetU16(&out->hashAlg);
+    case SchemeDetails::kHashCount:
+      return r->GetU16(&out->hashAlg) && r->GetU16(&out->count);
+    case SchemeDetails::kInvalid:
+      break;
+  }
+  return false;
+}
+
+bool WriteScheme(ByteWriter* w, SchemeDetails (*details)(uint16_t), const TPMT_SIG_SCHEME& in) {
+  switch (details(in.scheme)) {
+    case SchemeDetails::kNone:
+      return w->PutU16(in.scheme);
+    case SchemeDetails::kHash:
+      return w->PutU16(in.scheme) && w->PutU16(in.hashAlg);
+    case SchemeDetails::kHashCount:
+      return w->PutU16(in.scheme) && w->PutU16(in.hashAlg) && w->PutU16(in.count);
+    case SchemeDetails::kInvalid:
+      break;
+  }
+  w->Fail();
+  return false;
+}
+
+// TPMT_KEYEDHASH_SCHEME: HMAC (hash), XOR (hash, kdf) or NULL.
+bool ReadKeyedHashScheme(ByteReader* r, TPMT_SIG_SCHEME* out) {
+  out->hashAlg = 0;
+  out->count = 0;
+  if (!r->GetU16(&out->scheme)) {
+    return false;
+  }
+  switch (out->scheme) {
+    case kTpmAlgNull:
+      return true;
+    case kTpmAlgHmac:
+      return r->GetU16(&out->hashAlg);
+    case kTpmAlgXor:
+      return r->GetU16(&out->hashAlg) && r->GetU16(&out->count);
+    default:
+      return false;
+  }
+}
+
+bool WriteKeyedHashScheme(ByteWriter* w, const TPMT_SIG_SCHEME& in) {
+  switch (in.scheme) {
+    case kTpmAlgNull:
+      return w->PutU16(in.scheme);
+    case kTpmAlgHmac:
+      return w->PutU16(in.scheme) && w->PutU16(in.hashAlg);
+    case kTpmAlgXor:
+      return w->PutU16(in.scheme) && w->PutU16(in.hashAlg) && w->PutU16(in.count);
+    default:
+      w->Fail();
+      return false;
+  }
+}
+
+bool KdfHasHash(uint16_t scheme, bool* out) {
+  switch (scheme) {
+    case kTpmAlgMgf1:
+    case kTpmAlgKdf1Sp800_56a:
+    case kTpmAlgKdf2:
+    case kTpmAlgKdf1Sp800_108:
+      *out = true;
+      return true;
+    case kTpmAlgNull:
+      *out = false;
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool ReadPublicArea(ByteReader* r, TPMT_PUBLIC* out) {
+  TPMS_PUBLIC_PARMS& p = out->parameters;
+  std::memset(&p, 0, sizeof(p));
+  if (!r->GetU16(&out->type) ||              // type              TPMI_ALG_PUBLIC
+      !r->GetU16(&out->nameAlg) ||           // nameAlg           TPMI_ALG_HASH
+      !r->GetU32(&out->objectAttributes) ||  // objectAttributes  TPMA_OBJECT
+      !r->GetTpm2b(&out->authPolicy)) {      // authPolicy        TPM2B_DIGEST
+    return false;
+  }
+  switch (out->type) {
+    case kTpmAlgRsa:  // TPMS_RSA_PARMS, TPM2B_PUBLIC_KEY_RSA
+      return ReadSymDef(r, &p.symmetric) && ReadScheme(r, AsymSchemeDetails, &p.scheme) &&
+             r->GetU16(&p.keyBits) && r->GetU32(&p.exponent) && r->GetTpm2b(&out->unique.rsa);
+    case kTpmAlgKeyedHash:  // TPMS_KEYEDHASH_PARMS, TPM2B_DIGEST
+      return ReadKeyedHashScheme(r, &p.scheme) && r->GetTpm2b(&out->unique.sym);
+    case kTpmAlgSymCipher:  // TPMS_SYMCIPHER_PARMS, TPM2B_DIGEST
+      return ReadSymDef(r, &p.symmetric) && r->GetTpm2b(&out->unique.sym);
+    case kTpmAlgEcc: {  // TPMS_ECC_PARMS, TPMS_ECC_POINT
+      bool kdf_hash;
+      if (!ReadSymDef(r, &p.symmetric) || !ReadScheme(r, AsymSchemeDetails, &p.scheme) ||
+          !r->GetU16(&p.curveID) || !r->GetU16(&p.kdf.scheme) || !KdfHasHash(p.kdf.scheme, &kdf_hash)) {
+        return false;
+      }
+      if (kdf_hash && !r->GetU16(&p.kdf.hashAlg)) {
+        return false;
+      }
+      return r->GetTpm2b(&out->unique.ecc.x) && r->GetTpm2b(&out->unique.ecc.y);
+    }
+    default:
+      return false;
+  }
+}
+
+bool WritePublicArea(ByteWriter* w, const TPMT_PUBLIC& in) {
+  const TPMS_PUBLIC_PARMS& p = in.parameters;
+  w->PutU16(in.type);
+  w->PutU16(in.nameAlg);
+  w->PutU32(in.objectAttributes);
+  w->PutTpm2b(in.authPolicy);
+  switch (in.type) {
+    case kTpmAlgRsa:
+      return WriteSymDef(w, p.symmetric) && WriteScheme(w, AsymSchemeDetails, p.scheme) &&
+             w->PutU16(p.keyBits) && w->PutU32(p.exponent) && w->PutTpm2b(in.unique.rsa);
+    case kTpmAlgKeyedHash:
+      return WriteKeyedHashScheme(w, p.scheme) && w->PutTpm2b(in.unique.sym);
+    case kTpmAlgSymCipher:
+      return WriteSymDef(w, p.symmetric) && w->PutTpm2b(in.unique.sym);
+    case kTpmAlgEcc: {
+      bool kdf_hash;
+      if (!WriteSymDef(w, p.symmetric) || !WriteScheme(w, AsymSchemeDetails, p.scheme) ||
+          !w->PutU16(p.curveID) || !KdfHasHash(p.kdf.scheme, &kdf_hash) || !w->PutU16(p.kdf.scheme)) {
+        w->Fail();
+        return false;
+      }
+      if (kdf_hash) {
+        w->PutU16(p.kdf.hashAlg);
+      }
+      return w->PutTpm2b(in.unique.ecc.x) && w->PutTpm2b(in.unique.ecc.y);
+    }
+    default:
+      w->Fail();
+      return false;
+  }
+}
+
+bool ReadSignature(ByteReader* r, TPMT_SIGNATURE* out) {
+  if (!r->GetU16(&out->sigAlg)) {  // sigAlg TPMI_ALG_SIG_SCHEME
+    return false;
+  }
+  switch (out->sigAlg) {
+    case kTpmAlgNull:
+      return true;
+    case kTpmAlgHmac:  // TPMT_HA
+      return ReadHa(r, &out->signature.hmac);
+    case kTpmAlgRsassa:
+    case kTpmAlgRsapss:  // hash, TPM2B_PUBLIC_KEY_RSA
+      return r->GetU16(&out->signature.rsassa.hash) && r->GetTpm2b(&out->signature.rsassa.sig);
+    case kTpmAlgEcdsa:
+    case kTpmAlgEcdaa:
+    case kTpmAlgSm2:
+    case kTpmAlgEcschnorr:  // hash, signatureR, signatureS
+      return r->GetU16(&out->signature.ecdsa.hash) && r->GetTpm2b(&out->signature.ecdsa.signatureR) &&
+             r->GetTpm2b(&out->signature.ecdsa.signatureS);
+    default:
+      return false;
+  }
+}
+
+bool WriteSignature(ByteWriter* w, const TPMT_SIGNATURE& in) {
+  switch (in.sigAlg) {
+    case kTpmAlgNull:
+      return w->PutU16(in.sigAlg);
+    case kTpmAlgHmac:
+      return w->PutU16(in.sigAlg) && WriteHa(w, in.signature.hmac);
+    case kTpmAlgRsassa:
+    case kTpmAlgRsapss:
+      return w->PutU16(in.sigAlg) && w->PutU16(in.signature.rsassa.hash) &&
+             w->PutTpm2b(in.signature.rsassa.sig);
+    case kTpmAlgEcdsa:
+    case kTpmAlgEcdaa:
+    case kTpmAlgSm2:
+    case kTpmAlgEcschnorr:
+      return w->PutU16(in.sigAlg) && w->PutU16(in.signature.ecdsa.hash) &&
+             w->PutTpm2b(in.signature.ecdsa.signatureR) && w->PutTpm2b(in.signature.ecdsa.signatureS);
+    default:
+      w->Fail();
+      return false;
+  }
+}
+
+bool ReadAuthCommand(ByteReader* r, TPMS_AUTH_COMMAND* out) {
+  return r->GetU32(&out->sessionHandle) &&   // sessionHandle      TPMI_SH_AUTH_SESSION
+         r->GetTpm2b(&out->nonce) &&         // nonce              TPM2B_NONCE
+         r->GetU8(&out->sessionAttributes) &&  // sessionAttributes TPMA_SESSION
+         r->GetTpm2b(&out->hmac);            // hmac               TPM2B_AUTH
+}
+
+bool ReadAuthResponse(ByteReader* r, TPMS_AUTH_RESPONSE* out) {
+  return r->GetTpm2b(&out->nonce) && r->GetU8(&out->sessionAttributes) && r->GetTpm2b(&out->hmac);
+}
+
+bool ReadContext(ByteReader* r, TPMS_CONTEXT* out) {
+  return r->GetU64(&out->sequence) && r->GetU32(&out->savedHandle) && r->GetU32(&out->hierarchy) &&
+         r->GetTpm2b(&out->contextBlob);
+}
+
+// Command framing: header with commandSize patched at the end, and an
+// optional authorization area whose size is patched once it is written.
+constexpr uint32_t kCcHierarchyControl = 0x121;
+constexpr uint32_t kCcPcrReset = 0x13D;
+constexpr uint32_t kCcNvRead = 0x14E;
+constexpr uint32_t kCcStartup = 0x144;
+constexpr uint32_t kCcShutdown = 0x145;
+constexpr uint32_t kCcContextLoad = 0x161;
+constexpr uint32_t kCcContextSave = 0x162;
+constexpr uint32_t kCcFlushContext = 0x165;
+constexpr uint32_t kCcNvReadPublic = 0x169;
+constexpr uint32_t kCcGetCapability = 0x17A;
+constexpr uint32_t kCcGetRandom = 0x17B;
+constexpr uint32_t kCcPcrRead = 0x17E;
+constexpr uint32_t kCcPcrExtend = 0x182;
+
+void BeginCommand(ByteWriter* w, uint16_t tag, uint32_t code) {
+  w->PutU16(tag);
+  w->PutU32(0);  // commandSize, patched by EndCommand
+  w->PutU32(code);
+}
+
+uint32_t EndCommand(ByteWriter* w) {
+  w->PatchU32(2, static_cast<uint32_t>(w->Written()));
+  return w->Result();
+}
+
+void WriteAuthArea(ByteWriter* w, const TPMS_AUTH_COMMAND& auth) {
+  size_t size_at = w->Written();
+  w->PutU32(0);  // authorizationSize, patched below
+  size_t start = w->Written();
+  w->PutU32(auth.sessionHandle);
+  w->PutTpm2b(auth.nonce);
+  w->PutU8(auth.sessionAttributes);
+  w->PutTpm2b(auth.hmac);
+  w->PatchU32(size_at, static_cast<uint32_t>(w->Written() - start));
+}
+
+// Reads the response header; returns true when parameters follow (success).
+// With sessions, the parameterSize word comes first.
+bool ReadResponseStart(ByteReader* r, TPM2_RESPONSE_HEADER* out, bool* out_params) {
+  if (!r->GetU16(&out->tag) || !r->GetU32(&out->responseSize) || !r->GetU32(&out->responseCode)) {
+    return false;
+  }
+  *out_params = out->responseCode == 0;
+  if (*out_params && out->tag == kTpmStSessions) {
+    uint32_t parameter_size;
+    return r->GetU32(&parameter_size);
+  }
+  return true;
+}
+
+template <typename T>
+uint32_t MarshalSized(const T* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  if (in == nullptr) {
+    w.PutU16(0);
+  } else {
+    w.PutTpm2b(*in);
+  }
+  return w.Result();
+}
+
+template <typename T>
+uint32_t UnmarshalSized(const uint8_t* src, uint32_t src_len, T* out) {
+  ByteReader r(src, src_len);
+  return r.GetTpm2b(out) ? r.Consumed() : 0;
+}
+
+}  // namespace
+
+uint32_t Tpm2_Marshal_TPM2B_DATA(const TPM2B_DATA* in, uint8_t* dst, uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+uint32_t Tpm2_Marshal_TPM2B_NAME(const TPM2B_NAME* in, uint8_t* dst, uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+uint32_t Tpm2_Marshal_TPM2B_ID_OBJECT(const TPM2B_ID_OBJECT* in, uint8_t* dst, uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+uint32_t Tpm2_Marshal_TPM2B_ENCRYPTED_SECRET(const TPM2B_ENCRYPTED_SECRET* in, uint8_t* dst,
+                                             uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+uint32_t Tpm2_Marshal_TPM2B_DIGEST(const TPM2B_DIGEST* in, uint8_t* dst, uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+uint32_t Tpm2_Marshal_TPM2B_ATTEST(const TPM2B_ATTEST* in, uint8_t* dst, uint32_t dst_len) {
+  return MarshalSized(in, dst, dst_len);
+}
+
+uint32_t Tpm2_Unmarshal_TPM2B_DATA(const uint8_t* src, uint32_t src_len, TPM2B_DATA* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+uint32_t Tpm2_Unmarshal_TPM2B_DIGEST(const uint8_t* src, uint32_t src_len, TPM2B_DIGEST* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+uint32_t Tpm2_Unmarshal_TPM2B_ID_OBJECT(const uint8_t* src, uint32_t src_len, TPM2B_ID_OBJECT* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+uint32_t Tpm2_Unmarshal_TPM2B_ENCRYPTED_SECRET(const uint8_t* src, uint32_t src_len,
+                                               TPM2B_ENCRYPTED_SECRET* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+uint32_t Tpm2_Unmarshal_TPM2B_PRIVATE(const uint8_t* src, uint32_t src_len, TPM2B_PRIVATE* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+uint32_t Tpm2_Unmarshal_TPM2B_ATTEST(const uint8_t* src, uint32_t src_len, TPM2B_ATTEST* out) {
+  return UnmarshalSized(src, src_len, out);
+}
+
+uint32_t Tpm2_Marshal_TPM2B_PUBLIC(const TPM2B_PUBLIC* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  w.PutU16(0);  // size, patched with the public area's length
+  if (!WritePublicArea(&w, in->publicArea) || w.Written() - 2 > 0xffff) {
+    return 0;
+  }
+  w.PatchU16(0, static_cast<uint16_t>(w.Written() - 2));
+  return w.Result();
+}
+
+uint32_t Tpm2_Unmarshal_TPM2B_PUBLIC(const uint8_t* src, uint32_t src_len, TPM2B_PUBLIC* out) {
+  ByteReader r(src, src_len);
+  ByteReader area(nullptr, 0);
+  if (!r.GetU16(&out->size) || !r.GetSub(out->size, &area) ||  // size UINT16, publicArea
+      !ReadPublicArea(&area, &out->publicArea) || area.Remaining() != 0) {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_Unmarshal_TPMT_PUBLIC(const uint8_t* src, uint32_t src_len, TPMT_PUBLIC* out) {
+  ByteReader r(src, src_len);
+  return ReadPublicArea(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPMS_ATTEST(const uint8_t* src, uint32_t src_len, TPMS_ATTEST* out) {
+  ByteReader r(src, src_len);
+  if (!r.GetU32(&out->magic) ||               // magic            TPM_GENERATED
+      !r.GetU16(&out->type) ||                // type             TPMI_ST_ATTEST
+      out->type != kTpmStAttestQuote ||       //   quotes only
+      !r.GetTpm2b(&out->qualifiedSigner) ||   // qualifiedSigner  TPM2B_NAME
+      !r.GetTpm2b(&out->extraData) ||         // extraData        TPM2B_DATA
+      !r.GetU64(&out->clockInfo.clock) ||     // clockInfo        TPMS_CLOCK_INFO
+      !r.GetU32(&out->clockInfo.resetCount) ||
+      !r.GetU32(&out->clockInfo.restartCount) ||
+      !r.GetU8(&out->clockInfo.safe) ||
+      !r.GetU64(&out->firmwareVersion) ||     // firmwareVersion  UINT64
+      !ReadPcrSelectionList(&r, &out->pcrSelect) ||  // attested.quote.pcrSelect
+      !r.GetTpm2b(&out->pcrDigest)) {                // attested.quote.pcrDigest
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_Marshal_TPMT_SIGNATURE(const TPMT_SIGNATURE* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  return WriteSignature(&w, *in) ? w.Result() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPMT_SIGNATURE(const uint8_t* src, uint32_t src_len, TPMT_SIGNATURE* out) {
+  ByteReader r(src, src_len);
+  return ReadSignature(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Marshal_TPMT_SIG_SCHEME(const TPMT_SIG_SCHEME* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  return WriteScheme(&w, SigSchemeDetails, *in) ? w.Result() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPMT_SIG_SCHEME(const uint8_t* src, uint32_t src_len, TPMT_SIG_SCHEME* out) {
+  ByteReader r(src, src_len);
+  return ReadScheme(&r, SigSchemeDetails, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Marshal_TPML_PCR_SELECTION(const TPML_PCR_SELECTION* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  return WritePcrSelectionList(&w, *in) ? w.Result() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPML_PCR_SELECTION(const uint8_t* src, uint32_t src_len,
+                                           TPML_PCR_SELECTION* out) {
+  ByteReader r(src, src_len);
+  return ReadPcrSelectionList(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Marshal_TPML_DIGEST(const TPML_DIGEST* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  return WriteDigestList(&w, *in) ? w.Result() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPML_DIGEST(const uint8_t* src, uint32_t src_len, TPML_DIGEST* out) {
+  ByteReader r(src, src_len);
+  return ReadDigestList(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_UINT32(const uint8_t* src, uint32_t src_len, uint32_t* out) {
+  ByteReader r(src, src_len);
+  return r.GetU32(out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_UnmarshalCommandHeader(const uint8_t* src, uint32_t src_len, TPM2_COMMAND_HEADER* out) {
+  ByteReader r(src, src_len);
+  return r.GetU16(&out->tag) && r.GetU32(&out->commandSize) && r.GetU32(&out->commandCode)
+             ? r.Consumed()
+             : 0;
+}
+
+uint32_t Tpm2_UnmarshalResponseHeader(const uint8_t* src, uint32_t src_len, TPM2_RESPONSE_HEADER* out) {
+  ByteReader r(src, src_len);
+  return r.GetU16(&out->tag) && r.GetU32(&out->responseSize) && r.GetU32(&out->responseCode)
+             ? r.Consumed()
+             : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPMS_AUTH_COMMAND(const uint8_t* src, uint32_t src_len, TPMS_AUTH_COMMAND* out) {
+  ByteReader r(src, src_len);
+  return ReadAuthCommand(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_Unmarshal_TPMS_AUTH_RESPONSE(const uint8_t* src, uint32_t src_len,
+                                           TPMS_AUTH_RESPONSE* out) {
+  ByteReader r(src, src_len);
+  return ReadAuthResponse(&r, out) ? r.Consumed() : 0;
+}
+
+uint32_t Tpm2_MarshalStartupIn(const StartupIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcStartup);
+  w.PutU16(in->startupType);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalShutdownIn(const ShutdownIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcShutdown);
+  w.PutU16(in->shutdownType);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalPcrReadIn(const PcrReadIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcPcrRead);
+  WritePcrSelectionList(&w, in->pcrSelectionIn);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalPcrExtendIn(const PcrExtendIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStSessions, kCcPcrExtend);
+  w.PutU32(in->pcrHandle);
+  WriteAuthArea(&w, in->auth);
+  if (in->digests.count > kMaxDigestValues) {
+    return 0;
+  }
+  w.PutU32(in->digests.count);
+  for (uint32_t i = 0; i < in->digests.count; ++i) {
+    WriteHa(&w, in->digests.digests[i]);
+  }
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalPcrResetIn(const PcrResetIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStSessions, kCcPcrReset);
+  w.PutU32(in->pcrHandle);
+  WriteAuthArea(&w, in->auth);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalGetCapabilityIn(const GetCapabilityIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcGetCapability);
+  w.PutU32(in->capability);
+  w.PutU32(in->property);
+  w.PutU32(in->propertyCount);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalContextLoadIn(const ContextLoadIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcContextLoad);
+  w.PutU64(in->context.sequence);
+  w.PutU32(in->context.savedHandle);
+  w.PutU32(in->context.hierarchy);
+  w.PutTpm2b(in->context.contextBlob);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalContextSaveIn(const ContextSaveIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcContextSave);
+  w.PutU32(in->saveHandle);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalFlushContextIn(const FlushContextIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcFlushContext);
+  w.PutU32(in->flushHandle);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalHierarchyCtrlIn(const HierarchyCtrlIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStSessions, kCcHierarchyControl);
+  w.PutU32(in->authHandle);
+  WriteAuthArea(&w, in->auth);
+  w.PutU32(in->enable);
+  w.PutU8(in->state);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalNvReadPublicIn(const NvReadPublicIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcNvReadPublic);
+  w.PutU32(in->nvIndex);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalNvReadIn(const NvReadIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStSessions, kCcNvRead);
+  w.PutU32(in->authHandle);
+  w.PutU32(in->nvIndex);
+  WriteAuthArea(&w, in->auth);
+  w.PutU16(in->size);
+  w.PutU16(in->offset);
+  return EndCommand(&w);
+}
+
+uint32_t Tpm2_MarshalGetRandomIn(const GetRandomIn* in, uint8_t* dst, uint32_t dst_len) {
+  ByteWriter w(dst, dst_len);
+  BeginCommand(&w, kTpmStNoSessions, kCcGetRandom);
+  w.PutU16(in->bytesRequested);
+  return EndCommand(&w);
+}
+
+namespace {
+uint32_t UnmarshalHeaderOnly(const uint8_t* src, uint32_t src_len, HeaderOnlyOut* out) {
+  return Tpm2_UnmarshalResponseHeader(src, src_len, &out->header);
+}
+}  // namespace
+
+uint32_t Tpm2_UnmarshalStartupOut(const uint8_t* src, uint32_t src_len, StartupOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+uint32_t Tpm2_UnmarshalShutdownOut(const uint8_t* src, uint32_t src_len, ShutdownOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+uint32_t Tpm2_UnmarshalPcrExtendOut(const uint8_t* src, uint32_t src_len, PcrExtendOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+uint32_t Tpm2_UnmarshalPcrResetOut(const uint8_t* src, uint32_t src_len, PcrResetOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+uint32_t Tpm2_UnmarshalFlushContextOut(const uint8_t* src, uint32_t src_len, FlushContextOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+uint32_t Tpm2_UnmarshalHierarchyCtrlOut(const uint8_t* src, uint32_t src_len, HierarchyCtrlOut* out) {
+  return UnmarshalHeaderOnly(src, src_len, out);
+}
+
+uint32_t Tpm2_UnmarshalPcrReadOut(const uint8_t* src, uint32_t src_len, PcrReadOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params)) {
+    return 0;
+  }
+  if (params && (!r.GetU32(&out->pcrUpdateCounter) ||          // pcrUpdateCounter UINT32
+                 !ReadPcrSelectionList(&r, &out->pcrSelectionOut) ||  // TPML_PCR_SELECTION
+                 !ReadDigestList(&r, &out->pcrValues))) {             // TPML_DIGEST
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalGetCapabilityOut(const uint8_t* src, uint32_t src_len, GetCapabilityOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params)) {
+    return 0;
+  }
+  if (!params) {
+    return r.Consumed();
+  }
+  // moreData TPMI_YES_NO, capabilityData TPMS_CAPABILITY_DATA (capability, count, list)
+  if (!r.GetU8(&out->moreData) || !r.GetU32(&out->capability) || !r.GetU32(&out->count)) {
+    return 0;
+  }
+  if (out->capability == kTpmCapCommands) {
+    if (out->count > kMaxCapCommands) {
+      return 0;
+    }
+    for (uint32_t i = 0; i < out->count; ++i) {
+      if (!r.GetU32(&out->commands[i])) {
+        return 0;
+      }
+    }
+  } else if (out->capability == kTpmCapTpmProperties) {
+    if (out->count > kMaxCapTpmProperties) {
+      return 0;
+    }
+    for (uint32_t i = 0; i < out->count; ++i) {
+      if (!r.GetU32(&out->properties[i].property) || !r.GetU32(&out->properties[i].value)) {
+        return 0;
+      }
+    }
+  } else {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalContextLoadOut(const uint8_t* src, uint32_t src_len, ContextLoadOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params) || (params && !r.GetU32(&out->loadedHandle))) {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalContextSaveOut(const uint8_t* src, uint32_t src_len, ContextSaveOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params) || (params && !ReadContext(&r, &out->context))) {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalNvReadPublicOut(const uint8_t* src, uint32_t src_len, NvReadPublicOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params)) {
+    return 0;
+  }
+  if (!params) {
+    return r.Consumed();
+  }
+  // nvPublic TPM2B_NV_PUBLIC: size, then TPMS_NV_PUBLIC filling it exactly.
+  uint16_t size;
+  ByteReader nv(nullptr, 0);
+  TPMS_NV_PUBLIC& p = out->nvPublic;
+  if (!r.GetU16(&size) || !r.GetSub(size, &nv) || !nv.GetU32(&p.nvIndex) || !nv.GetU16(&p.nameAlg) ||
+      !nv.GetU32(&p.attributes) || !nv.GetTpm2b(&p.authPolicy) || !nv.GetU16(&p.dataSize) ||
+      nv.Remaining() != 0 || !r.GetTpm2b(&out->nvName)) {  // nvName TPM2B_NAME
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalNvReadOut(const uint8_t* src, uint32_t src_len, NvReadOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params)) {
+    return 0;
+  }
+  if (params && (!r.GetTpm2b(&out->data) || !ReadAuthResponse(&r, &out->auth))) {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+uint32_t Tpm2_UnmarshalGetRandomOut(const uint8_t* src, uint32_t src_len, GetRandomOut* out) {
+  ByteReader r(src, src_len);
+  bool params;
+  if (!ReadResponseStart(&r, &out->header, &params) || (params && !r.GetTpm2b(&out->randomBytes))) {
+    return 0;
+  }
+  return r.Consumed();
+}
+
+}  // namespace Witnessd::Verify

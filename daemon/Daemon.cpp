@@ -10,6 +10,8 @@
 #include <boost/asio/io_context.hpp>
 
 #include "api/endpoint/Endpoint.h"
+#include "api/errors/ErrorCatalogue.h"
+#include "api/provider/ProviderAssembly.h"
 #include "daemon/log/LumenLoggerWrapper.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
@@ -79,10 +81,15 @@ int Main() {
 
     auto logger = std::make_shared<AttestApi::LumenLoggerWrapper>(&Log_Level);
 
-    // Default localizer and provider assembly (hook: API provider).
+    auto localizer = std::make_shared<Lumen::L10n::Localizer>("en_US", &AttestApi::Errors::LookupMessage);
+    // Service implementations are bound here as they are built (hook: services).
+    AttestApi::ServiceImpls services;
+    auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
+                                                errors_tracker, services);
 
     auto io = std::make_shared<boost::asio::io_context>();
-    auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, logger);
+    auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, provider,
+                                                          [](const std::string&) {}, localizer, logger);
 
     bool serving = false;
     if (!endpoint->Start()) {
@@ -101,6 +108,8 @@ int Main() {
       g_endpoint.store(nullptr);
       endpoint.reset();
       io.reset();
+      provider.reset();
+      localizer.reset();
       logger.reset();
       status = 0;
     }

@@ -1,23 +1,43 @@
+// The only translation unit that instantiates Boost.Beast: the HTTP session,
+// the in-memory classifier and the listeners.
 #include "api/endpoint/Endpoint.h"
 
-#include <boost/asio/ip/v6_only.hpp>
-#include <boost/asio/socket_base.hpp>
+#include <atomic>
+#include <optional>
 #include <sstream>
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/socket_base.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
 
 #include "platform/Hearth.h"
 #include "platform/Log.h"
+#include "platform/lumen/JsonRpc.h"
 
 namespace Witnessd::AttestApi {
 
 namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
 using tcp = asio::ip::tcp;
 
 namespace {
 
+constexpr int kLumenDebug = 1;
 constexpr int kLumenInfo = 2;
+constexpr int kLumenWarning = 3;
 constexpr int kLumenError = 4;
 constexpr int kServingTasks = 5;
 constexpr int kBacklog = 128;
+constexpr auto kAcceptRetryDelay = std::chrono::milliseconds(100);
+
+constexpr const char* kServerName = "Lumen-PicoHttp";
 
 std::string EndpointText(const tcp::endpoint& ep) {
   std::ostringstream os;
@@ -25,30 +45,499 @@ std::string EndpointText(const tcp::endpoint& ep) {
   return os.str();
 }
 
+std::string_view View(beast::string_view s) {
+  return {s.data(), s.size()};
+}
+
+std::string Lower(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return out;
+}
+
+bool Contains(std::string_view haystack, std::string_view needle) {
+  return haystack.find(needle) != std::string_view::npos;
+}
+
+// NoBodyExpected tells whether a response to |method| with |status| carries
+// no body, so no Content-Length is written. The CONNECT test compares with a
+// misspelled 8-character text and so never matches; kept as it is, since
+// clients have only ever seen Content-Length on such replies.
+bool NoBodyExpected(std::string_view method, unsigned status) {
+  if ((status >= 100 && status < 200) || status == 204 || status == 304) {
+    return true;
+  }
+  beast::string_view m(method.data(), method.size());
+  return beast::iequals(m, "HEAD") || beast::iequals(m, "CONNNECT");
+}
+
+// The serialisation an accepted content type asks for.
+struct ContentType {
+  std::string value;  // as sent, without parameters
+  bool decorated = true;
+  bool streaming = false;
+};
+
+enum class TypeCheck { kAccepted, kFramed, kUnsupported };
+
+TypeCheck CheckContentType(std::string_view header, ContentType* out) {
+  std::string value = Lower(header.substr(0, header.find(';')));
+  while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) {
+    value.pop_back();
+  }
+  if (Contains(value, ".framed") || Contains(value, ".cframed")) {
+    return TypeCheck::kFramed;
+  }
+  static const char* const kAccepted[] = {
+      "application/json",
+      "application/vnd.quarro.lumen.cleanjson",
+      "application/vnd.quarro.lumen.stream.json",
+      "application/vnd.quarro.lumen.clean.stream.json",
+  };
+  for (const char* accepted : kAccepted) {
+    if (value == accepted) {
+      out->value = value;
+      out->decorated = !Contains(value, "clean");
+      out->streaming = Contains(value, ".stream.json");
+      return TypeCheck::kAccepted;
+    }
+  }
+  return TypeCheck::kUnsupported;
+}
+
+bool WantsKeepAlive(const http::request<http::string_body>& req) {
+  std::string connection = Lower(View(req[http::field::connection]));
+  if (Contains(connection, "close")) {
+    return false;
+  }
+  return req.version() >= 11 || Contains(connection, "keep-alive");
+}
+
+// ExpectationOk: no Expect header, or exactly 100-continue.
+bool ExpectationOk(const http::request<http::string_body>& req, bool* wants_continue) {
+  auto it = req.find(http::field::expect);
+  *wants_continue = false;
+  if (it == req.end()) {
+    return true;
+  }
+  if (!beast::iequals(it->value(), "100-continue")) {
+    return false;
+  }
+  *wants_continue = true;
+  return true;
+}
+
+// Classified is the decision about one complete request.
+struct Classified {
+  RequestVerdict verdict = RequestVerdict::kBadRequest;
+  const char* log_text = nullptr;
+  ContentType type;
+  std::string locale = "en_US";
+  Lumen::JsonRpc::Call call;
+};
+
+Classified Classify(const http::request<http::string_body>& req) {
+  Classified c;
+  if (req.method() != http::verb::post) {
+    c.log_text = "Request is considered as bad";
+    return c;
+  }
+  if (req.target() != "/api") {
+    c.verdict = RequestVerdict::kNotFound;
+    return c;
+  }
+  switch (CheckContentType(View(req[http::field::content_type]), &c.type)) {
+    case TypeCheck::kFramed:
+      c.log_text = "Request is framed. Not supported";
+      return c;
+    case TypeCheck::kUnsupported:
+      c.verdict = RequestVerdict::kInvalidContentType;
+      return c;
+    case TypeCheck::kAccepted:
+      break;
+  }
+  if (Contains(Lower(View(req[http::field::accept])), ".stream.json")) {
+    c.type.streaming = true;
+  }
+  for (beast::string_view name : {"lumen-ctx-format-locale", "accept-language"}) {
+    auto it = req.find(name);
+    if (it == req.end()) {
+      continue;
+    }
+    if (!Lumen::L10n::ParseLocaleHeader(std::string(it->value()), &c.locale)) {
+      c.verdict = RequestVerdict::kInvalidRequest;
+      c.log_text = "Incorrect value of accept-language or lumen-ctx-format-locale header";
+      return c;
+    }
+    break;
+  }
+  if (!Lumen::JsonRpc::ParseCall(req.body(), c.type.decorated, &c.call)) {
+    c.verdict = RequestVerdict::kInvalidRequest;
+    c.log_text = "Request deserialization failed";
+    return c;
+  }
+  c.verdict = RequestVerdict::kServe;
+  return c;
+}
+
+void ConfigureParser(http::request_parser<http::string_body>& parser, size_t body_limit) {
+  parser.body_limit(body_limit);
+}
+
+}  // namespace
+
+std::string FormatDuration(std::chrono::nanoseconds d) {
+  struct Unit {
+    int64_t ns;
+    const char* name;
+  };
+  static const Unit kUnits[] = {{60'000'000'000, "minutes"}, {1'000'000'000, "seconds"},
+                                {1'000'000, "milliseconds"}, {1'000, "microseconds"}, {1, "nanoseconds"}};
+  int64_t left = d.count();
+  std::string out;
+  for (const Unit& u : kUnits) {
+    int64_t n = left / u.ns;
+    if (n == 0) {
+      continue;
+    }
+    left -= n * u.ns;
+    if (!out.empty()) {
+      out += " and ";
+    }
+    out += std::to_string(n) + " " + u.name;
+  }
+  return out.empty() ? "0 nanoseconds" : out;
+}
+
+std::string ServerConfig::ToString() const {
+  std::ostringstream os;
+  os << "ServerConfig{port:" << port << " endpoint4:" << endpoint4 << ";endpoint6:" << endpoint6;
+  if (!localizer) {
+    os << ";Localizer not set";
+  }
+  os << " readTimeout:" << FormatDuration(read_timeout) << ";writeTimeout:" << FormatDuration(write_timeout)
+     << ";httpBodySizeLimitInBytes:" << http_body_size_limit_in_bytes
+     << " ProtocolHandlerSpec::extractors count:" << num_extractors << "}";
+  return os.str();
+}
+
+RequestVerdict ClassifyHttpRequest(std::string_view bytes) {
+  http::request_parser<http::string_body> parser;
+  ConfigureParser(parser, kHttpBodySizeLimitInBytes);
+  parser.eager(false);
+  beast::error_code ec;
+  asio::const_buffer buf(bytes.data(), bytes.size());
+  // Head first, as the session reads it: the Expect rule applies before any
+  // body byte is looked at.
+  while (!parser.is_header_done()) {
+    size_t used = parser.put(buf, ec);
+    buf += used;
+    if (ec == http::error::need_more) {
+      return RequestVerdict::kIncomplete;
+    }
+    if (ec == http::error::body_limit) {
+      return RequestVerdict::kTooLarge;
+    }
+    if (ec) {
+      return RequestVerdict::kBadRequest;
+    }
+  }
+  bool wants_continue = false;
+  if (!ExpectationOk(parser.get(), &wants_continue)) {
+    return RequestVerdict::kExpectationFailed;
+  }
+  parser.eager(true);
+  while (!parser.is_done()) {
+    size_t used = parser.put(buf, ec);
+    buf += used;
+    if (ec == http::error::need_more) {
+      if (buf.size() == 0) {
+        return RequestVerdict::kIncomplete;
+      }
+      continue;
+    }
+    if (ec == http::error::body_limit) {
+      return RequestVerdict::kTooLarge;
+    }
+    if (ec) {
+      return RequestVerdict::kBadRequest;
+    }
+  }
+  return Classify(parser.get()).verdict;
+}
+
+struct Endpoint::Shared {
+  std::shared_ptr<Lumen::Provider::ApiProvider> provider;
+  std::shared_ptr<Lumen::Log::Logger> logger;
+  std::chrono::nanoseconds read_timeout;
+  std::chrono::nanoseconds write_timeout;
+  size_t body_limit;
+};
+
+namespace {
+
+// HttpSession serves one connection. Every handler runs on the connection's
+// strand; a call's result may come from any thread and is posted back.
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+ public:
+  HttpSession(tcp::socket socket, std::shared_ptr<Endpoint::Shared> shared)
+      : stream_(std::move(socket)), shared_(std::move(shared)) {}
+
+  void Run() {
+    asio::dispatch(stream_.get_executor(), beast::bind_front_handler(&HttpSession::DoReadHeader, shared_from_this()));
+  }
+
+  // Answer delivers a call's result on the strand.
+  void Answer(Lumen::JsonRpc::Call call, ContentType type, Lumen::Provider::MethodResult result) {
+    asio::post(stream_.get_executor(), [self = shared_from_this(), call = std::move(call), type = std::move(type),
+                                        result = std::move(result)]() mutable {
+      auto types = self->shared_->provider->Types();
+      std::string body = Lumen::JsonRpc::ResultBody(call, result, type.decorated, types.get());
+      self->WriteResponse(http::status::ok, type.value, std::move(body), type.streaming, nullptr);
+    });
+  }
+
+ private:
+  Lumen::Log::Logger& Log() { return *shared_->logger; }
+
+  void DoReadHeader() {
+    parser_.emplace();  // fresh parser per request
+    ConfigureParser(*parser_, shared_->body_limit);
+    stream_.expires_after(shared_->read_timeout);
+    http::async_read_header(stream_, buffer_, *parser_,
+                            beast::bind_front_handler(&HttpSession::OnReadHeader, shared_from_this()));
+  }
+
+  void OnReadHeader(beast::error_code ec, size_t) {
+    if (ec == http::error::end_of_stream || ec == beast::error::timeout || ec == asio::error::operation_aborted ||
+        ec == asio::error::connection_reset) {
+      Close();
+      return;
+    }
+    if (ec == http::error::body_limit) {
+      SendTooLarge();
+      return;
+    }
+    if (ec) {
+      LUMEN_LOG(Log(), kLumenDebug) << "Request is considered as bad: " << ec.message();
+      SendFixed(kBadRequestReply, true);
+      return;
+    }
+    const auto& req = parser_->get();
+    keep_alive_ = WantsKeepAlive(req);
+    method_ = std::string(req.method_string());
+    bool wants_continue = false;
+    if (!ExpectationOk(req, &wants_continue)) {
+      LUMEN_LOG(Log(), kLumenWarning) << "Invalid Http request: Expect header value is not 100-continue";
+      SendFixed(kExpectationFailedReply, false);
+      return;
+    }
+    if (wants_continue && !parser_->is_done()) {
+      stream_.expires_after(shared_->write_timeout);
+      asio::async_write(stream_, asio::buffer(kContinueReply.data(), kContinueReply.size()),
+                        [self = shared_from_this()](beast::error_code ec, size_t) {
+                          if (ec) {
+                            LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to sent response head " << ec.message();
+                            self->Close();
+                            return;
+                          }
+                          self->DoReadBody();
+                        });
+      return;
+    }
+    DoReadBody();
+  }
+
+  void DoReadBody() {
+    stream_.expires_after(shared_->read_timeout);
+    http::async_read(stream_, buffer_, *parser_, beast::bind_front_handler(&HttpSession::OnReadBody, shared_from_this()));
+  }
+
+  void OnReadBody(beast::error_code ec, size_t) {
+    if (ec == http::error::body_limit) {
+      SendTooLarge();
+      return;
+    }
+    if (ec == beast::error::timeout || ec == asio::error::operation_aborted || ec == asio::error::connection_reset ||
+        ec == http::error::end_of_stream || ec == http::error::partial_message) {
+      LUMEN_LOG(Log(), kLumenDebug) << "lumen.recv.failed " << ec.message();
+      Close();
+      return;
+    }
+    if (ec) {
+      LUMEN_LOG(Log(), kLumenDebug) << "Request is considered as bad: " << ec.message();
+      SendFixed(kBadRequestReply, true);
+      return;
+    }
+    Handle(parser_->release());
+  }
+
+  void Handle(http::request<http::string_body> req) {
+    Classified c = Classify(req);
+    if (c.log_text != nullptr) {
+      LUMEN_LOG(Log(), kLumenInfo) << c.log_text;
+    }
+    switch (c.verdict) {
+      case RequestVerdict::kServe:
+        break;
+      case RequestVerdict::kNotFound:
+        WriteResponse(http::status::not_found, "", "", false, nullptr);
+        return;
+      case RequestVerdict::kInvalidContentType:
+        WriteFrameworkError(http::status::unsupported_media_type, "application/json", "invalid_content_type",
+                            "lumen.invalid.content.type");
+        return;
+      case RequestVerdict::kInvalidRequest:
+        WriteFrameworkError(http::status::bad_request, "text/plain", "invalid_request", "lumen.invalid.request");
+        return;
+      default:
+        SendFixed(kBadRequestReply, true);
+        return;
+    }
+    Lumen::Provider::Request call;
+    call.service_id = c.call.service_id;
+    call.operation_id = c.call.operation_id;
+    call.input = std::move(c.call.input);
+    call.security_ctx = std::move(c.call.security_ctx);
+    call.ctx->op_id = c.call.op_id;
+    call.ctx->locale = c.locale;
+    c.call.input = nullptr;
+
+    // The guard answers INTERNAL_SERVER_ERROR if the provider drops the
+    // callback without calling it, so every request gets exactly one reply.
+    struct ReplyGuard {
+      std::shared_ptr<HttpSession> session;
+      Lumen::JsonRpc::Call call;
+      ContentType type;
+      std::atomic<bool> answered{false};
+      void Give(Lumen::Provider::MethodResult r) {
+        if (!answered.exchange(true)) {
+          session->Answer(std::move(call), std::move(type), std::move(r));
+        }
+      }
+      ~ReplyGuard() {
+        if (!answered.load()) {
+          session->Answer(std::move(call), std::move(type),
+                          Lumen::Provider::MethodResult::Failure(
+                              Com::Quarro::Lumen::Std::Errors::InternalServerError()));
+        }
+      }
+    };
+    auto guard = std::make_shared<ReplyGuard>();
+    guard->session = shared_from_this();
+    guard->call = std::move(c.call);
+    guard->type = std::move(c.type);
+    shared_->provider->Invoke(std::move(call),
+                              [guard](Lumen::Provider::MethodResult r) { guard->Give(std::move(r)); });
+  }
+
+  void WriteFrameworkError(http::status status, const std::string& content_type, const char* key,
+                           const std::string& message_id) {
+    WriteResponse(status, content_type, Lumen::JsonRpc::FrameworkErrorBody(message_id), false, key);
+  }
+
+  void SendTooLarge() {
+    keep_alive_ = false;  // the rest of the body is never read
+    WriteFrameworkError(http::status::payload_too_large, "application/json", "request_exceeds_max_size",
+                        "lumen.request.exceeds.max.size");
+  }
+
+  void WriteResponse(http::status status, const std::string& content_type, std::string body, bool chunked,
+                     const char* lumen_error) {
+    auto res = std::make_shared<http::response<http::string_body>>(status, 11);
+    res->set(http::field::server, kServerName);
+    res->set(http::field::connection, keep_alive_ ? "Keep-Alive" : "close");
+    if (!content_type.empty()) {
+      res->set(http::field::content_type, content_type);
+    }
+    if (lumen_error != nullptr) {
+      res->set("lumen-error", lumen_error);
+    }
+    res->body() = std::move(body);
+    if (chunked) {
+      res->chunked(true);
+    } else if (!NoBodyExpected(method_, static_cast<unsigned>(status))) {
+      res->content_length(res->body().size());
+    }
+    stream_.expires_after(shared_->write_timeout);
+    http::async_write(stream_, *res, [self = shared_from_this(), res](beast::error_code ec, size_t) {
+      if (ec) {
+        LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to deliver response. EC:" << ec.message();
+        self->Close();
+        return;
+      }
+      LUMEN_LOG(self->Log(), 0) << "Request handled";
+      if (!self->keep_alive_) {
+        self->Close();
+        return;
+      }
+      self->DoReadHeader();
+    });
+  }
+
+  // SendFixed writes one of the fixed replies and closes the connection.
+  void SendFixed(std::string_view reply, bool invalid_request) {
+    stream_.expires_after(shared_->write_timeout);
+    asio::async_write(stream_, asio::buffer(reply.data(), reply.size()),
+                      [self = shared_from_this(), invalid_request](beast::error_code ec, size_t) {
+                        if (invalid_request) {
+                          LUMEN_LOG(self->Log(), kLumenDebug)
+                              << (ec ? "Failed to send InvalidRequest response:" : "Sent InvalidRequest response:")
+                              << ec.message();
+                        }
+                        self->Close();
+                      });
+  }
+
+  void Close() {
+    beast::error_code ignored;
+    stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    stream_.socket().close(ignored);
+  }
+
+  beast::tcp_stream stream_;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+  std::shared_ptr<Endpoint::Shared> shared_;
+  bool keep_alive_ = true;
+  std::string method_;
+};
+
 }  // namespace
 
 struct Endpoint::Listener {
-  explicit Listener(asio::io_context& io) : acceptor(io) {}
+  explicit Listener(asio::io_context& io) : acceptor(asio::make_strand(io)), delay(acceptor.get_executor()) {}
   tcp::acceptor acceptor;
+  asio::steady_timer delay;
   bool listening = false;
 };
 
 Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
-                   std::shared_ptr<Lumen::Log::Logger> logger)
-    : port_(port),
-      endpoint4_(asio::ip::make_address("127.0.0.1"), port),
-      endpoint6_(asio::ip::make_address("::1"), port),
-      io_(std::move(io)),
-      logger_(std::move(logger)),
-      listener4_(std::make_unique<Listener>(*io_)),
-      listener6_(std::make_unique<Listener>(*io_)) {}
+                   std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
+                   std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,
+                   Timeouts timeouts)
+    : io_(std::move(io)),
+      callback_(std::move(callback)),
+      listener4_(std::make_shared<Listener>(*io_)),
+      listener6_(std::make_shared<Listener>(*io_)) {
+  config_.port = port;
+  config_.endpoint4 = tcp::endpoint(asio::ip::make_address("127.0.0.1"), port);
+  config_.endpoint6 = tcp::endpoint(asio::ip::make_address("::1"), port);
+  config_.localizer = localizer ? std::move(localizer) : Lumen::L10n::LocalizerHelpers::GetDefaultLocalizer();
+  config_.read_timeout = timeouts.read;
+  config_.write_timeout = timeouts.write;
+  shared_ = std::make_shared<Shared>(
+      Shared{std::move(provider), std::move(logger), timeouts.read, timeouts.write, kHttpBodySizeLimitInBytes});
+}
 
 Endpoint::~Endpoint() {
   Stop();
 }
 
 bool Endpoint::Listen(Listener* l, const char* family_name) {
-  const tcp::endpoint& ep = l == listener4_.get() ? endpoint4_ : endpoint6_;
+  const tcp::endpoint& ep = l == listener4_.get() ? config_.endpoint4 : config_.endpoint6;
   boost::system::error_code ec;
   l->acceptor.open(ep.protocol(), ec);
   if (!ec) {
@@ -63,43 +552,76 @@ bool Endpoint::Listen(Listener* l, const char* family_name) {
   if (!ec) {
     l->acceptor.listen(kBacklog, ec);
   }
+  Lumen::Log::Logger& log = *shared_->logger;
   if (ec) {
     boost::system::error_code ignored;
     l->acceptor.close(ignored);
-    LUMEN_LOG(*logger_, kLumenError) << family_name << " Failed to listen on: " << EndpointText(ep)
-                                     << " ec: " << ec.category().name() << ":" << ec.value();
+    LUMEN_LOG(log, kLumenError) << family_name << " Failed to listen on: " << EndpointText(ep)
+                                << " ec: " << ec.category().name() << ":" << ec.value();
     return false;
   }
   l->listening = true;
-  LUMEN_LOG(*logger_, kLumenInfo) << "Listening on: " << EndpointText(l->acceptor.local_endpoint(ec));
+  LUMEN_LOG(log, kLumenInfo) << "Listening on: " << EndpointText(l->acceptor.local_endpoint(ec));
   return true;
 }
 
-void Endpoint::Accept(Listener* l) {
-  l->acceptor.async_accept([this, l](const boost::system::error_code& ec, tcp::socket socket) {
+namespace {
+
+// Accept keeps accepting on |l|. Handlers hold the listener and the shared
+// state, never the endpoint, so a handler that runs while the endpoint stops
+// touches nothing freed.
+void Accept(std::shared_ptr<Endpoint::Listener> l, std::shared_ptr<asio::io_context> io,
+            std::shared_ptr<Endpoint::Shared> shared) {
+  l->acceptor.async_accept(asio::make_strand(*io), [l, shared, io](const boost::system::error_code& ec,
+                                                                   tcp::socket socket) {
     if (ec == asio::error::operation_aborted || !l->acceptor.is_open()) {
       return;
     }
-    // Connections are accepted and closed until request handling is attached.
-    boost::system::error_code ignored;
-    socket.close(ignored);
-    Accept(l);
+    if (!ec) {
+      std::make_shared<HttpSession>(std::move(socket), shared)->Run();
+      Accept(l, io, shared);
+      return;
+    }
+    Lumen::Log::Logger& log = *shared->logger;
+    // Running out of descriptors or memory passes; wait and retry. A peer that
+    // gave up before the accept is no error of ours.
+    if (ec == asio::error::connection_aborted) {
+      Accept(l, io, shared);
+      return;
+    }
+    if (ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space || ec == asio::error::no_memory ||
+        ec.value() == ENFILE) {
+      LUMEN_LOG(log, kLumenWarning) << ".Acceptor info:" << ";DelayAcceptError " << ec.message();
+      l->delay.expires_after(kAcceptRetryDelay);
+      l->delay.async_wait([l, io, shared](const boost::system::error_code& timer_ec) {
+        if (timer_ec) {
+          LUMEN_LOG(*shared->logger, kLumenError) << "Delay timer Accept Error:" << timer_ec.message();
+          return;
+        }
+        Accept(l, io, shared);
+      });
+      return;
+    }
+    LUMEN_LOG(log, kLumenError) << ".Acceptor info:" << ";TerminalAcceptError " << ec.message();
   });
 }
+
+}  // namespace
 
 bool Endpoint::Start() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (started_ || stopped_) {
     return started_ && !stopped_;
   }
+  LUMEN_LOG(*shared_->logger, kLumenInfo) << config_.ToString();
   bool ok4 = Listen(listener4_.get(), "IPv4");
   bool ok6 = Listen(listener6_.get(), "IPv6");
   if (!ok4 && !ok6) {
     return false;
   }
-  for (Listener* l : {listener4_.get(), listener6_.get()}) {
+  for (const auto& l : {listener4_, listener6_}) {
     if (l->listening) {
-      Accept(l);
+      Accept(l, io_, shared_);
     }
   }
   auto& pool = Hearth::Service::GetApp().GetThreadPool();
@@ -110,7 +632,10 @@ bool Endpoint::Start() {
     });
   }
   started_ = true;
-  Log_Level(kLogInfo, "HTTP endpoint listening on TCP port %d\n", port_);
+  Log_Level(kLogInfo, "HTTP endpoint listening on TCP port %d\n", config_.port);
+  if (callback_) {
+    callback_("endpoint.started");
+  }
   return true;
 }
 
@@ -126,6 +651,8 @@ void Endpoint::Stop() {
   boost::system::error_code ignored;
   listener4_->acceptor.close(ignored);
   listener6_->acceptor.close(ignored);
+  listener4_->delay.cancel();
+  listener6_->delay.cancel();
 }
 
 uint16_t Endpoint::BoundPort4() const {

@@ -102,6 +102,10 @@ void MXUser_ReleaseRWLock(MXUserRWLock* lock) {
   }
 }
 
+bool MXUser_IsCurThreadHoldingRWLock(MXUserRWLock* lock) {
+  return std::any_of(t_held.begin(), t_held.end(), [lock](const HeldLock& h) { return h.lock == lock; });
+}
+
 MXUserExclLock* MXUser_CreateExclLock(const char* name, uint32_t rank) {
   auto* lock = new (std::nothrow) MXUserExclLock;
   if (lock != nullptr) {

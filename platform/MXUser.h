@@ -16,6 +16,9 @@ void MXUser_DestroyRWLock(MXUserRWLock* lock);
 void MXUser_AcquireForRead(MXUserRWLock* lock);
 void MXUser_AcquireForWrite(MXUserRWLock* lock);
 void MXUser_ReleaseRWLock(MXUserRWLock* lock);
+// MXUser_IsCurThreadHoldingRWLock tells whether the calling thread holds
+// |lock|, shared or exclusive.
+bool MXUser_IsCurThreadHoldingRWLock(MXUserRWLock* lock);
 
 MXUserExclLock* MXUser_CreateExclLock(const char* name, uint32_t rank);
 void MXUser_DestroyExclLock(MXUserExclLock* lock);

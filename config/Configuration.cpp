@@ -1,0 +1,86 @@
+#include "config/Configuration.h"
+
+#include <atomic>
+
+#include "config/SigningKey.h"
+#include "daemon/log/Assert.h"
+
+namespace Witnessd::Config {
+namespace {
+
+static constexpr const char* kSourcePath = "apps/witnessd/config/configuration";
+
+MXUserRWLock* CreateLock(const char* name, uint32_t rank) {
+  MXUserRWLock* lock = MXUser_CreateRWLock(name, rank);
+  VERIFY(lock != nullptr);
+  return lock;
+}
+
+// Atomic so that a holder of the configuration lock in shared mode may write
+// a condition without racing concurrent readers.
+std::atomic<bool> g_status_conditions[kNumStatusConditions];
+
+}  // namespace
+
+HyvConfig::ConfigStoreObjectId MakeId(const std::string& key, const std::string& instance) {
+  return HyvConfig::ConfigStoreObjectId(key, kComponent, kGroup, instance);
+}
+
+std::vector<std::string> ReadInstanceNames(const std::string& key) {
+  HyvConfig::FilterSpecObject filter(HyvConfig::ConfigStoreObjectId(key, kComponent, kGroup));
+  auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
+  std::vector<std::string> names;
+  for (const HyvConfig::ConfigStoreObjectPtr& object : store->GetObjectInstances(filter)) {
+    std::string name;
+    object->GetValue("name", &name);
+    names.push_back(std::move(name));
+  }
+  return names;
+}
+
+MXUserRWLock* ConfigLock() {
+  static MXUserRWLock* lock = CreateLock("configLock", kConfigLockRank);
+  return lock;
+}
+
+MXUserRWLock* EkMapLock() {
+  static MXUserRWLock* lock = CreateLock("ekMapLock", kEkMapLockRank);
+  return lock;
+}
+
+void InitConfigLocks() {
+  ConfigLock();
+  EkMapLock();
+}
+
+void SetStatusCondition(int index, bool value) {
+  if (index < 0 || index >= kNumStatusConditions) {
+    return;
+  }
+  if (MXUser_IsCurThreadHoldingRWLock(ConfigLock())) {
+    g_status_conditions[index] = value;
+    return;
+  }
+  MXUser::WriteGuard guard(ConfigLock());
+  g_status_conditions[index] = value;
+}
+
+std::vector<int> GetStatusConditions() {
+  MXUser::ReadGuard guard(ConfigLock());
+  std::vector<int> set;
+  for (int i = 0; i < kNumStatusConditions; ++i) {
+    if (g_status_conditions[i]) {
+      set.push_back(i);
+    }
+  }
+  return set;
+}
+
+void ResetConfigurationForTesting() {
+  for (std::atomic<bool>& condition : g_status_conditions) {
+    condition = false;
+  }
+  ResetSigningKeyForTesting();
+}
+
+}  // namespace Witnessd::Config

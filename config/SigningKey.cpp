@@ -1,0 +1,105 @@
+#include "config/SigningKey.h"
+
+#include "config/Configuration.h"
+#include "platform/Log.h"
+#include "platform/ssl/SslUtils.h"
+
+namespace Witnessd::Config {
+namespace {
+
+using HostCtl::Lib::HostCtlException;
+using Orm::Common::SslUtils;
+
+static constexpr const char* kSourcePath = "apps/witnessd/config/configuration";
+// The assertion lines tell the three fatal causes apart in the log; they are
+// fixed numbers rather than __LINE__ so that moving code keeps them.
+constexpr int kLineGenerateFailed = 362;
+constexpr int kLineSaveFailed = 366;
+constexpr int kLineCertificateUnreadable = 373;
+
+// Guarded by the configuration lock.
+std::string g_signing_key;
+std::string g_signing_certificate;
+
+[[noreturn]] void Stop(int line) {
+  Panic("NOT_IMPLEMENTED %s:%d\n", kSourcePath, line);
+}
+
+}  // namespace
+
+bool ReadConfigValue(const std::string& key, const std::string& component, const std::string& group,
+                     const std::string& field, std::string& out_value) {
+  MXUser::ReadGuard guard(ConfigLock());
+  try {
+    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
+    HyvConfig::ConfigStoreObjectPtr object = store->GetObject(HyvConfig::ConfigStoreObjectId(key, component, group));
+    if (object == nullptr) {
+      return false;
+    }
+    object->GetValue(field, &out_value);
+    return true;
+  } catch (const HostCtlException& e) {
+    Log_Level(kLogError, "Exception reading %s of %s from configstore: %s\n", field.c_str(), key.c_str(), e.what());
+    return false;
+  }
+}
+
+bool SaveSigningKey(const std::string& certificate, const std::string& key) {
+  HyvConfig::ConfigStoreObject object(MakeId(kKeyCertificate));
+  MXUser::WriteGuard guard(ConfigLock());
+  try {
+    object.SetValue("certificate", certificate);
+    object.SetValue("private_key", key);
+    int status = 0;
+    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->SetObject(object, status);
+    return true;
+  } catch (const HostCtlException& e) {
+    Log_Level(kLogError, "Exception writing the report signing key to configstore: %s\n", e.what());
+    return false;
+  }
+}
+
+void EnsureSigningKey() {
+  std::string key;
+  std::string certificate;
+  if (!ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key) || key.empty()) {
+    Log_Level(kLogInfo, "Generating private key and certificate\n");
+    if (!SslUtils::GenerateKeyAndCert(key, certificate)) {
+      Log_Level(kLogError, "Error while generating attestation key and certificate\n");
+      Stop(kLineGenerateFailed);
+    }
+    if (!SaveSigningKey(certificate, key)) {
+      Log_Level(kLogError, "Error while saving attestation key and certificate\n");
+      Stop(kLineSaveFailed);
+    }
+  } else {
+    Log_Level(kLogVerbose, "Existing report signing private key available\n");
+    // A stored key without its certificate is a fatal inconsistency.
+    if (!ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", certificate) || certificate.empty()) {
+      Stop(kLineCertificateUnreadable);
+    }
+  }
+  MXUser::WriteGuard guard(ConfigLock());
+  g_signing_key = std::move(key);
+  g_signing_certificate = std::move(certificate);
+}
+
+bool GetSigningKey(std::string& out_key) {
+  MXUser::ReadGuard guard(ConfigLock());
+  out_key = g_signing_key;
+  return !out_key.empty();
+}
+
+bool GetSigningCertificate(std::string& out_certificate) {
+  MXUser::ReadGuard guard(ConfigLock());
+  out_certificate = g_signing_certificate;
+  return !out_certificate.empty();
+}
+
+void ResetSigningKeyForTesting() {
+  MXUser::WriteGuard guard(ConfigLock());
+  g_signing_key.clear();
+  g_signing_certificate.clear();
+}
+
+}  // namespace Witnessd::Config

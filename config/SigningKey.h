@@ -1,0 +1,31 @@
+// The report-signing key pair: made once on the first start, kept in the
+// "certificate" record and held in memory, guarded by the configuration lock.
+#pragma once
+
+#include <string>
+
+namespace Witnessd::Config {
+
+// EnsureSigningKey loads the stored pair into memory, generating and storing
+// one first when none is stored. Every failure stops the process.
+void EnsureSigningKey();
+
+// GetSigningKey and GetSigningCertificate copy the PEM held in memory; false
+// while it is empty (before EnsureSigningKey has run).
+bool GetSigningKey(std::string& out_key);
+bool GetSigningCertificate(std::string& out_certificate);
+
+// SaveSigningKey writes the pair into the "certificate" record; false when the
+// store fails.
+bool SaveSigningKey(const std::string& certificate, const std::string& key);
+
+// ReadConfigValue reads string field |field| of the record (key, component,
+// group) under the configuration lock held shared. False when the record is
+// absent or the store fails (the failure is logged).
+bool ReadConfigValue(const std::string& key, const std::string& component, const std::string& group,
+                     const std::string& field, std::string& out_value);
+
+// ResetSigningKeyForTesting empties the pair held in memory.
+void ResetSigningKeyForTesting();
+
+}  // namespace Witnessd::Config

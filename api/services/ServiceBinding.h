@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "api/errors/ErrorCatalogue.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/Message.h"
 #include "platform/lumen/Provider.h"

@@ -179,6 +179,11 @@ std::string HexDigestSha256(const std::string& bytes) {
 
 InputReader::InputReader(const nlohmann::json& object, std::string path)
     : object_(&object), path_(std::move(path)) {
+  static const nlohmann::json kEmpty = nlohmann::json::object();
+  if (object.is_null() && path_.empty()) {
+    object_ = &kEmpty;  // no input at all is an empty input
+    return;
+  }
   if (!object.is_object()) {
     bad_ = path_.empty() ? "input" : path_;
   }

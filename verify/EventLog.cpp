@@ -1,0 +1,209 @@
+#include "verify/EventLog.h"
+
+#include <cstring>
+
+#include "platform/Log.h"
+
+namespace Witnessd::Verify {
+namespace {
+
+constexpr uint32_t kSha256Bytes = 32;
+constexpr uint32_t kHvkEventIdSecureBoot = 5;
+constexpr uint32_t kHvkEventIdTxt = 2;
+constexpr uint32_t kTxtPcr = 17;
+constexpr uint32_t kUpdatePcr = 11;
+constexpr uint32_t kSecureBootPcr = 10;
+constexpr const char* kSecureBootPayload = "uefiSecureBootEnabled = TRUE";
+constexpr const char* kTxtPayload = "b";
+constexpr const char* kUnknownPayload = "Unknown";
+
+uint32_t ReadLe32(const uint8_t* p) {
+  return uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) | (uint32_t{p[3]} << 24);
+}
+
+// Which required events were seen.
+struct Seen {
+  bool hvkernel = false;
+  bool system = false;
+  bool system_boot = false;
+  bool update = false;
+  bool secure_boot = false;
+  bool txt = false;
+};
+
+}  // namespace
+
+VerifyStatus FindSha256Digest(const TcgDigest* digests, uint32_t count, const TcgDigest** out) {
+  const TcgDigest* found = nullptr;
+  for (uint32_t i = 0; digests != nullptr && i < count; ++i) {
+    if (digests[i].algorithm == kTpmAlgSha256 && digests[i].size == kSha256Bytes) {
+      if (found != nullptr) {
+        return kDuplicateSha256Digest;
+      }
+      found = &digests[i];
+    }
+  }
+  if (found == nullptr) {
+    return kNoSha256Digest;
+  }
+  *out = found;
+  return kVerifyOk;
+}
+
+bool DigestMatchesHex(const uint8_t* digest, uint16_t size, const char* expected) {
+  char stack_hex[2 * kMaxDigestBytes + 1];
+  std::string heap_hex;
+  char* hex = stack_hex;
+  if (size > kMaxDigestBytes) {
+    heap_hex.resize(2 * size_t{size} + 1);
+    hex = heap_hex.data();
+  }
+  HexDump(nullptr, digest, size, hex);
+  return std::strcmp(hex, expected) == 0;
+}
+
+VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                              const char* expected_txt_digest, const PayloadChecksumTable* checksums,
+                              const QuoteEvidence* evidence) {
+  uint8_t replay[kNumPcrs][kSha256Bytes];
+  std::memset(replay, 0, sizeof(replay));
+  if (events == nullptr || count == 0 || claims == nullptr || expected_txt_digest == nullptr ||
+      checksums == nullptr || evidence == nullptr) {
+    Warning("TPM2VLIB: Invalid input");
+    return kEventInvalidInput;
+  }
+  if (claims->txtEnabled == 0) {
+    for (uint32_t pcr = 17; pcr <= 22; ++pcr) {
+      std::memset(replay[pcr], 0xff, kSha256Bytes);
+    }
+  }
+  const uint32_t core_pcr = claims->txtEnabled != 0 ? 19 : 12;
+  Seen seen;
+
+  for (uint32_t i = 0; i < count; ++i) {
+    TcgEventRecord& e = events[i];
+    // EV_EVENT_TAG data: hvkEventId UINT32, payload length UINT32, payload.
+    uint32_t hvk_event_id = 0;
+    uint32_t payload_len = 0;
+    if (e.eventData != nullptr && e.eventDataSize >= 8) {
+      hvk_event_id = ReadLe32(e.eventData);
+      payload_len = ReadLe32(e.eventData + 4);
+    }
+    uint64_t check_size = uint64_t{payload_len} + 8;
+    if (e.eventType != kEvEventTag || e.eventData == nullptr || e.eventDataSize < check_size) {
+      Warning("TPM2VLIB: Invalid event: TCG Type: %u, Expected: %u", e.eventType, kEvEventTag);
+      Warning("TPM2VLIB: Invalid event: event data size: %u, check size: %lu", e.eventDataSize,
+              static_cast<unsigned long>(check_size));
+      if (e.pcrIndex > 7) {
+        Warning("TPM2VLIB: Invalid event at index: %u, PCR: %u", i, e.pcrIndex);
+        return kEventInvalidInput;
+      }
+      continue;  // firmware events below PCR 8 are not examined or replayed
+    }
+    // The replay table has 24 entries, and a payload needs at least its NUL.
+    if (payload_len == 0 || e.pcrIndex >= kNumPcrs) {
+      Warning("TPM2VLIB: Invalid event at index: %u, PCR: %u", i, e.pcrIndex);
+      return kEventInvalidInput;
+    }
+
+    // A payload that is not exactly one NUL-terminated text is renamed
+    // "Unknown" in place, on purpose: the event goes on under that name and
+    // so normally fails the checksum lookup with a readable warning.
+    char* payload = reinterpret_cast<char*>(e.eventData + 8);
+    if (payload[payload_len - 1] != '\0' || std::strlen(payload) < payload_len - 1) {
+      std::strncpy(payload, kUnknownPayload, payload_len);
+      payload[payload_len - 1] = '\0';
+    }
+
+    VerifyStatus status = kVerifyOk;
+    const TcgDigest* sha256 = nullptr;
+    if (e.pcrIndex == kUpdatePcr || e.pcrIndex == core_pcr) {
+      auto it = checksums->end();
+      if (hvk_event_id != 1 && hvk_event_id != 2) {
+        Warning("TPM2VLIB: Unexpected hvkEventId %u in core system PCR %u", hvk_event_id, e.pcrIndex);
+        status = kUnexpectedHvkEventId;
+      } else if ((it = checksums->find(payload)) == checksums->end()) {
+        Warning("TPM2VLIB: Missing checksum for %s", payload);
+        status = kChecksumMissing;
+      } else if ((status = FindSha256Digest(e.digests, e.digestCount, &sha256)) == kVerifyOk &&
+                 !DigestMatchesHex(sha256->digest, sha256->size, it->second.c_str())) {
+        status = kChecksumMismatch;
+      }
+      if (status == kVerifyOk) {
+        if (e.pcrIndex == core_pcr) {
+          seen.hvkernel |= std::strcmp(payload, "k.b00") == 0;
+          seen.system |= std::strcmp(payload, "s.v00") == 0;
+          seen.system_boot |= std::strcmp(payload, "sb.v00") == 0;
+        } else {
+          seen.update |= std::strcmp(payload, "hyvupdt.v00") == 0;
+        }
+      }
+    } else if (e.pcrIndex == kSecureBootPcr) {
+      if (hvk_event_id == kHvkEventIdSecureBoot && std::strcmp(payload, kSecureBootPayload) == 0) {
+        seen.secure_boot = true;
+      }
+    } else if (e.pcrIndex == kTxtPcr) {
+      if (hvk_event_id == kHvkEventIdTxt && std::strcmp(payload, kTxtPayload) == 0) {
+        if (seen.txt) {
+          Warning("TPM2VLIB: Multiple entries found for TXT event");
+          status = kTxtEventInvalid;
+        } else {
+          seen.txt = true;
+          status = FindSha256Digest(e.digests, e.digestCount, &sha256);
+          if (status == kVerifyOk && !DigestMatchesHex(sha256->digest, sha256->size, expected_txt_digest)) {
+            status = kTxtEventInvalid;
+          }
+        }
+      }
+    }
+
+    if (status == kVerifyOk) {
+      status = FindSha256Digest(e.digests, e.digestCount, &sha256);
+    }
+    if (status == kVerifyOk) {
+      uint8_t input[2 * kSha256Bytes];
+      std::memcpy(input, replay[e.pcrIndex], kSha256Bytes);
+      std::memcpy(input + kSha256Bytes, sha256->digest, kSha256Bytes);
+      if (!HashBuffer(replay[e.pcrIndex], kTpmAlgSha256, input, sizeof(input))) {
+        status = kReplayHashFailed;
+      }
+    }
+    if (status != kVerifyOk) {
+      Warning("TPM2VLIB: Error processing event at index %u: PCR: %u, hvkEventId: %u, payload:%s", i, e.pcrIndex,
+              hvk_event_id, payload);
+      return status;
+    }
+  }
+
+  if (!seen.hvkernel || !seen.system || !seen.system_boot || !seen.update) {
+    // Kept word for word, including the missing comma before "Hvkernel".
+    Warning("TPM2VLIB: Not all required events were found: System: %d, SystemBoot: %d, Update: %d Hvkernel: %d",
+            seen.system, seen.system_boot, seen.update, seen.hvkernel);
+    return kChecksumMissing;
+  }
+  if (!seen.secure_boot) {
+    Warning("TPM2VLIB: No secure boot event found");
+    return kNoSecureBoot;
+  }
+  if (claims->txtEnabled != (seen.txt ? 1 : 0)) {
+    Warning("TPM2VLIB: TXT enabled value doesn't match host claim %d", claims->txtEnabled);
+    return kTxtClaimMismatch;
+  }
+
+  const uint8_t(*quoted)[kPcrSlotBytes] = evidence->pcrs[PcrBankIndex(kTpmAlgSha256)];
+  for (uint32_t pcr = 8; pcr <= 22; ++pcr) {
+    if (pcr == 16) {
+      continue;
+    }
+    if (std::memcmp(replay[pcr], quoted[pcr], kSha256Bytes) != 0) {
+      char got[2 * kSha256Bytes + 1], want[2 * kSha256Bytes + 1];
+      HexDump(nullptr, replay[pcr], kSha256Bytes, got);
+      HexDump(nullptr, quoted[pcr], kSha256Bytes, want);
+      Warning("TPM2VLIB: PCR %u data mismatch during replay, Got %s Expected: %s", pcr, got, want);
+      return kReplayMismatch;
+    }
+  }
+  return kVerifyOk;
+}
+
+}  // namespace Witnessd::Verify

@@ -1,0 +1,80 @@
+// Event log replay and validation: every boot component measured into the
+// hypervisor's PCRs must be a trusted payload of a known base image, the
+// required components and UEFI secure boot must be present, a TXT launch
+// must match the host's claim, and the replayed SHA-256 PCRs must equal the
+// quoted ones. Warnings are logged with the prefix "TPM2VLIB: ".
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+#include "verify/QuoteVerify.h"
+
+namespace Witnessd::Verify {
+
+// Payload checksum table of one base image: payload file name to the
+// payload's SHA-256 as lower-case hexadecimal text.
+using PayloadChecksumTable = std::unordered_map<std::string, std::string>;
+
+// One digest of an event; the bytes belong to the caller.
+struct TcgDigest {
+  uint16_t algorithm;
+  const uint8_t* digest;
+  uint16_t size;
+};
+
+// One event of the log as the session passes it. The event data bytes are
+// the caller's and writable: validation may rewrite a malformed payload
+// name in place (see ValidateEventLog).
+struct TcgEventRecord {
+  uint32_t pcrIndex;
+  uint32_t eventType;
+  uint8_t digestCount;
+  const TcgDigest* digests;
+  uint8_t* eventData;
+  uint16_t eventDataSize;
+};
+
+// What the host says of itself; only txtEnabled is read (non-zero: the host
+// claims a TXT measured launch).
+struct HostClaims {
+  uint8_t txtEnabled;
+};
+
+inline constexpr uint32_t kEvEventTag = 6;
+
+inline constexpr VerifyStatus kEventInvalidInput = MakeStatus(1, 8);      // also a bad event above PCR 7
+inline constexpr VerifyStatus kUnexpectedHvkEventId = MakeStatus(6, 8);
+inline constexpr VerifyStatus kTxtEventInvalid = MakeStatus(6, 15);       // second TXT event or wrong MLE digest
+inline constexpr VerifyStatus kTxtClaimMismatch = MakeStatus(6, 16);
+inline constexpr VerifyStatus kChecksumMissing = MakeStatus(6, 17);       // also a required event missing
+inline constexpr VerifyStatus kChecksumMismatch = MakeStatus(6, 18);
+inline constexpr VerifyStatus kNoSha256Digest = MakeStatus(6, 19);
+inline constexpr VerifyStatus kDuplicateSha256Digest = MakeStatus(6, 20);
+inline constexpr VerifyStatus kNoSecureBoot = MakeStatus(7, 0);
+inline constexpr VerifyStatus kReplayMismatch = MakeStatus(8, 10);
+inline constexpr VerifyStatus kReplayHashFailed = MakeStatus(8, 11);
+
+// ValidateEventLog checks |count| events against the trusted payloads
+// |checksums| and the expected TXT MLE digest (lower-case hex), then
+// replays them into SHA-256 PCRs and compares PCRs 8 to 22 (except 16) with
+// the SHA256 bank of |evidence|. Returns kVerifyOk or the first failure.
+// Tagged events (EV_EVENT_TAG) carry hvkEventId (UINT32), payload length
+// (UINT32), both little-endian like the rest of the event log, and a
+// NUL-terminated payload name; a payload that is not a
+// proper NUL-terminated text is overwritten in place with "Unknown".
+VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                              const char* expected_txt_digest, const PayloadChecksumTable* checksums,
+                              const QuoteEvidence* evidence);
+
+// FindSha256Digest sets |out| to the one SHA-256 digest (algorithm SHA256,
+// 32 bytes) among |count| digests. Returns kNoSha256Digest when there is
+// none and kDuplicateSha256Digest when there are two or more.
+VerifyStatus FindSha256Digest(const TcgDigest* digests, uint32_t count, const TcgDigest** out);
+
+// DigestMatchesHex is true when |digest| written as lower-case hex equals
+// |expected| exactly.
+bool DigestMatchesHex(const uint8_t* digest, uint16_t size, const char* expected);
+
+}  // namespace Witnessd::Verify

@@ -1,0 +1,477 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "config/tpm2/CaCertificates.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "platform/Log.h"
+#include "tests/config/StoreFixture.h"
+#include "tests/platform/ssl/TestCerts.h"
+
+namespace Witnessd::Config::Tpm2 {
+namespace {
+
+using Testing::MakeKey;
+using Testing::Rewrap;
+using Testing::TestPki;
+
+constexpr ConfigResult kOk = ConfigResult::kConfigOk;
+
+class Tpm2ConfigTest : public Testing::StoreFixture {
+ protected:
+  void SetUp() override {
+    StoreFixture::SetUp();
+    ResetTpm2ConfigForTesting();
+  }
+
+  // Capture runs |fn| and returns what it logged.
+  static std::string Capture(const std::function<void()>& fn) {
+    testing::internal::CaptureStderr();
+    fn();
+    return testing::internal::GetCapturedStderr();
+  }
+
+  static std::pair<bool, bool> Cached() {
+    bool eks = false, certs = false;
+    GetTpm2Settings(eks, certs);
+    return {eks, certs};
+  }
+
+  static void Reload() {
+    MXUser::WriteGuard guard(ConfigLock());
+    LoadEndorsementKeys();
+  }
+
+  static EkDigest Digest(const std::string& pem) {
+    EkDigest digest;
+    EXPECT_TRUE(ComputeEkDigest(pem, digest));
+    return digest;
+  }
+};
+
+// --- TPM settings -------------------------------------------------------------
+
+TEST_F(Tpm2ConfigTest, SettingsUpdateMergesAndKeepsOneRequirement) {
+  using B = std::optional<bool>;
+  const struct {
+    const char* name;
+    B stored_eks, stored_certs;  // written first, when given
+    B eks, certs;                // the update
+    ConfigResult result;
+    bool after_eks, after_certs;  // stored and cached afterwards
+  } kCases[] = {
+      {"fresh store, defaults", {}, {}, {}, {}, kOk, true, false},
+      {"only certs off keeps eks", true, true, {}, false, kOk, true, false},
+      {"switch to certificates", true, false, false, true, kOk, false, true},
+      {"both off", true, true, false, false, ConfigResult::kConfigInvalidArgument, true, true},
+      {"eks off while certs off", true, false, false, {}, ConfigResult::kConfigInvalidArgument, true, false},
+      {"certs off while eks off", false, true, {}, false, ConfigResult::kConfigInvalidArgument, false, true},
+      {"both on", false, true, true, {}, kOk, true, true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    TearDown();
+    SetUp();
+    if (c.stored_eks) {
+      ASSERT_EQ(kOk, UpdateTpm2Settings(c.stored_eks, c.stored_certs));
+    }
+    auto before = Cached();
+    std::string log = Capture([&] { EXPECT_EQ(c.result, UpdateTpm2Settings(c.eks, c.certs)); });
+    bool eks = !c.after_eks, certs = !c.after_certs;
+    {
+      MXUser::ReadGuard guard(ConfigLock());
+      ASSERT_EQ(kOk, ReadTpm2Settings(eks, certs));
+    }
+    EXPECT_EQ(c.after_eks, eks);
+    EXPECT_EQ(c.after_certs, certs);
+    if (c.result == kOk) {
+      EXPECT_EQ(std::make_pair(c.after_eks, c.after_certs), Cached());
+    } else {
+      EXPECT_EQ(before, Cached());
+      EXPECT_NE(std::string::npos,
+                log.find("Endorsement Key or EK Certificate validation required during attestation"));
+    }
+  }
+}
+
+TEST_F(Tpm2ConfigTest, FirstUpdateCreatesTheRecord) {
+  Log_SetMaxLevel(kLogVerbose);
+  std::string log = Capture([] { EXPECT_EQ(kOk, UpdateTpm2Settings(true, true)); });
+  EXPECT_NE(std::string::npos, log.find("Tpm2 settings not set in configstore. Creating object"));
+  log = Capture([] { EXPECT_EQ(kOk, UpdateTpm2Settings({}, false)); });
+  Log_SetMaxLevel(kLogInfo);
+  EXPECT_EQ(std::string::npos, log.find("Creating object"));
+  EXPECT_NE(nullptr, Store()->GetObject(MakeId(kKeyTpm2Settings)));
+}
+
+// --- Endorsement keys ---------------------------------------------------------
+
+TEST_F(Tpm2ConfigTest, EkDigestIgnoresLayoutAndMarkers) {
+  const std::string pem = MakeKey().public_pem;
+  std::string body = pem.substr(pem.find('\n') + 1);
+  body = body.substr(0, body.find("-----END"));
+  const std::string variants[] = {
+      Rewrap(pem, 64), Rewrap(pem, 7), "  " + pem + "\n\n", body,
+      "-----BEGIN PUBLIC KEY-----" + body, body + "-----END PUBLIC KEY-----",
+  };
+  const EkDigest expected = Digest(pem);
+  for (const std::string& variant : variants) {
+    SCOPED_TRACE(variant);
+    EXPECT_EQ(expected, Digest(variant));
+  }
+  EXPECT_NE(expected, Digest(MakeKey().public_pem));
+}
+
+TEST_F(Tpm2ConfigTest, EkRecordsAddGetListDelete) {
+  const std::string a = MakeKey().public_pem;
+  const std::string b = MakeKey().public_pem;
+  std::vector<std::string> names;
+  ASSERT_EQ(kOk, ListEndorsementKeys(names));
+  EXPECT_TRUE(names.empty());
+
+  ASSERT_EQ(kOk, AddEndorsementKey("tpm-a", a));
+  ASSERT_EQ(kOk, AddEndorsementKey("tpm-b", b));
+  EXPECT_EQ(0, GetEkReferenceCount(Digest(a)));
+  const struct {
+    const char* name;
+    std::string ek_name;
+    std::string pem;
+    ConfigResult result;
+  } kAdds[] = {
+      {"same name", "tpm-a", MakeKey().public_pem, ConfigResult::kConfigAlreadyExists},
+      {"same key, other line breaks", "tpm-c", Rewrap(a, 40), ConfigResult::kConfigDuplicate},
+      {"same key without markers", "tpm-d",
+       a.substr(a.find('\n') + 1, a.find("-----END") - a.find('\n') - 1), ConfigResult::kConfigDuplicate},
+  };
+  for (const auto& c : kAdds) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.result, AddEndorsementKey(c.ek_name, c.pem));
+  }
+  ASSERT_EQ(kOk, ListEndorsementKeys(names));
+  EXPECT_EQ((std::vector<std::string>{"tpm-a", "tpm-b"}), names);  // nothing else written
+
+  std::string got;
+  ASSERT_EQ(kOk, GetEndorsementKey("tpm-b", got));
+  EXPECT_EQ(b, got);
+  std::string log = Capture([&] { EXPECT_EQ(ConfigResult::kConfigNotFound, GetEndorsementKey("nope", got)); });
+  EXPECT_NE(std::string::npos, log.find("Endorsement Key name: nope does not exist in configstore."));
+
+  // A stored text that is not a key: listed, but its get is invalid data.
+  HyvConfig::ConfigStoreObject junk(MakeId(kKeyEndorsementKeys, "junk"));
+  junk.SetValue("name", "junk");
+  junk.SetValue("public_key", "not a key");
+  int status = 0;
+  Store()->SetObject(junk, status);
+  EXPECT_EQ(ConfigResult::kConfigInvalidData, GetEndorsementKey("junk", got));
+
+  ASSERT_EQ(kOk, DeleteEndorsementKey("tpm-a"));
+  EXPECT_FALSE(GetEkReferenceCount(Digest(a)).has_value());
+  log = Capture([] { EXPECT_EQ(ConfigResult::kConfigNotFound, DeleteEndorsementKey("tpm-a")); });
+  EXPECT_NE(std::string::npos, log.find("does not exist in configstore"));
+  // Now free, the key may be added again under a new name.
+  EXPECT_EQ(kOk, AddEndorsementKey("tpm-c", Rewrap(a, 40)));
+}
+
+TEST_F(Tpm2ConfigTest, EkReferenceCounts) {
+  const std::string configured = MakeKey().public_pem;
+  const EkDigest known = Digest(configured);
+  const EkDigest unknown = Digest(MakeKey().public_pem);
+  ASSERT_EQ(kOk, UpdateTpm2Settings(true, false));
+  ASSERT_EQ(kOk, AddEndorsementKey("tpm", configured));
+
+  // Required EKs: an unknown one is refused, a known one counts to the limit.
+  EXPECT_EQ(ConfigResult::kConfigNotFound, IncrementEkReference(unknown, 5));
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(kOk, IncrementEkReference(known, 5));
+  }
+  EXPECT_EQ(ConfigResult::kConfigLimitReached, IncrementEkReference(known, 5));
+  EXPECT_EQ(5, GetEkReferenceCount(known));
+  for (int i = 0; i < 5; ++i) {
+    DecrementEkReference(known);
+  }
+  std::string log = Capture([&] { DecrementEkReference(known); });
+  EXPECT_NE(std::string::npos, log.find("Cannot decrement EK reference count: Already 0"));
+  EXPECT_EQ(0, GetEkReferenceCount(known));
+
+  // A reload keeps the counts of EKs that stay configured.
+  ASSERT_EQ(kOk, IncrementEkReference(known, 5));
+  Reload();
+  EXPECT_EQ(1, GetEkReferenceCount(known));
+
+  // Deleting while referenced removes the entry at once.
+  ASSERT_EQ(kOk, DeleteEndorsementKey("tpm"));
+  log = Capture([&] { DecrementEkReference(known); });
+  EXPECT_NE(std::string::npos, log.find("Cannot decrement EK reference count: Not in map"));
+
+  // EKs not required: an unknown EK lives in the map while it is used.
+  ASSERT_EQ(kOk, UpdateTpm2Settings(false, true));
+  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
+  EXPECT_EQ(1, GetEkReferenceCount(unknown));
+  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
+  DecrementEkReference(unknown);
+  EXPECT_EQ(1, GetEkReferenceCount(unknown));
+  DecrementEkReference(unknown);
+  EXPECT_FALSE(GetEkReferenceCount(unknown).has_value());
+  // A reload drops dynamic entries of sessions in progress.
+  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
+  Reload();
+  EXPECT_FALSE(GetEkReferenceCount(unknown).has_value());
+}
+
+TEST_F(Tpm2ConfigTest, InitLoadsStoredEksAndSettings) {
+  const std::string a = MakeKey().public_pem;
+  ASSERT_EQ(kOk, AddEndorsementKey("a", a));
+  ASSERT_EQ(kOk, UpdateTpm2Settings(false, true));
+  // A new process: nothing in memory until the start-up load.
+  ResetTpm2ConfigForTesting();
+  EXPECT_EQ(std::make_pair(false, false), Cached());
+  EXPECT_FALSE(GetEkReferenceCount(Digest(a)).has_value());
+  InitTpm2Config();
+  EXPECT_EQ(std::make_pair(false, true), Cached());
+  EXPECT_EQ(0, GetEkReferenceCount(Digest(a)));
+}
+
+// --- CA certificates ----------------------------------------------------------
+
+TEST_F(Tpm2ConfigTest, CaChainsAndTheAllCaList) {
+  TestPki pki, other;
+  std::vector<std::string> names;
+  CaCertList all = GetAllCaCertificates();
+  ASSERT_NE(nullptr, all);
+  EXPECT_TRUE(all->empty());
+
+  ASSERT_EQ(kOk, AddCaCertificates("vendor", {Rewrap(pki.intermediate.pem, 30), pki.root.pem}));
+  std::vector<std::string> chain;
+  ASSERT_EQ(kOk, GetCaCertificates("vendor", chain));
+  EXPECT_EQ((std::vector<std::string>{pki.intermediate.pem, pki.root.pem}), chain);  // standardized
+  all = GetAllCaCertificates();
+  EXPECT_EQ(chain, *all);
+
+  // An existing name changes neither the record nor the list.
+  EXPECT_EQ(ConfigResult::kConfigAlreadyExists, AddCaCertificates("vendor", {other.root.pem}));
+  ASSERT_EQ(kOk, GetCaCertificates("vendor", chain));
+  EXPECT_EQ(2u, chain.size());
+  EXPECT_EQ(all, GetAllCaCertificates());
+
+  // A stored chain that does not parse: listed, left out of the list, invalid data.
+  HyvConfig::ConfigStoreObject broken(MakeId(kKeyCaCertificates, "broken"));
+  broken.SetValue("name", "broken");
+  broken.CreateSubObject(HyvConfig::SubObjectId("cert_chain"))
+      ->SetValue("certs", std::vector<std::string>{other.root.pem, "garbage"});
+  int status = 0;
+  Store()->SetObject(broken, status);
+  ASSERT_EQ(kOk, ListCaCertificates(names));
+  EXPECT_EQ((std::vector<std::string>{"vendor", "broken"}), names);
+  EXPECT_EQ(ConfigResult::kConfigInvalidData, GetCaCertificates("broken", chain));
+
+  // Deleting an unknown name still empties the list, which is rebuilt.
+  std::string log = Capture([] { EXPECT_EQ(ConfigResult::kConfigNotFound, DeleteCaCertificates("nope")); });
+  EXPECT_NE(std::string::npos, log.find("CA Cerfificates 'nope' not found"));
+  log = Capture([&] { all = GetAllCaCertificates(); });
+  EXPECT_NE(std::string::npos, log.find("Failed to standardize TPM CA Certificate: broken"));
+  EXPECT_EQ((std::vector<std::string>{pki.intermediate.pem, pki.root.pem}), *all);
+
+  ASSERT_EQ(kOk, DeleteCaCertificates("vendor"));
+  ASSERT_EQ(kOk, DeleteCaCertificates("broken"));
+  ASSERT_EQ(kOk, ListCaCertificates(names));
+  EXPECT_TRUE(names.empty());
+  // A handle taken earlier stays valid and unchanged.
+  EXPECT_EQ(2u, all->size());
+  EXPECT_TRUE(GetAllCaCertificates()->empty());
+}
+
+// The add appends to the list as it is, even before it was ever built: after a
+// start with chains A and B and no use of the list, adding C leaves only C.
+TEST_F(Tpm2ConfigTest, CaAddBeforeTheListIsBuiltIsIncremental) {
+  TestPki a, b, c;
+  ASSERT_EQ(kOk, AddCaCertificates("A", {a.root.pem}));
+  ASSERT_EQ(kOk, AddCaCertificates("B", {b.root.pem}));
+  InitTpm2Config();  // start-up: the load empties the list
+  ASSERT_EQ(kOk, AddCaCertificates("C", {Rewrap(c.root.pem, 20)}));
+  EXPECT_EQ((std::vector<std::string>{c.root.pem}), *GetAllCaCertificates());
+  InitTpm2Config();
+  EXPECT_EQ((std::vector<std::string>{a.root.pem, b.root.pem, c.root.pem}), *GetAllCaCertificates());
+}
+
+// --- Store failures -----------------------------------------------------------
+
+// Every operation, with the store failing at each of its SQLite calls in turn,
+// answers kConfigError, logs its line with SQLite's message and leaves both
+// locks released; then the operation succeeds once the fault lies beyond it.
+TEST_F(Tpm2ConfigTest, EveryStoreFailureIsAConfigErrorWithLocksReleased) {
+  TestPki pki;
+  const std::string ek = MakeKey().public_pem;
+  const std::string ek2 = MakeKey().public_pem;
+  auto setup = [&] {
+    ResetTpm2ConfigForTesting();
+    Store()->FailSqliteCallAfter(-1);
+    for (const std::string& name : ReadInstanceNames(kKeyEndorsementKeys)) {
+      Store()->DeleteObject(MakeId(kKeyEndorsementKeys, name));
+    }
+    for (const std::string& name : ReadInstanceNames(kKeyCaCertificates)) {
+      Store()->DeleteObject(MakeId(kKeyCaCertificates, name));
+    }
+    ASSERT_EQ(kOk, AddEndorsementKey("present", ek));
+    ASSERT_EQ(kOk, AddCaCertificates("present", {pki.root.pem}));
+    InitTpm2Config();
+  };
+  auto code = [](bool ok) { return ok ? kOk : ConfigResult::kConfigError; };
+  std::string out;
+  std::vector<std::string> list;
+  using Lines = std::vector<const char*>;
+  const struct {
+    const char* name;
+    std::function<ConfigResult()> op;
+    Lines lines;
+  } kOps[] = {
+      {"update settings", [] { return UpdateTpm2Settings(true, true); },
+       {"Exception getting tpm2 settings from configstore: disk I/O error",
+        "Exception updating tpm2 settings in configstore: disk I/O error"}},
+      {"get ek", [&] { return GetEndorsementKey("present", out); },
+       {"Exception reading EK 'present' from configstore: disk I/O error"}},
+      {"list eks", [&] { return ListEndorsementKeys(list); },
+       {"Exception reading EK list from configstore: disk I/O error"}},
+      {"add ek", [&] { return AddEndorsementKey("new", ek2); },
+       {"Exception reading EK 'new' from configstore: disk I/O error",
+        "Exception writing EK 'new' to configstore: disk I/O error"}},
+      {"delete ek", [] { return DeleteEndorsementKey("present"); },
+       {"Exception reading EK 'present' from configstore: disk I/O error",
+        "Failed to delete EK present from configstore: disk I/O error"}},
+      {"get ca", [&] { return GetCaCertificates("present", list); },
+       {"Exception reading CA certificate 'present' from configstore: disk I/O error"}},
+      {"list cas", [&] { return ListCaCertificates(list); },
+       {"Exception reading CA certificate list from configstore: disk I/O error"}},
+      {"add ca", [&] { return AddCaCertificates("new", {pki.intermediate.pem}); },
+       {"Exception reading CA certificate 'new' from configstore: disk I/O error",
+        "Exception writing CA certificate 'new' to configstore: disk I/O error"}},
+      {"delete ca", [] { return DeleteCaCertificates("present"); },
+       {"Exception deleting CA Certificate 'present' from configstore: disk I/O error"}},
+      {"all cas", [&] { return code(GetAllCaCertificates() != nullptr); },
+       {"Exception reading CA certificate list from configstore: disk I/O error",
+        "Exception reading CA certificate 'present' from configstore: disk I/O error"}},
+      // The load reports nothing; its log tells whether the store failed.
+      {"load", [] { InitTpm2Config(); return kOk; },
+       {"Exception reading EK list from configstore: disk I/O error",
+        "Exception reading EK 'present' from configstore: disk I/O error",
+        "Exception getting tpm2 settings from configstore: disk I/O error"}},
+  };
+  for (const auto& op : kOps) {
+    SCOPED_TRACE(op.name);
+    int failures = 0;
+    for (int skip = 0;; ++skip) {
+      ASSERT_LT(skip, 100);
+      setup();
+      const EkDigest present = Digest(ek);
+      Store()->FailSqliteCallAfter(skip);
+      ConfigResult result = kOk;
+      std::string log = Capture([&] { result = op.op(); });
+      if (log.find("disk I/O error") != std::string::npos) {
+        EXPECT_EQ(std::string(op.name) == "load" ? kOk : ConfigResult::kConfigError, result);
+        result = ConfigResult::kConfigError;
+      }
+      Store()->FailSqliteCallAfter(-1);
+      ExpectLocksReleased();
+      if (result != ConfigResult::kConfigError) {
+        EXPECT_EQ(kOk, result);
+        break;
+      }
+      ++failures;
+      SCOPED_TRACE(log);
+      EXPECT_TRUE(std::any_of(op.lines.begin(), op.lines.end(),
+                              [&](const char* line) { return log.find(line) != std::string::npos; }));
+      // A failed add leaves no digest behind; the configured EK keeps its entry
+      // unless the failure came after the delete had dropped it.
+      EXPECT_FALSE(GetEkReferenceCount(Digest(ek2)).has_value());
+      if (std::string(op.name) != "delete ek") {
+        EXPECT_EQ(0, GetEkReferenceCount(present));
+      }
+    }
+    EXPECT_GT(failures, 0);
+  }
+}
+
+// --- Concurrency --------------------------------------------------------------
+
+// Sessions take and give back EK references on many threads while readers
+// read the settings and an administrator updates settings and adds and
+// deletes other EKs. No count passes the limit, none is lost, no deadlock.
+TEST_F(Tpm2ConfigTest, ConcurrentReferenceCountsStayConsistent) {
+  constexpr int kSessionThreads = 6;
+  constexpr int kRounds = 400;
+  constexpr int32_t kLimit = 4;
+  std::vector<EkDigest> eks;
+  for (int i = 0; i < 3; ++i) {
+    std::string pem = MakeKey().public_pem;
+    ASSERT_EQ(kOk, AddEndorsementKey("ek" + std::to_string(i), pem));
+    eks.push_back(Digest(pem));
+  }
+  std::vector<std::string> extra;
+  for (int i = 0; i < 4; ++i) {
+    extra.push_back(MakeKey().public_pem);
+  }
+  ASSERT_EQ(kOk, UpdateTpm2Settings(true, false));
+  const int saved_level = Log_GetMaxLevel();
+  Log_SetMaxLevel(kLogPanic);  // the limit is hit often; keep the output quiet
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> over_limit{0};
+  std::atomic<int> unexpected{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kSessionThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < kRounds; ++round) {
+        const EkDigest& digest = eks[(t + round) % eks.size()];
+        ConfigResult result = IncrementEkReference(digest, kLimit);
+        if (result == kOk) {
+          if (GetEkReferenceCount(digest).value_or(0) > kLimit) {
+            ++over_limit;
+          }
+          DecrementEkReference(digest);
+        } else if (result != ConfigResult::kConfigLimitReached) {
+          ++unexpected;
+        }
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    while (!stop) {
+      bool a = false, b = false;
+      GetTpm2Settings(a, b);
+      if (!a) {
+        ++unexpected;  // require_endorsement_keys is never switched off
+      }
+    }
+  });
+  threads.emplace_back([&] {
+    for (int round = 0; !stop; ++round) {
+      UpdateTpm2Settings({}, round % 2 == 0);
+      const std::string name = "extra" + std::to_string(round % extra.size());
+      if (AddEndorsementKey(name, extra[round % extra.size()]) != kOk) {
+        ++unexpected;
+      }
+      if (DeleteEndorsementKey(name) != kOk) {
+        ++unexpected;
+      }
+    }
+  });
+  for (int t = 0; t < kSessionThreads; ++t) {
+    threads[t].join();
+  }
+  stop = true;
+  for (size_t t = kSessionThreads; t < threads.size(); ++t) {
+    threads[t].join();
+  }
+  Log_SetMaxLevel(saved_level);
+  EXPECT_EQ(0, over_limit);
+  EXPECT_EQ(0, unexpected);
+  for (const EkDigest& digest : eks) {
+    EXPECT_EQ(0, GetEkReferenceCount(digest));
+  }
+  ExpectLocksReleased();
+}
+
+}  // namespace
+}  // namespace Witnessd::Config::Tpm2

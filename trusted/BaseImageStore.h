@@ -1,0 +1,87 @@
+// The trusted base images: stored as "hyv_base_images" records, one instance
+// per version, and cached in memory on first use so that a session can go from
+// the Hvkernel digest in a host's event log to its base image and payload
+// checksums. The cache list is guarded by the configuration lock.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/Configuration.h"
+#include "verify/EventLog.h"
+
+namespace Witnessd::Config::OsHyv {
+
+// Layout of a stored base image (instance id = version):
+//   "version", "last_attested_time"               strings
+//   sub-objects "paks" (key: package name)       "name", "version", "vendor", "type", "summary"
+//     sub-objects "payloads" (key: payload name) "name", "file_name"
+//       sub-objects "checksums" (key: position)  "checksum", "checksum_type", "verify_process"
+inline constexpr const char* kSubPaks = "paks";
+inline constexpr const char* kSubPayloads = "payloads";
+inline constexpr const char* kSubChecksums = "checksums";
+
+struct ChecksumEntry {
+  std::string checksum;
+  std::string checksum_type;
+  std::string verify_process;
+};
+struct PayloadEntry {
+  std::string name;
+  std::string file_name;
+  std::vector<ChecksumEntry> checksums;
+};
+struct PakEntry {
+  std::string name;
+  std::string version;
+  std::string vendor;
+  std::string type;
+  std::string summary;
+  std::vector<PayloadEntry> payloads;
+};
+
+// AddPakToBaseImage writes |pak| as a new package sub-object of |image| in the
+// layout above. Returns false when a sub-object cannot be created.
+bool AddPakToBaseImage(HyvConfig::ConfigStoreObject& image, const PakEntry& pak);
+
+// What the daemon trusts about one stored base image; shared between the cache
+// and callers holding it.
+struct BaseImageData {
+  std::string version;
+  // "checksum" of payload "k" of package "hyv-base", sha-256 / gunzip.
+  std::string hvkernel_digest;
+  // "checksum" of payload "b" of package "hyv-base", sha-256 / txt-mle.
+  std::string txt_mle_digest;
+  // Every sha-256 / gunzip checksum of every package, by payload file name.
+  std::shared_ptr<const Verify::PayloadChecksumTable> payload_checksums;
+};
+
+// LookupBaseImage finds the first cached base image whose Hvkernel digest is
+// |hvkernel_digest|, loading the cache first when it is empty. kConfigOk with
+// the outputs set, or kConfigNotFound when nothing matches. The table stays
+// valid for the holder after the cache is cleared.
+ConfigResult LookupBaseImage(const std::string& hvkernel_digest, std::string& out_version,
+                             std::string& out_txt_mle_digest,
+                             std::shared_ptr<const Verify::PayloadChecksumTable>& out_checksums);
+
+// ClearBaseImageCache drops the cache so the next lookup reloads it. Callers
+// that change the stored base images hold the configuration lock exclusively;
+// a thread that holds no configuration lock has it taken here.
+void ClearBaseImageCache();
+
+// UpdateLastAttestedTime stores the current UTC time as "last_attested_time"
+// of base image |version|.
+void UpdateLastAttestedTime(const std::string& version);
+
+// ListBaseImages returns the stored versions in store order.
+ConfigResult ListBaseImages(std::vector<std::string>& out_versions);
+
+// InitBaseImageStore loads the cache at start-up, so a damaged record shows in
+// the log and the status at once rather than on the first attestation.
+void InitBaseImageStore();
+
+// FormatAttestedTime prints |usec| since the epoch as "YYYY-MM-DDTHH:MM:SSZ".
+std::string FormatAttestedTime(int64_t usec);
+
+}  // namespace Witnessd::Config::OsHyv

@@ -181,7 +181,7 @@ def main():
             with open(f"{ca}/crl.pem", "rb") as f, open(os.path.join(a.certs_out, name), "wb") as g:
                 g.write(f.read())
                 if which == "maker-garbage":
-                    g.write(b"this is not a CRL\n")
+                    g.write(b"-----BEGIN X509 CRL-----\nbm90IGEgQ1JM!!\n-----END X509 CRL-----\n")
     if not a.out:
         return 0
 
@@ -219,10 +219,12 @@ def main():
     entries.append((PAKS + "hyv-update.orig", update))
     entries.append((PAKS + "hyv-update.sig",
                     b"".join(sign(update, signers[s], work) for s in a.sign_update.split(",") if s)))
+    if a.big_entry:
+        # Pads the profile with a comment to one byte over the 1 MiB entry limit.
+        pad = 0x100000 + 1 - len(prof) - len("<!---->")
+        prof = prof + b"<!--" + b"x" * pad + b"-->"
     if not a.no_profile:
         entries.append((PROFILES + "hyv-8.0.1.xml", prof))
-    if a.big_entry:
-        entries.append(("var/db/hyvstore/big.bin", b"\0" * (0x100000 + 1)))
 
     buf = io.BytesIO()
     fmt = tarfile.USTAR_FORMAT if a.posix else tarfile.GNU_FORMAT

@@ -234,7 +234,7 @@ RequestVerdict ClassifyHttpRequest(std::string_view bytes) {
   while (!parser.is_header_done()) {
     size_t used = parser.put(buf, ec);
     buf += used;
-    if (ec == http::error::need_more) {
+    if (ec == http::error::need_more || (used == 0 && !ec)) {
       return RequestVerdict::kIncomplete;
     }
     if (ec == http::error::body_limit) {
@@ -252,11 +252,8 @@ RequestVerdict ClassifyHttpRequest(std::string_view bytes) {
   while (!parser.is_done()) {
     size_t used = parser.put(buf, ec);
     buf += used;
-    if (ec == http::error::need_more) {
-      if (buf.size() == 0) {
-        return RequestVerdict::kIncomplete;
-      }
-      continue;
+    if (ec == http::error::need_more || (used == 0 && !ec)) {
+      return RequestVerdict::kIncomplete;  // the whole input was offered at once
     }
     if (ec == http::error::body_limit) {
       return RequestVerdict::kTooLarge;

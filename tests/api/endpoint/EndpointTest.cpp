@@ -1,0 +1,527 @@
+// The endpoint over real loopback sockets: fixed replies byte for byte,
+// 100-continue, the body limit, keep-alive, chunked bodies, content types,
+// timeouts and the provider's answers.
+#include "api/endpoint/Endpoint.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "api/provider/ProviderAssembly.h"
+#include "platform/Hearth.h"
+#include "platform/lumen/Json.h"
+
+namespace {
+
+using namespace Witnessd::AttestApi;
+using Lumen::Provider::MethodResult;
+using nlohmann::json;
+
+class NullLogger : public Lumen::Log::Logger {
+ public:
+  std::unique_ptr<Lumen::Log::LogRecord> CreateRecord(int, const Lumen::Log::SourceContext&) override {
+    return nullptr;
+  }
+};
+
+void EnsureRuntime() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    auto scratch = Hearth::Service::CreateScratchConfig();
+    scratch->SetString("log/level", "error");
+    scratch->SetInt("hearth/threadPool/ioThreads", 1);
+    scratch->SetInt("hearth/threadPool/maxThreads", 12);
+    Hearth::Service::SetAppInfo({"witnessd_endpoint_tests", "1.0.0", 1, 0});
+    Hearth::Service::InitApp(scratch, "/nonexistent/config.xml");
+  });
+}
+
+// FakeProvider answers "echo.*" operations:
+//   get   -> {"input", "locale"}      size -> input dump length
+//   drop  -> never answers            async -> answers from another thread
+class FakeProvider : public Lumen::Provider::ApiProvider {
+ public:
+  FakeProvider()
+      : types_(std::make_shared<Lumen::Json::TypeRegistry>(json::parse(R"({
+          "structures": {"echo.info": {"fields": {}}},
+          "services": {"echo": {"operations": {"get": {"output": {"structure": "echo.info"}}}}}})"))) {}
+
+  void Invoke(Lumen::Provider::Request request, Lumen::Provider::ResultCallback done) override {
+    const std::string& op = request.operation_id;
+    if (request.service_id != "echo") {
+      done(MethodResult::Failure(Com::Quarro::Lumen::Std::Errors::OperationNotFound(request.service_id, op)));
+    } else if (op == "get") {
+      done(MethodResult::Value({{"input", request.input}, {"locale", request.ctx->locale}}));
+    } else if (op == "size") {
+      done(MethodResult::Value(request.input.dump().size()));
+    } else if (op == "async") {
+      std::thread([done, input = request.input] { done(MethodResult::Value(input)); }).detach();
+    }
+    // "drop": the callback is released unanswered.
+  }
+  std::shared_ptr<const Lumen::Json::TypeRegistry> Types() const override { return types_; }
+
+ private:
+  std::shared_ptr<const Lumen::Json::TypeRegistry> types_;
+};
+
+// Raw loopback client.
+class Client {
+ public:
+  explicit Client(uint16_t port, bool v6 = false) {
+    fd_ = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
+    timeval tv{10, 0};  // a hung server fails the test instead of hanging it
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    int rc;
+    if (v6) {
+      sockaddr_in6 a{};
+      a.sin6_family = AF_INET6;
+      a.sin6_port = htons(port);
+      a.sin6_addr = in6addr_loopback;
+      rc = connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+    } else {
+      sockaddr_in a{};
+      a.sin_family = AF_INET;
+      a.sin_port = htons(port);
+      a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      rc = connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+    }
+    EXPECT_EQ(0, rc);
+  }
+  ~Client() { close(fd_); }
+
+  void Send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      ssize_t n = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (n <= 0) {
+        ADD_FAILURE() << "send failed";
+        return;
+      }
+      bytes.remove_prefix(static_cast<size_t>(n));
+    }
+  }
+
+  // Fill reads until |n| bytes are buffered; false when the peer closed.
+  bool Fill(size_t n) {
+    char chunk[65536];
+    while (buf_.size() < n) {
+      ssize_t got = recv(fd_, chunk, sizeof(chunk), 0);
+      if (got <= 0) {
+        return false;
+      }
+      buf_.append(chunk, static_cast<size_t>(got));
+    }
+    return true;
+  }
+
+  std::string Take(size_t n) {
+    std::string out = buf_.substr(0, n);
+    buf_.erase(0, n);
+    return out;
+  }
+
+  // ReadUntilClose returns everything up to the server's close.
+  std::string ReadUntilClose() {
+    Fill(SIZE_MAX);
+    return Take(buf_.size());
+  }
+
+  struct Response {
+    int status = 0;
+    std::string head;
+    std::map<std::string, std::string> headers;  // lower-case names
+    std::string body;
+    bool chunked = false;
+  };
+
+  bool ReadResponse(Response* out) {
+    size_t end;
+    while ((end = buf_.find("\r\n\r\n")) == std::string::npos) {
+      if (!Fill(buf_.size() + 1)) {
+        return false;
+      }
+    }
+    out->head = Take(end + 4);
+    out->status = std::stoi(out->head.substr(9, 3));
+    size_t pos = out->head.find("\r\n") + 2;
+    while (pos < out->head.size() - 2) {
+      size_t eol = out->head.find("\r\n", pos);
+      std::string line = out->head.substr(pos, eol - pos);
+      size_t colon = line.find(':');
+      std::string name = line.substr(0, colon);
+      for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      out->headers[name] = line.substr(colon + 2);
+      pos = eol + 2;
+    }
+    if (out->headers.count("content-length")) {
+      size_t len = std::stoul(out->headers["content-length"]);
+      if (!Fill(len)) return false;
+      out->body = Take(len);
+    } else if (out->headers["transfer-encoding"] == "chunked") {
+      out->chunked = true;
+      for (;;) {
+        size_t eol;
+        while ((eol = buf_.find("\r\n")) == std::string::npos) {
+          if (!Fill(buf_.size() + 1)) return false;
+        }
+        size_t size = std::stoul(Take(eol + 2), nullptr, 16);
+        if (!Fill(size + 2)) return false;
+        out->body += Take(size);
+        Take(2);
+        if (size == 0) break;
+      }
+    }
+    return true;
+  }
+
+ private:
+  int fd_ = -1;
+  std::string buf_;
+};
+
+std::string Envelope(const std::string& service, const std::string& op, const json& input = json::object(),
+                     const json& security_ctx = json::object()) {
+  return json{{"jsonrpc", "2.0"},
+              {"id", "7"},
+              {"method", "invoke"},
+              {"params", {{"serviceId", service}, {"operationId", op}, {"ctx", {{"securityCtx", security_ctx}}},
+                          {"input", input}}}}
+      .dump();
+}
+
+std::string Post(const std::string& body, const std::string& content_type = "application/vnd.quarro.lumen.cleanjson",
+                 const std::string& extra_headers = "") {
+  std::string head = "POST /api HTTP/1.1\r\nHost: localhost\r\n";
+  if (!content_type.empty()) head += "Content-Type: " + content_type + "\r\n";
+  return head + "Content-Length: " + std::to_string(body.size()) + "\r\n" + extra_headers + "\r\n" + body;
+}
+
+class EndpointTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    EnsureRuntime();
+    Start(std::make_shared<FakeProvider>(), EndpointTimeouts{std::chrono::seconds(30), std::chrono::seconds(30)});
+  }
+  void TearDown() override { endpoint_.reset(); }
+
+  void Start(std::shared_ptr<Lumen::Provider::ApiProvider> provider, EndpointTimeouts timeouts) {
+    endpoint_.reset();
+    io_ = std::make_shared<boost::asio::io_context>();
+    endpoint_ = std::make_unique<Endpoint>(0, io_, std::move(provider), nullptr, nullptr,
+                                           std::make_shared<NullLogger>(), timeouts);
+    ASSERT_TRUE(endpoint_->Start());
+    port_ = endpoint_->BoundPort4();
+    ASSERT_NE(0, port_);
+  }
+
+  Client::Response Exchange(const std::string& request) {
+    Client c(port_);
+    c.Send(request);
+    Client::Response r;
+    EXPECT_TRUE(c.ReadResponse(&r));
+    return r;
+  }
+
+  std::shared_ptr<boost::asio::io_context> io_;
+  std::unique_ptr<Endpoint> endpoint_;
+  uint16_t port_ = 0;
+};
+
+TEST_F(EndpointTest, FixedBadRequestReplyThenClose) {
+  const struct {
+    const char* name;
+    std::string request;
+  } kCases[] = {
+      {"garbage", "GARBAGE\r\n\r\n"},
+      {"bad version", "POST /api HTTP/9\r\n\r\n"},
+      {"GET", "GET /api HTTP/1.1\r\nHost: x\r\n\r\n"},
+      {"framed", Post(Envelope("echo", "get"), "application/vnd.quarro.lumen.framed")},
+      {"cframed", Post(Envelope("echo", "get"), "application/vnd.quarro.lumen.cframed.cleanjson")},
+      {"huge header", "POST /api HTTP/1.1\r\nX-Big: " + std::string(20000, 'a') + "\r\n\r\n"},
+      {"bad chunk size", "POST /api HTTP/1.1\r\nContent-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\nZZ\r\n"},
+      {"two lengths", "POST /api HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Client client(port_);
+    client.Send(c.request);
+    EXPECT_EQ(kBadRequestReply, client.ReadUntilClose());
+  }
+}
+
+TEST_F(EndpointTest, ExpectOtherThanContinueGetsFixed417) {
+  Client c(port_);
+  std::string body = Envelope("echo", "get");
+  c.Send("POST /api HTTP/1.1\r\nContent-Type: application/json\r\nExpect: 200-ok\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\n\r\n");
+  EXPECT_EQ(kExpectationFailedReply, c.ReadUntilClose());
+}
+
+TEST_F(EndpointTest, ContinueIsSentBeforeTheBodyIsRead) {
+  Client c(port_);
+  std::string body = Envelope("echo", "get", {{"a", 1}});
+  c.Send("POST /api HTTP/1.1\r\nContent-Type: application/vnd.quarro.lumen.cleanjson\r\nExpect: 100-continue\r\n"
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n");
+  ASSERT_TRUE(c.Fill(kContinueReply.size()));
+  EXPECT_EQ(kContinueReply, c.Take(kContinueReply.size()));
+  c.Send(body);
+  Client::Response r;
+  ASSERT_TRUE(c.ReadResponse(&r));
+  EXPECT_EQ(200, r.status);
+  EXPECT_EQ(json({{"a", 1}}), json::parse(r.body)["result"]["output"]["input"]);
+}
+
+// Body of |size| bytes that is a valid call: the input's padding fills it.
+std::string BodyOfSize(size_t size) {
+  std::string skeleton = Envelope("echo", "size", {{"pad", ""}});
+  return Envelope("echo", "size", {{"pad", std::string(size - skeleton.size(), 'x')}});
+}
+
+TEST_F(EndpointTest, BodyLimitIsExactly2500000Bytes) {
+  std::string body = BodyOfSize(kHttpBodySizeLimitInBytes);
+  ASSERT_EQ(2500000u, body.size());
+  Client::Response ok = Exchange(Post(body));
+  EXPECT_EQ(200, ok.status);
+  EXPECT_TRUE(json::parse(ok.body)["result"].contains("output"));
+
+  Client c(port_);
+  // Only the head: the length alone is refused, before any body byte.
+  c.Send("POST /api HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: 2500001\r\n\r\n");
+  Client::Response big;
+  ASSERT_TRUE(c.ReadResponse(&big));
+  EXPECT_EQ(413, big.status);
+  EXPECT_EQ("request_exceeds_max_size", big.headers["lumen-error"]);
+  EXPECT_EQ("close", big.headers["connection"]);
+  EXPECT_EQ("lumen.request.exceeds.max.size", json::parse(big.body)["error"]["message"]);
+  EXPECT_EQ("", c.ReadUntilClose());
+}
+
+TEST_F(EndpointTest, KeepAliveUntilConnectionClose) {
+  Client c(port_);
+  for (int i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    c.Send(Post(Envelope("echo", "get", {{"i", i}})));
+    Client::Response r;
+    ASSERT_TRUE(c.ReadResponse(&r));
+    EXPECT_EQ(200, r.status);
+    EXPECT_EQ("Keep-Alive", r.headers["connection"]);
+    EXPECT_EQ("Lumen-PicoHttp", r.headers["server"]);
+    EXPECT_EQ(i, json::parse(r.body)["result"]["output"]["input"]["i"]);
+  }
+  c.Send(Post(Envelope("echo", "get"), "application/json", "Connection: close\r\n"));
+  Client::Response last;
+  ASSERT_TRUE(c.ReadResponse(&last));
+  EXPECT_EQ("close", last.headers["connection"]);
+  EXPECT_EQ("", c.ReadUntilClose());
+}
+
+TEST_F(EndpointTest, ContentTypeMatrix) {
+  const struct {
+    const char* content_type;
+    const char* accept;
+    int status;
+    bool chunked;
+    bool decorated;
+  } kCases[] = {
+      {"application/json", nullptr, 200, false, true},
+      {"application/json; charset=utf-8", nullptr, 200, false, true},
+      {"application/vnd.quarro.lumen.cleanjson", nullptr, 200, false, false},
+      {"application/vnd.quarro.lumen.stream.json", nullptr, 200, true, true},
+      {"application/vnd.quarro.lumen.clean.stream.json", nullptr, 200, true, false},
+      {"application/vnd.quarro.lumen.cleanjson", "application/vnd.quarro.lumen.clean.stream.json", 200, true, false},
+      {"text/plain", nullptr, 415, false, false},
+      {"application/xml", nullptr, 415, false, false},
+      {"", nullptr, 415, false, false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.content_type);
+    std::string extra = c.accept ? std::string("Accept: ") + c.accept + "\r\n" : "";
+    Client::Response r = Exchange(Post(Envelope("echo", "get", {{"x", 1}}), c.content_type, extra));
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(c.chunked, r.chunked);
+    EXPECT_EQ("Keep-Alive", r.headers["connection"]);
+    if (c.status != 200) {
+      EXPECT_EQ("invalid_content_type", r.headers["lumen-error"]);
+      EXPECT_EQ("lumen.invalid.content.type", json::parse(r.body)["error"]["message"]);
+      continue;
+    }
+    EXPECT_EQ(std::string(c.content_type).substr(0, std::string(c.content_type).find(';')), r.headers["content-type"]);
+    json output = json::parse(r.body)["result"]["output"];
+    EXPECT_EQ(c.decorated, output.contains("STRUCTURE"));
+    EXPECT_EQ(json({{"x", 1}}), Lumen::Json::Undecorate(output)["input"]);
+  }
+}
+
+TEST_F(EndpointTest, DecoratedInputIsUnwrapped) {
+  json input = {{"request", {{"STRUCTURE", {{"echo.request", {{"a", 1}}}}}}}};
+  Client::Response r = Exchange(Post(Envelope("echo", "get", input), "application/json"));
+  EXPECT_EQ(json({{"request", {{"a", 1}}}}), json::parse(r.body)["result"]["output"]["STRUCTURE"]["echo.info"]["input"]);
+}
+
+TEST_F(EndpointTest, FrameworkErrors) {
+  const struct {
+    const char* name;
+    std::string request;
+    int status;
+    const char* lumen_error;
+  } kCases[] = {
+      {"not json", Post("{\"jsonrpc\":"), 400, "invalid_request"},
+      {"not invoke", Post(R"({"jsonrpc":"2.0","method":"list","params":{}})"), 400, "invalid_request"},
+      {"bad accept-language", Post(Envelope("echo", "get"), "application/json", "Accept-Language: e n\r\n"), 400,
+       "invalid_request"},
+      {"other path", "POST /other HTTP/1.1\r\nContent-Length: 0\r\n\r\n", 404, nullptr},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Client::Response r = Exchange(c.request);
+    EXPECT_EQ(c.status, r.status);
+    if (c.lumen_error) {
+      EXPECT_EQ(c.lumen_error, r.headers["lumen-error"]);
+      EXPECT_EQ("text/plain", r.headers["content-type"]);
+      json body = json::parse(r.body);
+      EXPECT_EQ(-32600, body["error"]["code"]);
+      EXPECT_TRUE(body["id"].is_null());
+    }
+  }
+}
+
+TEST_F(EndpointTest, LocaleHeaderReachesTheProvider) {
+  Client::Response a = Exchange(Post(Envelope("echo", "get"), "application/json", "lumen-ctx-format-locale: de-DE\r\n"));
+  EXPECT_EQ("de_DE", Lumen::Json::Undecorate(json::parse(a.body)["result"]["output"])["locale"]);
+  Client::Response b = Exchange(Post(Envelope("echo", "get"), "application/json", "Accept-Language: fr, en;q=0.5\r\n"));
+  EXPECT_EQ("fr", Lumen::Json::Undecorate(json::parse(b.body)["result"]["output"])["locale"]);
+}
+
+TEST_F(EndpointTest, ChunkedRequestBody) {
+  std::string body = Envelope("echo", "get", {{"chunked", true}});
+  std::string request = "POST /api HTTP/1.1\r\nContent-Type: application/vnd.quarro.lumen.cleanjson\r\n"
+                        "Transfer-Encoding: chunked\r\n\r\n";
+  for (size_t pos = 0; pos < body.size(); pos += 10) {
+    std::string part = body.substr(pos, 10);
+    char size[16];
+    snprintf(size, sizeof(size), "%zx\r\n", part.size());
+    request += size + part + "\r\n";
+  }
+  request += "0\r\n\r\n";
+  Client::Response r = Exchange(request);
+  EXPECT_EQ(200, r.status);
+  EXPECT_EQ(json({{"chunked", true}}), json::parse(r.body)["result"]["output"]["input"]);
+}
+
+TEST_F(EndpointTest, EveryCallGetsExactlyOneAnswer) {
+  Client::Response dropped = Exchange(Post(Envelope("echo", "drop")));
+  EXPECT_EQ(200, dropped.status);
+  EXPECT_EQ("INTERNAL_SERVER_ERROR", json::parse(dropped.body)["result"]["error"]["error_type"]);
+  Client::Response async = Exchange(Post(Envelope("echo", "async", {{"a", 2}})));
+  EXPECT_EQ(json({{"a", 2}}), json::parse(async.body)["result"]["output"]);
+  Client::Response missing = Exchange(Post(Envelope("nothing", "get")));
+  EXPECT_EQ("OPERATION_NOT_FOUND", json::parse(missing.body)["result"]["error"]["error_type"]);
+  EXPECT_EQ("7", json::parse(missing.body)["id"]);
+}
+
+TEST_F(EndpointTest, ServesIPv6Loopback) {
+  if (endpoint_->BoundPort6() == 0) {
+    GTEST_SKIP() << "no IPv6 loopback on this host";
+  }
+  Client c(endpoint_->BoundPort6(), /*v6=*/true);
+  c.Send(Post(Envelope("echo", "get")));
+  Client::Response r;
+  ASSERT_TRUE(c.ReadResponse(&r));
+  EXPECT_EQ(200, r.status);
+}
+
+TEST_F(EndpointTest, IdleAndStalledConnectionsAreClosedAfterTheReadTimeout) {
+  Start(std::make_shared<FakeProvider>(), EndpointTimeouts{std::chrono::milliseconds(200), std::chrono::seconds(5)});
+  Client idle(port_);
+  EXPECT_EQ("", idle.ReadUntilClose());
+  Client stalled(port_);
+  stalled.Send("POST /api HTTP/1.1\r\nContent-Length: 100\r\n\r\n{");
+  EXPECT_EQ("", stalled.ReadUntilClose());
+}
+
+TEST_F(EndpointTest, StopIsIdempotent) {
+  endpoint_->Stop();
+  endpoint_->Stop();
+  EXPECT_FALSE(endpoint_->Start());
+}
+
+TEST(ServerConfig, RendersForTheLog) {
+  ServerConfig config;
+  config.port = 7889;
+  config.endpoint4 = {boost::asio::ip::make_address("127.0.0.1"), 7889};
+  config.endpoint6 = {boost::asio::ip::make_address("::1"), 7889};
+  EXPECT_EQ("ServerConfig{port:7889 endpoint4:127.0.0.1:7889;endpoint6:[::1]:7889;Localizer not set readTimeout:20 "
+            "minutes;writeTimeout:30 minutes;httpBodySizeLimitInBytes:2500000 ProtocolHandlerSpec::extractors count:0}",
+            config.ToString());
+  const struct {
+    std::chrono::nanoseconds d;
+    const char* want;
+  } kCases[] = {
+      {std::chrono::seconds(1200), "20 minutes"},
+      {std::chrono::seconds(90), "1 minutes and 30 seconds"},
+      {std::chrono::milliseconds(1500), "1 seconds and 500 milliseconds"},
+      {std::chrono::nanoseconds(1001), "1 microseconds and 1 nanoseconds"},
+      {std::chrono::nanoseconds(0), "0 nanoseconds"},
+  };
+  for (const auto& c : kCases) {
+    EXPECT_EQ(c.want, FormatDuration(c.d));
+  }
+}
+
+TEST(ClassifyHttpRequest, VerdictFromBytesAlone) {
+  std::string good = Post(Envelope("echo", "get"));
+  EXPECT_EQ(RequestVerdict::kServe, ClassifyHttpRequest(good));
+  for (size_t n = 0; n < good.size(); ++n) {
+    ASSERT_EQ(RequestVerdict::kIncomplete, ClassifyHttpRequest(good.substr(0, n))) << n;
+  }
+  const struct {
+    const char* name;
+    std::string bytes;
+    RequestVerdict want;
+  } kCases[] = {
+      {"limit", Post(BodyOfSize(kHttpBodySizeLimitInBytes)), RequestVerdict::kServe},
+      {"limit + 1", Post(BodyOfSize(kHttpBodySizeLimitInBytes + 1)), RequestVerdict::kTooLarge},
+      {"expect", Post(Envelope("echo", "get"), "application/json", "Expect: x\r\n"), RequestVerdict::kExpectationFailed},
+      {"continue", Post(Envelope("echo", "get"), "application/json", "Expect: 100-Continue\r\n"), RequestVerdict::kServe},
+      {"unsupported type", Post(Envelope("echo", "get"), "text/html"), RequestVerdict::kInvalidContentType},
+      {"framed", Post(Envelope("echo", "get"), "application/vnd.quarro.lumen.framed"), RequestVerdict::kBadRequest},
+      {"bad json", Post("[1,"), RequestVerdict::kInvalidRequest},
+      {"path", "POST /x HTTP/1.1\r\nContent-Length: 0\r\n\r\n", RequestVerdict::kNotFound},
+      {"garbage", "\x01\x02\r\n\r\n", RequestVerdict::kBadRequest},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.want, ClassifyHttpRequest(c.bytes));
+  }
+}
+
+// The daemon's own provider behind the endpoint.
+TEST(EndpointWithProvider, AnonymousIntrospectionAndRefusedAdminCall) {
+  EnsureRuntime();
+  ProviderFiles files;
+  files.metadata = WITNESSD_METADATA_FILE;
+  files.trusted_issuers = "/nonexistent/trusted_issuers.pem";
+  files.audit_switch = "/nonexistent/AuditApiCallEnabled";
+  auto logger = std::make_shared<NullLogger>();
+  auto provider = AssembleProvider(nullptr, nullptr, logger, std::make_shared<Orm::Common::HearthLumen::TrafficTracker>(nullptr),
+                                   std::make_shared<Orm::Common::HearthLumen::ErrorsTracker>(nullptr), {}, files);
+  auto io = std::make_shared<boost::asio::io_context>();
+  Endpoint endpoint(0, io, provider, nullptr, nullptr, logger);
+  ASSERT_TRUE(endpoint.Start());
+  Client c(endpoint.BoundPort4());
+  c.Send(Post(Envelope("com.quarro.lumen.std.introspection.provider", "get")));
+  Client::Response r;
+  ASSERT_TRUE(c.ReadResponse(&r));
+  EXPECT_EQ("witnessd", json::parse(r.body)["result"]["output"]["id"]);
+  c.Send(Post(Envelope("com.quarro.hyv.attestation.tpm2.settings", "update")));
+  ASSERT_TRUE(c.ReadResponse(&r));
+  EXPECT_EQ("UNAUTHENTICATED", json::parse(r.body)["result"]["error"]["error_type"]);
+}
+
+}  // namespace

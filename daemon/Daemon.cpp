@@ -12,12 +12,17 @@
 #include "api/endpoint/Endpoint.h"
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
+#include "config/Configuration.h"
+#include "config/SigningKey.h"
+#include "config/tpm2/EndorsementKeys.h"
 #include "daemon/log/LumenLoggerWrapper.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
 #include "platform/SignalUtils.h"
 #include "platform/System.h"
 #include "platform/Trackers.h"
+#include "platform/configstore/ConfigStore.h"
+#include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Daemon {
 namespace {
@@ -74,8 +79,15 @@ int Main() {
     g_witnessd_logger =
         Hearth::Service::Logger::CreateLogger(Hearth::Service::Logger::sDefaultLogger, "witnessdLogger");
 
-    // Persistent configuration: signing key, TPM trust configuration, base
-    // image store (hook: configuration layer).
+    // Persistent configuration. The store is opened first so that a damaged or
+    // unreadable database stops the start rather than read as empty.
+    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
+    Config::InitConfigLocks();
+    Config::EnsureSigningKey();
+    // Restore of the stored configuration keys for this boot goes here, before
+    // the loads below (hook: configuration restore).
+    Config::Tpm2::InitTpm2Config();
+    Config::OsHyv::InitBaseImageStore();
 
     // Session manager with its limits from the settings tree (hook: sessions).
 

@@ -297,19 +297,24 @@ std::shared_ptr<HyvConfigStore> HyvConfigStore::Open(const std::string& path, co
   }
   sqlite3_busy_timeout(store->db_, 5000);
   std::lock_guard<std::mutex> lock(store->mutex_);
-  // WAL with synchronous FULL makes a transaction durable once COMMIT returns.
-  store->Exec("PRAGMA journal_mode=WAL");
-  store->Exec("PRAGMA synchronous=FULL");
-  store->Exec(
-      "CREATE TABLE IF NOT EXISTS records("
-      " key TEXT NOT NULL, component TEXT NOT NULL, grp TEXT NOT NULL, instance TEXT NOT NULL,"
-      " body TEXT NOT NULL, boot_id TEXT NOT NULL DEFAULT '',"
-      " PRIMARY KEY(key, component, grp, instance))");
+  std::string verdict;
+  try {
+    // WAL with synchronous FULL makes a transaction durable once COMMIT returns.
+    store->Exec("PRAGMA journal_mode=WAL");
+    store->Exec("PRAGMA synchronous=FULL");
+    store->Exec(
+        "CREATE TABLE IF NOT EXISTS records("
+        " key TEXT NOT NULL, component TEXT NOT NULL, grp TEXT NOT NULL, instance TEXT NOT NULL,"
+        " body TEXT NOT NULL, boot_id TEXT NOT NULL DEFAULT '',"
+        " PRIMARY KEY(key, component, grp, instance))");
+    Statement check(store.get(), "PRAGMA quick_check");
+    verdict = check.Step() ? check.Text(0) : "no answer";
+  } catch (const HostCtlException& e) {
+    throw HostCtlException("cannot open " + path + ": " + e.what());
+  }
   // A damaged file must stop the start, never read as an empty configuration.
-  Statement check(store.get(), "PRAGMA quick_check");
-  std::string verdict = check.Step() ? check.Text(0) : "no answer";
   if (verdict != "ok") {
-    throw HostCtlException("database " + path + " failed its integrity check: " + verdict);
+    throw HostCtlException("cannot open " + path + ": integrity check failed: " + verdict);
   }
   return store;
 }

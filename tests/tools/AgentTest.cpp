@@ -1,0 +1,362 @@
+// The agent's hosts against the daemon's own checks, without the daemon: a
+// host's EK, AK, credential activation, PCR reads, quote and event log must
+// pass the same functions the attestation session runs.
+#include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "platform/tcg/SecurityInfo.h"
+#include "tests/support/SwtpmProcess.h"
+#include "tools/Agent.h"
+#include "tools/BootLog.h"
+#include "tools/HostTpm.h"
+#include "tools/TpmBytes.h"
+#include "tpm2/CredentialProtection.h"
+#include "verify/EventLog.h"
+#include "verify/QuoteVerify.h"
+
+namespace Witnessd::Agent {
+namespace {
+
+namespace V = Witnessd::Verify;
+using Entry = HvkCtl::Security::SecurityInfoImpl::Entry;
+
+// One swtpm for the whole test program, started on first use and stopped
+// after the last test; every case boots it afresh.
+Testing::SwtpmProcess* g_swtpm = nullptr;
+bool g_swtpm_tried = false;
+
+class SwtpmEnvironment : public testing::Environment {
+ public:
+  void TearDown() override {
+    delete g_swtpm;
+    g_swtpm = nullptr;
+  }
+};
+testing::Environment* const g_environment = testing::AddGlobalTestEnvironment(new SwtpmEnvironment);
+
+Testing::SwtpmProcess* SharedSwtpm() {
+  if (!g_swtpm_tried) {
+    g_swtpm_tried = true;
+    g_swtpm = new Testing::SwtpmProcess();
+    if (!g_swtpm->Setup() || !g_swtpm->Start()) {
+      ADD_FAILURE() << g_swtpm->SetupLog();
+      delete g_swtpm;
+      g_swtpm = nullptr;
+    }
+  }
+  return g_swtpm;
+}
+
+enum class HostKind { kSoftware, kSwtpm };
+
+std::unique_ptr<HostTpm> MakeHost(HostKind kind) {
+  if (kind == HostKind::kSoftware) {
+    return MakeSoftwareHost();
+  }
+  Testing::SwtpmProcess* swtpm = SharedSwtpm();
+  if (swtpm == nullptr) {
+    return nullptr;
+  }
+  std::string error;
+  auto host = OpenSwtpmHost(swtpm->Port(), &error);
+  EXPECT_NE(nullptr, host) << error;
+  return host;
+}
+
+V::TPM2B_PUBLIC UnmarshalPublic(const Bytes& b) {
+  V::TPM2B_PUBLIC pub = {};
+  EXPECT_NE(0u, V::Tpm2_Unmarshal_TPM2B_PUBLIC(b.data(), static_cast<uint32_t>(b.size()), &pub));
+  return pub;
+}
+
+// What a session gathers from one quote turn, checked as the session does.
+struct QuoteTurn {
+  Bytes nonce;
+  Bytes quoted;
+  Bytes signature;
+  std::vector<PcrReadResult> reads;
+  V::QuoteEvidence evidence = {};
+};
+
+// FillEvidence places the read PCR values by PCR number, walking each
+// selection's bitmap in bit order.
+void FillEvidence(QuoteTurn* q) {
+  for (const PcrReadResult& r : q->reads) {
+    V::TPML_PCR_SELECTION sel = {};
+    V::TPML_DIGEST values = {};
+    ASSERT_NE(0u, V::Tpm2_Unmarshal_TPML_PCR_SELECTION(r.selection_out.data(),
+                                                       static_cast<uint32_t>(r.selection_out.size()), &sel));
+    ASSERT_NE(0u, V::Tpm2_Unmarshal_TPML_DIGEST(r.values.data(), static_cast<uint32_t>(r.values.size()), &values));
+    ASSERT_EQ(1u, sel.count);
+    uint32_t bank = V::PcrBankIndex(sel.pcrSelections[0].hash);
+    ASSERT_LT(bank, V::kNumPcrBanks);
+    uint32_t next = 0;
+    for (uint32_t pcr = 0; pcr < 8u * sel.pcrSelections[0].sizeofSelect; ++pcr) {
+      if ((sel.pcrSelections[0].pcrSelect[pcr / 8] & (1u << (pcr % 8))) != 0 && next < values.count) {
+        std::memcpy(q->evidence.pcrs[bank][pcr], values.digests[next].buffer, values.digests[next].size);
+        ++next;
+      }
+    }
+    EXPECT_EQ(values.count, next);
+  }
+  q->evidence.quote = {q->quoted.size(), q->quoted.data()};
+  q->evidence.signature = {q->signature.size(), q->signature.data()};
+}
+
+V::VerifyStatus ValidateLog(const Bytes& log, const BootPlan& plan, const QuoteTurn& q) {
+  std::vector<Entry> entries;
+  EXPECT_TRUE(HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), log.size(), &entries));
+  std::vector<std::vector<V::TcgDigest>> digests(entries.size());
+  std::vector<V::TcgEventRecord> records;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    for (const auto& d : entries[i].digests) {
+      digests[i].push_back({d.algorithm, d.value.data(), static_cast<uint16_t>(d.value.size())});
+    }
+    records.push_back({entries[i].pcrIndex, entries[i].eventType, static_cast<uint8_t>(digests[i].size()),
+                       digests[i].data(), entries[i].eventData.data(),
+                       static_cast<uint16_t>(entries[i].eventData.size())});
+  }
+  V::PayloadChecksumTable checksums;
+  for (const char* name : {kKernelPayload, kSystemPayload, kSystemBootPayload, kUpdatePayload}) {
+    checksums[name] = Hex(DefaultPayloadDigest(name));
+  }
+  V::HostClaims claims = {static_cast<uint8_t>(plan.txt ? 1 : 0)};
+  std::string txt_digest = Hex(LaunchDigest(plan));
+  return V::ValidateEventLog(records.data(), static_cast<uint32_t>(records.size()), &claims, txt_digest.c_str(),
+                             &checksums, &q.evidence);
+}
+
+struct HostCase {
+  const char* name;
+  HostKind kind;
+  bool txt;
+};
+
+class HostAgainstVerifier : public testing::TestWithParam<HostCase> {};
+
+TEST_P(HostAgainstVerifier, WholeConversationPassesTheSessionChecks) {
+  const HostCase& c = GetParam();
+  std::unique_ptr<HostTpm> host = MakeHost(c.kind);
+  ASSERT_NE(nullptr, host);
+  BootPlan plan;
+  plan.txt = c.txt;
+  std::vector<BootEvent> events = HypervisorBootEvents(plan);
+  Bytes log = WriteEventLog(events);
+  ASSERT_TRUE(MeasureBoot(host.get(), plan, events)) << host->LastError();
+
+  Bytes ek;
+  Bytes ak;
+  ASSERT_TRUE(host->EkPublic(&ek)) << host->LastError();
+  ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &ak)) << host->LastError();
+  EXPECT_TRUE(Tpm2::VerifyEkPublic(UnmarshalPublic(ek).publicArea));
+  EXPECT_TRUE(Tpm2::VerifyAkPublic(UnmarshalPublic(ak).publicArea));
+  std::string pem;
+  EXPECT_TRUE(EkPublicPem(ek, &pem));
+  EXPECT_EQ(0u, pem.find("-----BEGIN PUBLIC KEY-----"));
+
+  Bytes secret = Sha256(std::string("credential"));
+  Bytes blob;
+  Bytes encrypted;
+  ASSERT_TRUE(Tpm2::MakeCredential(ek, ak, secret, &blob, &encrypted));
+  Bytes cert_info;
+  ASSERT_TRUE(host->ActivateCredential(blob, encrypted, &cert_info)) << host->LastError();
+  EXPECT_EQ(Bytes(cert_info.begin() + 2, cert_info.end()), secret);
+
+  QuoteTurn q;
+  q.nonce = {0x00, 0x20};
+  Bytes nonce_bytes = Sha256(std::string("nonce"));
+  q.nonce.insert(q.nonce.end(), nonce_bytes.begin(), nonce_bytes.end());
+  ASSERT_TRUE(host->Quote(q.nonce, Tpm2::QuoteSigScheme(), Tpm2::RequiredPcrSelection(), &q.quoted, &q.signature))
+      << host->LastError();
+  ASSERT_TRUE(host->ReadPcrs(Tpm2::RequiredPcrSelection(), &q.reads)) << host->LastError();
+  EXPECT_EQ(2u, q.reads.size());  // 14 PCRs, at most 8 per read
+  FillEvidence(&q);
+  EXPECT_EQ(V::kVerifyOk, V::VerifyQuote(&q.evidence, {ak.size(), ak.data()}, {nonce_bytes.size(), nonce_bytes.data()},
+                                         nullptr));
+  EXPECT_EQ(V::kVerifyOk, ValidateLog(log, plan, q));
+}
+
+TEST_P(HostAgainstVerifier, MeasurementsOutsideTheLogFailReplay) {
+  const HostCase& c = GetParam();
+  std::unique_ptr<HostTpm> host = MakeHost(c.kind);
+  ASSERT_NE(nullptr, host);
+  const struct {
+    const char* name;
+    bool secure_boot;
+    bool extra_extend;
+    V::VerifyStatus want;
+  } kRows[] = {
+      {"log and PCRs agree", true, false, V::kVerifyOk},
+      {"core PCR extended after the log", true, true, V::kReplayMismatch},
+      {"secure boot off", false, false, V::kNoSecureBoot},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    BootPlan plan;
+    plan.txt = c.txt;
+    plan.secure_boot = row.secure_boot;
+    std::vector<BootEvent> events = HypervisorBootEvents(plan);
+    ASSERT_TRUE(MeasureBoot(host.get(), plan, events)) << host->LastError();
+    if (row.extra_extend) {
+      ASSERT_TRUE(host->Extend(c.txt ? 19 : 12, Sha256(std::string("late")))) << host->LastError();
+    }
+    QuoteTurn q;
+    ASSERT_TRUE(host->ReadPcrs(Tpm2::RequiredPcrSelection(), &q.reads)) << host->LastError();
+    FillEvidence(&q);
+    EXPECT_EQ(row.want, ValidateLog(WriteEventLog(events), plan, q));
+  }
+}
+
+TEST_P(HostAgainstVerifier, CredentialForAnotherAkDoesNotOpen) {
+  std::unique_ptr<HostTpm> host = MakeHost(GetParam().kind);
+  ASSERT_NE(nullptr, host);
+  ASSERT_TRUE(host->Boot());
+  Bytes ek;
+  Bytes first_ak;
+  Bytes second_ak;
+  ASSERT_TRUE(host->EkPublic(&ek)) << host->LastError();
+  ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &first_ak)) << host->LastError();
+  ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &second_ak)) << host->LastError();
+  Bytes blob;
+  Bytes encrypted;
+  ASSERT_TRUE(Tpm2::MakeCredential(ek, first_ak, Bytes(32, 3), &blob, &encrypted));
+  Bytes cert_info;
+  EXPECT_FALSE(host->ActivateCredential(blob, encrypted, &cert_info));
+}
+
+INSTANTIATE_TEST_SUITE_P(Hosts, HostAgainstVerifier,
+                         testing::Values(HostCase{"software", HostKind::kSoftware, false},
+                                         HostCase{"software_txt", HostKind::kSoftware, true},
+                                         HostCase{"swtpm", HostKind::kSwtpm, false},
+                                         HostCase{"swtpm_txt", HostKind::kSwtpm, true}),
+                         [](const testing::TestParamInfo<HostCase>& info) { return info.param.name; });
+
+TEST(SwtpmHost, EkCertificateHoldsTheEkAndChainsToTheLocalCa) {
+  std::unique_ptr<HostTpm> host = MakeHost(HostKind::kSwtpm);
+  ASSERT_NE(nullptr, host);
+  ASSERT_TRUE(host->Boot());
+  Bytes ek;
+  std::string ek_pem;
+  std::string cert_pem;
+  ASSERT_TRUE(host->EkPublic(&ek)) << host->LastError();
+  ASSERT_TRUE(EkPublicPem(ek, &ek_pem));
+  ASSERT_TRUE(host->EkCertificatePem(&cert_pem)) << host->LastError();
+
+  auto read_cert = [](const std::string& pem) {
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
+                                                  BIO_free);
+    return std::unique_ptr<X509, decltype(&X509_free)>(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr),
+                                                       X509_free);
+  };
+  auto cert = read_cert(cert_pem);
+  ASSERT_NE(nullptr, cert);
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(ek_pem.data(), static_cast<int>(ek_pem.size())),
+                                                BIO_free);
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr),
+                                                          EVP_PKEY_free);
+  ASSERT_NE(nullptr, key);
+  EXPECT_EQ(1, EVP_PKEY_eq(key.get(), X509_get0_pubkey(cert.get())));
+
+  auto root = read_cert(SharedSwtpm()->RootCaPem());
+  auto issuer = read_cert(SharedSwtpm()->IssuerCaPem());
+  ASSERT_NE(nullptr, root);
+  ASSERT_NE(nullptr, issuer);
+  std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
+  X509_STORE_add_cert(store.get(), root.get());
+  std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> chain(sk_X509_new_null(),
+                                                                   [](STACK_OF(X509)* s) { sk_X509_free(s); });
+  sk_X509_push(chain.get(), issuer.get());
+  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(), X509_STORE_CTX_free);
+  ASSERT_EQ(1, X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), chain.get()));
+  // EK certificates carry TPM-specific critical extensions; only the chain
+  // of signatures matters here.
+  X509_STORE_CTX_set_flags(ctx.get(), X509_V_FLAG_PARTIAL_CHAIN);
+  X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(ctx.get()), X509_V_FLAG_IGNORE_CRITICAL);
+  EXPECT_EQ(1, X509_verify_cert(ctx.get())) << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
+}
+
+TEST(SoftwareHost, HasNoEkCertificate) {
+  std::string pem;
+  EXPECT_FALSE(MakeSoftwareHost()->EkCertificatePem(&pem));
+}
+
+TEST(BootLog, ParsesBackToTheEventsWithTaggedPayloads) {
+  for (bool txt : {false, true}) {
+    SCOPED_TRACE(txt);
+    BootPlan plan;
+    plan.txt = txt;
+    std::vector<BootEvent> events = HypervisorBootEvents(plan);
+    Bytes log = WriteEventLog(events);
+    std::vector<Entry> entries;
+    ASSERT_TRUE(HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), log.size(), &entries));
+    ASSERT_EQ(events.size() + 1, entries.size());  // the Spec ID header comes first
+    for (size_t i = 0; i < events.size(); ++i) {
+      const Entry& e = entries[i + 1];
+      EXPECT_EQ(events[i].pcr, e.pcrIndex);
+      EXPECT_EQ(events[i].type, e.eventType);
+      ASSERT_EQ(1u, e.digests.size());
+      EXPECT_EQ(0x000B, e.digests[0].algorithm);
+      EXPECT_EQ(events[i].digest, e.digests[0].value);
+      EXPECT_EQ(events[i].data, e.eventData);
+    }
+    // A log cut inside any record is refused; the record boundaries are the
+    // sizes of the logs of the first k events.
+    std::vector<size_t> boundaries;
+    for (size_t k = 0; k <= events.size(); ++k) {
+      boundaries.push_back(WriteEventLog(std::vector<BootEvent>(events.begin(), events.begin() + k)).size());
+    }
+    for (size_t len = 1; len < log.size(); ++len) {
+      bool at_boundary = std::find(boundaries.begin(), boundaries.end(), len) != boundaries.end();
+      EXPECT_EQ(at_boundary, HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), len, &entries)) << len;
+    }
+  }
+}
+
+TEST(BootLog, TaggedEventLayout) {
+  Bytes want = {0x02, 0, 0, 0,            // id 2, little-endian
+                0x06, 0, 0, 0,            // size 6
+                'k', '.', 'b', '0', '0', 0};
+  EXPECT_EQ(want, TaggedEventData(kTagModule, kKernelPayload));
+}
+
+TEST(MakeReportRequest, UsesTheApiFieldNames) {
+  Bytes context = {1, 2, 3};
+  auto body = nlohmann::json::parse(MakeReportRequest("7", {"KMS_AUTH_JWT"}, {context}, "", "PEM"));
+  EXPECT_EQ("invoke", body["method"]);
+  EXPECT_EQ("7", body["id"]);
+  EXPECT_EQ("com.quarro.hyv.attestation.report", body["params"]["serviceId"]);
+  EXPECT_EQ("create", body["params"]["operationId"]);
+  const auto& request = body["params"]["input"]["request"];
+  EXPECT_EQ("TPM2", request["type"]);
+  EXPECT_EQ("AQID", request["tpm2"]["contexts"][0]);
+  EXPECT_EQ("KMS_AUTH_JWT", request["tpm2"]["document_types"][0]);
+  EXPECT_EQ("PEM", request["tpm2"]["ek"]["public_key"]);
+  EXPECT_FALSE(request["tpm2"]["ek"].contains("certificate"));
+}
+
+TEST(Base64, RoundTripsEveryLengthAndRefusesBadText) {
+  for (size_t len = 0; len < 10; ++len) {
+    Bytes data(len);
+    for (size_t i = 0; i < len; ++i) {
+      data[i] = static_cast<uint8_t>(0xF0 + i);
+    }
+    Bytes back;
+    ASSERT_TRUE(Base64Decode(Base64Encode(data), &back));
+    EXPECT_EQ(data, back) << len;
+  }
+  Bytes out;
+  EXPECT_FALSE(Base64Decode("abc", &out));
+  EXPECT_FALSE(Base64Decode("ab!d", &out));
+}
+
+}  // namespace
+}  // namespace Witnessd::Agent

@@ -1,0 +1,279 @@
+#include "tools/Agent.h"
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "tools/HttpClient.h"
+#include "tools/TpmBytes.h"
+#include "tpm2/proto/attestation.pb.h"
+
+namespace Witnessd::Agent {
+namespace {
+
+using Json = nlohmann::json;
+using Context = attestation::proto::Context;
+
+constexpr const char* kReportService = "com.quarro.hyv.attestation.report";
+constexpr uint32_t kDecryptAttribute = 0x00020000;
+// Offset of objectAttributes in a marshalled TPM2B_PUBLIC: size, type, nameAlg.
+constexpr size_t kAttributesOffset = 6;
+
+std::string AsString(const Bytes& b) { return std::string(b.begin(), b.end()); }
+Bytes AsBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+// Conversation holds one attestation's state on the agent side.
+class Conversation {
+ public:
+  Conversation(HostTpm* tpm, const AttestOptions& options, AttestResult* result)
+      : tpm_(tpm), options_(options), result_(result) {}
+
+  // Answer builds the agent's next context from the daemon's |in|; false
+  // (with the result's failure set) when the TPM fails.
+  bool Answer(const Context& in, Context* out, int turn) {
+    out->set_session_id(in.session_id());
+    if (options_.fault == Fault::kUnknownSession && turn == 0) {
+      out->set_session_id(in.session_id() ^ 0x5A5A5A5A5A5A5A5AULL);
+    }
+    for (const Context::Message& m : in.messages()) {
+      Context::Message* answer = out->add_messages();
+      if (m.has_create_ak_request() && !AnswerCreateAk(m.create_ak_request(), answer)) {
+        return false;
+      }
+      if (m.has_activate_ak_request() && !AnswerActivateAk(m.activate_ak_request(), answer)) {
+        return false;
+      }
+      if (m.has_quote_request() && !AnswerQuote(m.quote_request(), answer)) {
+        return false;
+      }
+      if (m.has_event_log_request()) {
+        auto* r = answer->mutable_event_log_response();
+        r->set_complete(options_.log_complete);
+        r->set_event_log(AsString(event_log_));
+      }
+    }
+    if (options_.fault == Fault::kBothResponsesInOne) {
+      MergeQuoteAndLog(out);
+    }
+    return true;
+  }
+
+  bool Prepare() {
+    std::vector<BootEvent> events = HypervisorBootEvents(options_.boot);
+    event_log_ = WriteEventLog(events);
+    if (options_.measure_boot && !MeasureBoot(tpm_, options_.boot, events)) {
+      return Fail("boot measurement: " + tpm_->LastError());
+    }
+    if (options_.fault == Fault::kPcrAfterLog) {
+      uint32_t core = options_.boot.txt ? 19 : 12;
+      if (!tpm_->Extend(core, Sha256(std::string("measured after the log was written")))) {
+        return Fail("extend: " + tpm_->LastError());
+      }
+    }
+    if (!tpm_->EkPublic(&ek_public_)) {
+      return Fail("EK: " + tpm_->LastError());
+    }
+    if (!EkPublicPem(ek_public_, &ek_public_pem_)) {
+      return Fail("EK public key to PEM");
+    }
+    if ((options_.use_certificate || options_.send_both) && !tpm_->EkCertificatePem(&ek_certificate_pem_)) {
+      return Fail("EK certificate: " + tpm_->LastError());
+    }
+    result_->ek_public_pem = ek_public_pem_;
+    return true;
+  }
+
+  const std::string& EkCertificatePem() const { return ek_certificate_pem_; }
+  std::string EkPublicPemToSend() const {
+    return options_.use_certificate && !options_.send_both ? std::string() : ek_public_pem_;
+  }
+
+ private:
+  bool Fail(const std::string& text) {
+    result_->failure = text;
+    return false;
+  }
+
+  bool AnswerCreateAk(const attestation::proto::CreateAkRequest& request, Context::Message* answer) {
+    if (options_.fault == Fault::kOutOfOrder) {
+      Bytes cert_info = {0x00, 0x20};
+      cert_info.resize(34, 0);
+      answer->mutable_activate_ak_response()->set_cert_info(AsString(cert_info));
+      return true;
+    }
+    Bytes ak_public;
+    if (!tpm_->CreateAk(AsBytes(request.ak_template()), AsBytes(request.outside_info()), &ak_public)) {
+      return Fail("create AK: " + tpm_->LastError());
+    }
+    if (options_.fault == Fault::kTamperedAk && ak_public.size() > kAttributesOffset + 4) {
+      ak_public[kAttributesOffset + 1] |= static_cast<uint8_t>(kDecryptAttribute >> 16);
+    }
+    auto* r = answer->mutable_create_ak_response();
+    r->set_ek_public(AsString(ek_public_));
+    r->set_ak_public(AsString(ak_public));
+    return true;
+  }
+
+  bool AnswerActivateAk(const attestation::proto::ActivateAkRequest& request, Context::Message* answer) {
+    Bytes cert_info;
+    if (!tpm_->ActivateCredential(AsBytes(request.credential_blob()), AsBytes(request.encrypted_secret()),
+                                  &cert_info)) {
+      return Fail("activate credential: " + tpm_->LastError());
+    }
+    if (options_.fault == Fault::kWrongCredential) {
+      cert_info.back() ^= 0x01;
+    }
+    answer->mutable_activate_ak_response()->set_cert_info(AsString(cert_info));
+    return true;
+  }
+
+  bool AnswerQuote(const attestation::proto::QuoteRequest& request, Context::Message* answer) {
+    Bytes selection = AsBytes(request.pcr_selection());
+    Bytes quoted;
+    Bytes signature;
+    std::vector<PcrReadResult> reads;
+    if (!tpm_->Quote(AsBytes(request.qualifying_data()), AsBytes(request.sig_scheme()), selection, &quoted,
+                     &signature) ||
+        !tpm_->ReadPcrs(selection, &reads)) {
+      return Fail("quote: " + tpm_->LastError());
+    }
+    auto* r = answer->mutable_quote_response();
+    r->set_quoted(AsString(quoted));
+    r->set_signature(AsString(signature));
+    for (const PcrReadResult& read : reads) {
+      auto* entry = r->add_pcr_read_results();
+      entry->set_pcr_selection_out(AsString(read.selection_out));
+      entry->set_pcr_values(AsString(read.values));
+    }
+    return true;
+  }
+
+  static void MergeQuoteAndLog(Context* out) {
+    Context::Message* quote = nullptr;
+    for (int i = 0; i < out->messages_size(); ++i) {
+      Context::Message* m = out->mutable_messages(i);
+      if (m->has_quote_response()) {
+        quote = m;
+      }
+    }
+    for (int i = 0; quote != nullptr && i < out->messages_size(); ++i) {
+      Context::Message* m = out->mutable_messages(i);
+      if (m->has_event_log_response()) {
+        *quote->mutable_event_log_response() = m->event_log_response();
+        out->mutable_messages()->DeleteSubrange(i, 1);
+        return;
+      }
+    }
+  }
+
+  HostTpm* tpm_;
+  const AttestOptions& options_;
+  AttestResult* result_;
+  Bytes ek_public_;
+  std::string ek_public_pem_;
+  std::string ek_certificate_pem_;
+  Bytes event_log_;
+};
+
+}  // namespace
+
+std::string MakeReportRequest(const std::string& id, const std::vector<std::string>& document_types,
+                              const std::vector<Bytes>& contexts, const std::string& ek_certificate_pem,
+                              const std::string& ek_public_pem) {
+  Json ek = Json::object();
+  if (!ek_certificate_pem.empty()) {
+    ek["certificate"] = ek_certificate_pem;
+  }
+  if (!ek_public_pem.empty()) {
+    ek["public_key"] = ek_public_pem;
+  }
+  Json encoded = Json::array();
+  for (const Bytes& c : contexts) {
+    encoded.push_back(Base64Encode(c));
+  }
+  Json request = {{"type", "TPM2"},
+                  {"tpm2", {{"document_types", document_types}, {"contexts", encoded}, {"ek", ek}}}};
+  Json body = {{"jsonrpc", "2.0"},
+               {"id", id},
+               {"method", "invoke"},
+               {"params",
+                {{"serviceId", kReportService},
+                 {"operationId", "create"},
+                 {"ctx", {{"securityCtx", Json::object()}, {"appCtx", Json::object()}}},
+                 {"input", {{"request", request}}}}}};
+  return body.dump();
+}
+
+AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options) {
+  AttestResult result;
+  Conversation conversation(tpm, options, &result);
+  if (!conversation.Prepare()) {
+    return result;
+  }
+  HttpClient client(host, port);
+  std::vector<Bytes> contexts;  // none on the first call
+  for (int turn = 0;; ++turn) {
+    if (options.max_turns > 0 && turn >= options.max_turns) {
+      return result;
+    }
+    std::string body = MakeReportRequest(std::to_string(turn + 1), options.document_types, contexts,
+                                         conversation.EkCertificatePem(), conversation.EkPublicPemToSend());
+    int status = 0;
+    std::string reply;
+    std::string error;
+    auto start = std::chrono::steady_clock::now();
+    bool sent = client.Post("/api", options.content_type, body, &status, &reply, &error);
+    result.turn_seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    result.turns = turn + 1;
+    if (!sent) {
+      result.failure = "HTTP: " + error;
+      return result;
+    }
+    if (status != 200) {
+      result.failure = "HTTP status " + std::to_string(status) + ": " + reply;
+      return result;
+    }
+    Json json = Json::parse(reply, nullptr, false);
+    if (json.is_discarded() || !json.contains("result")) {
+      result.failure = "malformed reply: " + reply;
+      return result;
+    }
+    const Json& out = json["result"];
+    if (out.contains("error") && out["error"].is_object()) {
+      const Json& e = out["error"];
+      result.error_type = e.value("error_type", "");
+      if (e.contains("messages") && e["messages"].is_array() && !e["messages"].empty()) {
+        result.error_id = e["messages"][0].value("id", "");
+      }
+      return result;
+    }
+    const Json output = out.value("output", Json());
+    if (output.is_object() && output.contains("documents") && output["documents"].is_array()) {
+      for (const Json& d : output["documents"]) {
+        result.documents.emplace_back(d.value("type", ""), d.value("document", ""));
+      }
+      result.ok = true;
+      return result;
+    }
+    if (!output.is_object() || !output.contains("contexts") || !output["contexts"].is_array() ||
+        output["contexts"].size() != 1 || !output["contexts"][0].is_string()) {
+      result.failure = "reply holds neither contexts nor documents: " + reply;
+      return result;
+    }
+    Bytes raw;
+    Context in;
+    if (!Base64Decode(output["contexts"][0].get<std::string>(), &raw) ||
+        !in.ParseFromArray(raw.data(), static_cast<int>(raw.size()))) {
+      result.failure = "undecodable context";
+      return result;
+    }
+    result.session_id = in.session_id();
+    Context answer;
+    if (!conversation.Answer(in, &answer, turn)) {
+      return result;
+    }
+    contexts = {AsBytes(answer.SerializeAsString())};
+  }
+}
+
+}  // namespace Witnessd::Agent

@@ -1,0 +1,73 @@
+// The test agent: plays an attested host's agent against witnessd's Report
+// service. One call of Attest runs a whole attestation:
+//
+//   auto tpm = Agent::MakeSoftwareHost();           // or OpenSwtpmHost(port, &error)
+//   Agent::AttestOptions options;
+//   options.boot.txt = true;
+//   Agent::AttestResult r = Agent::Attest(tpm.get(), "127.0.0.1", daemon_port, options);
+//   // r.documents on success, r.error_id ("com.quarro...report.unknown_tpm") on an API error
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/BootLog.h"
+#include "tools/HostTpm.h"
+
+namespace Witnessd::Agent {
+
+// Faults the agent can inject, one per attestation, to provoke the
+// daemon's report errors.
+enum class Fault {
+  kNone,
+  kTamperedAk,         // AK public area sent with the decrypt bit added
+  kWrongCredential,    // activated credential sent with one byte changed
+  kOutOfOrder,         // answers the create-AK request with an activate-AK response
+  kUnknownSession,     // the second call names a session id the daemon never gave
+  kPcrAfterLog,        // a core PCR is extended after the log was written
+  kBothResponsesInOne, // quote and event log responses in one message holder
+};
+
+struct AttestOptions {
+  // Identify the EK by its certificate (from NV) rather than its public key.
+  bool use_certificate = false;
+  // Send both the certificate and the public key.
+  bool send_both = false;
+  std::vector<std::string> document_types = {"KMS_AUTH_JWT"};
+  // Boot and measure the TPM before attesting; without it the PCRs must
+  // already hold |boot|'s measurements.
+  bool measure_boot = true;
+  BootPlan boot;
+  // The agent's statement that the event log is whole.
+  bool log_complete = true;
+  Fault fault = Fault::kNone;
+  // Stop after this many turns (0: run to the end); for tests that hold
+  // sessions open.
+  int max_turns = 0;
+  std::string content_type = "application/vnd.quarro.lumen.cleanjson";
+};
+
+struct AttestResult {
+  bool ok = false;  // documents received
+  std::vector<std::pair<std::string, std::string>> documents;  // type, token
+  // An API error: its kind ("INVALID_ARGUMENT"...) and first message id.
+  std::string error_type;
+  std::string error_id;
+  // Anything else that went wrong (TPM, HTTP, malformed reply).
+  std::string failure;
+  int turns = 0;
+  uint64_t session_id = 0;
+  std::vector<double> turn_seconds;  // wall time of each Report call
+  std::string ek_public_pem;         // the EK as sent or as in the certificate
+};
+
+// Attest runs one attestation of |tpm| against the daemon at |host|:|port|.
+AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options);
+
+// MakeReportRequest builds the JSON-RPC body of one Report create call.
+std::string MakeReportRequest(const std::string& id, const std::vector<std::string>& document_types,
+                              const std::vector<Bytes>& contexts, const std::string& ek_certificate_pem,
+                              const std::string& ek_public_pem);
+
+}  // namespace Witnessd::Agent

@@ -1,0 +1,79 @@
+// The TPM of the attested host as the test agent sees it: either a real
+// (software) TPM reached over tpm2-tss, or a pure software stand-in for load
+// tests. Every byte string is a TPM structure in its marshalled form.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Witnessd::Agent {
+
+using Bytes = std::vector<uint8_t>;
+
+// PcrReadResult is one TPM2_PCR_Read: the selection it covered
+// (TPML_PCR_SELECTION) and the values (TPML_DIGEST) in selection order.
+struct PcrReadResult {
+  Bytes selection_out;
+  Bytes values;
+};
+
+class HostTpm {
+ public:
+  virtual ~HostTpm() = default;
+
+  // Boot restarts the TPM as at power-on: PCRs back to their start values,
+  // loaded objects gone.
+  virtual bool Boot() = 0;
+  // DynamicLaunch runs the _TPM_Hash_Start/Data/End sequence over |data|:
+  // PCRs 17-22 become zero and PCR 17 is extended with SHA-256(data).
+  virtual bool DynamicLaunch(const Bytes& data) = 0;
+  // Extend extends SHA-256 PCR |pcr| with |digest| (32 bytes), from the
+  // locality that PCR requires.
+  virtual bool Extend(uint32_t pcr, const Bytes& digest) = 0;
+
+  // EkPublic gives the RSA-2048 EK (TCG default template) as TPM2B_PUBLIC.
+  virtual bool EkPublic(Bytes* out) = 0;
+  // EkCertificatePem gives the EK certificate, or false when there is none.
+  virtual bool EkCertificatePem(std::string* out) = 0;
+  // CreateAk creates and loads an attestation key from |ak_template|
+  // (TPM2B_PUBLIC) under the EK; |out| is the key's TPM2B_PUBLIC.
+  virtual bool CreateAk(const Bytes& ak_template, const Bytes& outside_info, Bytes* out) = 0;
+  // ActivateCredential opens a credential made for the AK with the EK and
+  // gives the credential as TPM2B_DIGEST.
+  virtual bool ActivateCredential(const Bytes& credential_blob, const Bytes& encrypted_secret,
+                                  Bytes* out_cert_info) = 0;
+  // ReadPcrs reads every PCR of |selection| (TPML_PCR_SELECTION), at most
+  // eight per read as a TPM answers.
+  virtual bool ReadPcrs(const Bytes& selection, std::vector<PcrReadResult>* out) = 0;
+  // Quote signs the PCRs of |selection| with the AK: TPM2B_ATTEST and
+  // TPMT_SIGNATURE.
+  virtual bool Quote(const Bytes& qualifying_data, const Bytes& sig_scheme, const Bytes& selection,
+                     Bytes* out_quoted, Bytes* out_signature) = 0;
+
+  // LastError describes the most recent failure.
+  const std::string& LastError() const { return error_; }
+
+ protected:
+  bool Fail(std::string text) {
+    error_ = std::move(text);
+    return false;
+  }
+
+ private:
+  std::string error_;
+};
+
+// OpenSwtpmHost connects to a swtpm: TCTI "swtpm:host=127.0.0.1,port=|port|",
+// control channel on |port| + 1. Returns nullptr (and |error|) on failure.
+std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error);
+
+// MakeSoftwareHost gives a host TPM done in software: fresh OpenSSL keys,
+// software credential activation and quote signing, no EK certificate.
+std::unique_ptr<HostTpm> MakeSoftwareHost();
+
+// EkPublicPem converts an RSA TPM2B_PUBLIC to a PEM SubjectPublicKeyInfo.
+bool EkPublicPem(const Bytes& tpm2b_public, std::string* out);
+
+}  // namespace Witnessd::Agent

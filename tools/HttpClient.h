@@ -1,0 +1,36 @@
+// A minimal HTTP/1.1 client for the agent: POST over one kept-alive
+// connection, reconnecting when the server closed it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Witnessd::Agent {
+
+class HttpClient {
+ public:
+  HttpClient(std::string host, uint16_t port) : host_(std::move(host)), port_(port) {}
+  ~HttpClient();
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  // Post sends |body| and reads the whole reply (Content-Length or chunked).
+  // Returns false with |error| set when no complete reply arrives.
+  bool Post(const std::string& path, const std::string& content_type, const std::string& body, int* out_status,
+            std::string* out_body, std::string* error);
+
+ private:
+  bool Connect(std::string* error);
+  void Close();
+  bool SendAll(const std::string& data);
+  // Fill reads more bytes into buf_; false at end of stream or error.
+  bool Fill();
+  bool ReadReply(int* out_status, std::string* out_body, bool* out_close, std::string* error);
+
+  std::string host_;
+  uint16_t port_;
+  int fd_ = -1;
+  std::string buf_;
+};
+
+}  // namespace Witnessd::Agent

@@ -1,0 +1,148 @@
+#include "tools/TpmBytes.h"
+
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <tss2/tss2_mu.h>
+
+#include <cstring>
+#include <memory>
+
+namespace Witnessd::Agent {
+namespace {
+
+// Policy digest of PolicySecret(TPM_RH_ENDORSEMENT): the TCG EK's authPolicy.
+constexpr uint8_t kEkPolicy[32] = {0x83, 0x71, 0x97, 0x67, 0x44, 0x84, 0xb3, 0xf8, 0x1a, 0x90, 0xcc,
+                                   0x8d, 0x46, 0xa5, 0xd7, 0x24, 0xfd, 0x52, 0xd7, 0x6e, 0x06, 0x52,
+                                   0x0b, 0x64, 0xf2, 0xa1, 0xda, 0x1b, 0x33, 0x14, 0x69, 0xaa};
+
+std::string BioText(BIO* bio) {
+  char* data = nullptr;
+  long len = BIO_get_mem_data(bio, &data);
+  return std::string(data, static_cast<size_t>(len));
+}
+
+}  // namespace
+
+TPM2B_PUBLIC EkTemplate() {
+  TPM2B_PUBLIC t = {};
+  t.publicArea.type = TPM2_ALG_RSA;
+  t.publicArea.nameAlg = TPM2_ALG_SHA256;
+  t.publicArea.objectAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT | TPMA_OBJECT_SENSITIVEDATAORIGIN |
+                                  TPMA_OBJECT_ADMINWITHPOLICY | TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_DECRYPT;
+  t.publicArea.authPolicy.size = sizeof(kEkPolicy);
+  std::memcpy(t.publicArea.authPolicy.buffer, kEkPolicy, sizeof(kEkPolicy));
+  TPMS_RSA_PARMS& rsa = t.publicArea.parameters.rsaDetail;
+  rsa.symmetric.algorithm = TPM2_ALG_AES;
+  rsa.symmetric.keyBits.aes = 128;
+  rsa.symmetric.mode.aes = TPM2_ALG_CFB;
+  rsa.scheme.scheme = TPM2_ALG_NULL;
+  rsa.keyBits = 2048;
+  rsa.exponent = 0;
+  t.publicArea.unique.rsa.size = 256;
+  return t;
+}
+
+Bytes Sha256(const Bytes& data) {
+  Bytes out(32);
+  unsigned int len = 0;
+  EVP_Digest(data.data(), data.size(), out.data(), &len, EVP_sha256(), nullptr);
+  return out;
+}
+
+Bytes Sha256(const std::string& text) { return Sha256(Bytes(text.begin(), text.end())); }
+
+std::string Hex(const Bytes& data) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (uint8_t b : data) {
+    out.push_back(kDigits[b >> 4]);
+    out.push_back(kDigits[b & 15]);
+  }
+  return out;
+}
+
+std::string Base64Encode(const Bytes& data) {
+  std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
+  int len = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(), static_cast<int>(data.size()));
+  out.resize(static_cast<size_t>(len));
+  return out;
+}
+
+bool Base64Decode(const std::string& text, Bytes* out) {
+  if (text.size() % 4 != 0) {
+    return false;
+  }
+  Bytes buf(text.size() / 4 * 3 + 1);
+  int len = EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char*>(text.data()),
+                            static_cast<int>(text.size()));
+  if (len < 0) {
+    return false;
+  }
+  // EVP_DecodeBlock counts the padding as zero bytes; drop them.
+  size_t size = static_cast<size_t>(len);
+  for (size_t i = text.size(); i > 0 && text[i - 1] == '=' && size > 0; --i) {
+    --size;
+  }
+  buf.resize(size);
+  *out = std::move(buf);
+  return true;
+}
+
+bool DerCertificateToPem(const Bytes& der, std::string* out) {
+  const unsigned char* p = der.data();
+  std::unique_ptr<X509, decltype(&X509_free)> cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())), X509_free);
+  if (cert == nullptr) {
+    return false;
+  }
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
+  if (bio == nullptr || PEM_write_bio_X509(bio.get(), cert.get()) != 1) {
+    return false;
+  }
+  *out = BioText(bio.get());
+  return true;
+}
+
+bool EkPublicPem(const Bytes& tpm2b_public, std::string* out) {
+  TPM2B_PUBLIC pub = {};
+  size_t offset = 0;
+  if (Tss2_MU_TPM2B_PUBLIC_Unmarshal(tpm2b_public.data(), tpm2b_public.size(), &offset, &pub) != TSS2_RC_SUCCESS ||
+      pub.publicArea.type != TPM2_ALG_RSA) {
+    return false;
+  }
+  uint32_t exponent = pub.publicArea.parameters.rsaDetail.exponent;
+  if (exponent == 0) {
+    exponent = 65537;  // the TPM's encoding of the default exponent
+  }
+  std::unique_ptr<BIGNUM, decltype(&BN_free)> n(
+      BN_bin2bn(pub.publicArea.unique.rsa.buffer, pub.publicArea.unique.rsa.size, nullptr), BN_free);
+  std::unique_ptr<BIGNUM, decltype(&BN_free)> e(BN_new(), BN_free);
+  std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)> bld(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
+  if (n == nullptr || e == nullptr || bld == nullptr || BN_set_word(e.get(), exponent) != 1 ||
+      OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
+      OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
+    return false;
+  }
+  std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)> params(OSSL_PARAM_BLD_to_param(bld.get()),
+                                                                 OSSL_PARAM_free);
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr),
+                                                                  EVP_PKEY_CTX_free);
+  EVP_PKEY* key_raw = nullptr;
+  if (params == nullptr || ctx == nullptr || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+      EVP_PKEY_fromdata(ctx.get(), &key_raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+    return false;
+  }
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(key_raw, EVP_PKEY_free);
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
+  if (bio == nullptr || PEM_write_bio_PUBKEY(bio.get(), key.get()) != 1) {
+    return false;
+  }
+  *out = BioText(bio.get());
+  return true;
+}
+
+}  // namespace Witnessd::Agent

@@ -20,8 +20,9 @@
 namespace Witnessd::Tpm2 {
 namespace {
 
-// Taken while a session holds its own lock, so it ranks above every daemon lock.
-constexpr uint32_t kEmuLockRank = 0xF000;
+// A leaf lock: taken while a session holds its own lock and never held while
+// taking another, so it ranks above every other daemon lock.
+constexpr uint32_t kEmuLockRank = 0xFFFF0000;
 
 constexpr uint16_t kTpmStNoSessions = 0x8001;
 constexpr uint32_t kTpmCcStartup = 0x00000144;

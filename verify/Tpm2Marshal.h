@@ -314,7 +314,9 @@ struct NvReadPublicOut { TPM2_RESPONSE_HEADER header; TPMS_NV_PUBLIC nvPublic; T
 struct NvReadOut { TPM2_RESPONSE_HEADER header; TPM2B_MAX_NV_BUFFER data; TPMS_AUTH_RESPONSE auth; };
 struct GetRandomOut { TPM2_RESPONSE_HEADER header; TPM2B_DIGEST randomBytes; };
 
-// Sized buffers. A null |in| writes a size of 0.
+// Tpm2_Marshal_TPM2B_DATA and the other sized-buffer marshallers write the
+// 16-bit size and the bytes; a null |in| writes a size of 0. They return the
+// bytes written, or 0 when the output does not fit or size > capacity.
 uint32_t Tpm2_Marshal_TPM2B_DATA(const TPM2B_DATA* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Marshal_TPM2B_NAME(const TPM2B_NAME* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Marshal_TPM2B_ID_OBJECT(const TPM2B_ID_OBJECT* in, uint8_t* dst, uint32_t dst_len);
@@ -323,7 +325,9 @@ uint32_t Tpm2_Marshal_TPM2B_ENCRYPTED_SECRET(const TPM2B_ENCRYPTED_SECRET* in, u
 uint32_t Tpm2_Marshal_TPM2B_DIGEST(const TPM2B_DIGEST* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Marshal_TPM2B_ATTEST(const TPM2B_ATTEST* in, uint8_t* dst, uint32_t dst_len);
 
-// Sized buffers; a size above the record's capacity fails.
+// Tpm2_Unmarshal_TPM2B_DIGEST and the other sized-buffer unmarshallers
+// return the bytes consumed (2 + size), or 0 when the input ends early or
+// the size is above the record's capacity (64 for DATA and DIGEST).
 uint32_t Tpm2_Unmarshal_TPM2B_DATA(const uint8_t* src, uint32_t src_len, TPM2B_DATA* out);
 uint32_t Tpm2_Unmarshal_TPM2B_DIGEST(const uint8_t* src, uint32_t src_len, TPM2B_DIGEST* out);
 uint32_t Tpm2_Unmarshal_TPM2B_ID_OBJECT(const uint8_t* src, uint32_t src_len, TPM2B_ID_OBJECT* out);
@@ -332,8 +336,11 @@ uint32_t Tpm2_Unmarshal_TPM2B_ENCRYPTED_SECRET(const uint8_t* src, uint32_t src_
 uint32_t Tpm2_Unmarshal_TPM2B_PRIVATE(const uint8_t* src, uint32_t src_len, TPM2B_PRIVATE* out);
 uint32_t Tpm2_Unmarshal_TPM2B_ATTEST(const uint8_t* src, uint32_t src_len, TPM2B_ATTEST* out);
 
-// Public areas. Tpm2_Unmarshal_TPM2B_PUBLIC fails unless the public area
-// fills exactly the size it is given; the marshaller writes that size.
+// Tpm2_Marshal_TPM2B_PUBLIC writes the public area of |in| (not null) after
+// its computed 16-bit size (|in->size| is not read); 0 when it does not fit
+// or a selector is unsupported. Tpm2_Unmarshal_TPM2B_PUBLIC returns the
+// bytes consumed, or 0 unless the public area decodes and fills exactly the
+// size given. Tpm2_Unmarshal_TPMT_PUBLIC reads a public area without size.
 uint32_t Tpm2_Marshal_TPM2B_PUBLIC(const TPM2B_PUBLIC* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Unmarshal_TPM2B_PUBLIC(const uint8_t* src, uint32_t src_len, TPM2B_PUBLIC* out);
 uint32_t Tpm2_Unmarshal_TPMT_PUBLIC(const uint8_t* src, uint32_t src_len, TPMT_PUBLIC* out);
@@ -341,13 +348,19 @@ uint32_t Tpm2_Unmarshal_TPMT_PUBLIC(const uint8_t* src, uint32_t src_len, TPMT_P
 // Tpm2_Unmarshal_TPMS_ATTEST accepts quote attestations (TPM_ST_ATTEST_QUOTE) only.
 uint32_t Tpm2_Unmarshal_TPMS_ATTEST(const uint8_t* src, uint32_t src_len, TPMS_ATTEST* out);
 
-// Signatures and schemes. A NULL signature is its 2-byte sigAlg alone.
+// Tpm2_Marshal_TPMT_SIG_SCHEME / Tpm2_Unmarshal_TPMT_SIG_SCHEME and the
+// TPMT_SIGNATURE pair: bytes written or consumed, 0 for a scheme or
+// signature algorithm outside the accepted list. A NULL signature is its
+// 2-byte sigAlg alone.
 uint32_t Tpm2_Marshal_TPMT_SIGNATURE(const TPMT_SIGNATURE* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Unmarshal_TPMT_SIGNATURE(const uint8_t* src, uint32_t src_len, TPMT_SIGNATURE* out);
 uint32_t Tpm2_Marshal_TPMT_SIG_SCHEME(const TPMT_SIG_SCHEME* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Unmarshal_TPMT_SIG_SCHEME(const uint8_t* src, uint32_t src_len, TPMT_SIG_SCHEME* out);
 
-// Lists: at most 16 selections of sizeofSelect at most 4; at most 8 digests.
+// Tpm2_Marshal_TPML_PCR_SELECTION / Tpm2_Unmarshal_TPML_PCR_SELECTION and
+// Tpm2_Marshal_TPML_DIGEST / Tpm2_Unmarshal_TPML_DIGEST: bytes written or
+// consumed, 0 above 16 selections, a sizeofSelect above 4 or 8 digests.
+// Select bytes past sizeofSelect read as zero after unmarshalling.
 uint32_t Tpm2_Marshal_TPML_PCR_SELECTION(const TPML_PCR_SELECTION* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Unmarshal_TPML_PCR_SELECTION(const uint8_t* src, uint32_t src_len,
                                            TPML_PCR_SELECTION* out);

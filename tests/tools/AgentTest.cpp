@@ -7,13 +7,18 @@
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "platform/tcg/SecurityInfo.h"
+#include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmProcess.h"
 #include "tools/Agent.h"
 #include "tools/BootLog.h"
@@ -231,6 +236,54 @@ TEST_P(HostAgainstVerifier, CredentialForAnotherAkDoesNotOpen) {
   ASSERT_TRUE(Tpm2::MakeCredential(ek, first_ak, Bytes(32, 3), &blob, &encrypted));
   Bytes cert_info;
   EXPECT_FALSE(host->ActivateCredential(blob, encrypted, &cert_info));
+}
+
+// tpm2-tools as an independent maker: a credential from
+// `tpm2_makecredential --tcti=none` must open on both kinds of host, and has
+// the layout MakeCredential produces.
+TEST(HostActivation, OpensCredentialsMadeByTpm2Tools) {
+  if (system("tpm2_makecredential --version > /dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "tpm2_makecredential not installed";
+  }
+  std::string dir = Testing::MakeTempDir("witnessd-makecredential");
+  for (HostKind kind : {HostKind::kSoftware, HostKind::kSwtpm}) {
+    SCOPED_TRACE(kind == HostKind::kSoftware ? "software" : "swtpm");
+    std::unique_ptr<HostTpm> host = MakeHost(kind);
+    ASSERT_NE(nullptr, host);
+    ASSERT_TRUE(host->Boot());
+    Bytes ek;
+    Bytes ak;
+    ASSERT_TRUE(host->EkPublic(&ek)) << host->LastError();
+    ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &ak)) << host->LastError();
+    Bytes secret = Sha256(std::string("made by tpm2-tools"));
+    {
+      std::ofstream(dir + "/ek.pub", std::ios::binary).write(reinterpret_cast<const char*>(ek.data()), ek.size());
+      std::ofstream(dir + "/secret.bin", std::ios::binary)
+          .write(reinterpret_cast<const char*>(secret.data()), secret.size());
+    }
+    std::string name = "000b" + Hex(Sha256(Bytes(ak.begin() + 2, ak.end())));
+    std::string cmd = "tpm2_makecredential --tcti=none -u " + dir + "/ek.pub -s " + dir + "/secret.bin -n " + name +
+                      " -o " + dir + "/cred.out > /dev/null 2>&1";
+    ASSERT_EQ(0, system(cmd.c_str()));
+    std::ifstream in(dir + "/cred.out", std::ios::binary);
+    Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The tool's file: magic 0xBADCC0DE, version 1, TPM2B_ID_OBJECT,
+    // TPM2B_ENCRYPTED_SECRET.
+    constexpr size_t kHeader = 8;
+    constexpr size_t kBlob = 2 + 2 + 32 + 34;
+    ASSERT_EQ(kHeader + kBlob + 2 + 256, file.size());
+    Bytes blob(file.begin() + kHeader, file.begin() + kHeader + kBlob);
+    Bytes encrypted(file.begin() + kHeader + kBlob, file.end());
+    Bytes ours_blob;
+    Bytes ours_encrypted;
+    ASSERT_TRUE(Tpm2::MakeCredential(ek, ak, secret, &ours_blob, &ours_encrypted));
+    EXPECT_EQ(blob.size(), ours_blob.size());
+    EXPECT_EQ(encrypted.size(), ours_encrypted.size());
+    Bytes cert_info;
+    ASSERT_TRUE(host->ActivateCredential(blob, encrypted, &cert_info)) << host->LastError();
+    EXPECT_EQ(Bytes(cert_info.begin() + 2, cert_info.end()), secret);
+  }
+  std::filesystem::remove_all(dir);
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, HostAgainstVerifier,

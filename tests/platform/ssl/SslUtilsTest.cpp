@@ -188,8 +188,8 @@ TEST(Gzip, RoundTripAndKnownVector) {
   EXPECT_EQ("witnessd\n", text);
 
   std::string big;
-  for (int i = 0; i < 300000; ++i) {
-    big.push_back(static_cast<char>((i * 7919) % 251));
+  for (uint32_t i = 0; i < 300000; ++i) {
+    big.push_back(static_cast<char>((i * 7919u) % 251));
   }
   for (const std::string& in : {std::string(), std::string("x"), big}) {
     std::vector<uint8_t> packed;

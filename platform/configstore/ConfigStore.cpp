@@ -515,7 +515,7 @@ std::string HyvConfigStore::Export(const std::vector<FilterSpecObject>& filters)
 
 bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& errors) {
   Json doc = Json::parse(text, nullptr, false);
-  if (doc.is_discarded() || !doc.is_object() || doc.value("format", "") != kExportFormat ||
+  if (doc.is_discarded() || !doc.is_object() || !doc.contains("format") || doc["format"] != kExportFormat ||
       !doc.contains("keys") || !doc["keys"].is_array() || !doc.contains("records") ||
       !doc["records"].is_array()) {
     errors.push_back({"", "not an exported configuration"});

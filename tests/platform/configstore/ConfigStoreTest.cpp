@@ -213,6 +213,8 @@ TEST_F(ConfigStoreTest, ImportIsAllOrNothing) {
       {"empty", ""},
       {"not json", "{"},
       {"other format", "{\"format\": \"x\", \"keys\": [], \"records\": []}"},
+      {"format not a string", "{\"format\": 1, \"keys\": [], \"records\": []}"},
+      {"not an object", "[1, 2]"},
       {"bad field value", bad_record},
       {"record of an unlisted key", unlisted_key},
       {"truncated", good.substr(0, good.size() / 2)},

@@ -70,8 +70,10 @@ class HostTpm {
 std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error);
 
 // MakeSoftwareHost gives a host TPM done in software: fresh OpenSSL keys,
-// software credential activation and quote signing, no EK certificate.
-std::unique_ptr<HostTpm> MakeSoftwareHost();
+// software credential activation and quote signing, no EK certificate. With
+// |reuse_ak| every CreateAk after the first keeps the first AK's key, which
+// spares load tests an RSA key generation per attestation.
+std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak = false);
 
 // EkPublicPem converts an RSA TPM2B_PUBLIC to a PEM SubjectPublicKeyInfo.
 bool EkPublicPem(const Bytes& tpm2b_public, std::string* out);

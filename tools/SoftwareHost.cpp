@@ -66,7 +66,10 @@ bool RsaModulus(EVP_PKEY* key, TPM2B_PUBLIC_KEY_RSA* out) {
 
 class SoftwareHost : public HostTpm {
  public:
-  SoftwareHost() : ek_(EVP_RSA_gen(2048), EVP_PKEY_free), ak_(nullptr, EVP_PKEY_free) { Boot(); }
+  explicit SoftwareHost(bool reuse_ak)
+      : reuse_ak_(reuse_ak), ek_(EVP_RSA_gen(2048), EVP_PKEY_free), ak_(nullptr, EVP_PKEY_free) {
+    Boot();
+  }
 
   bool Boot() override {
     for (size_t i = 0; i < pcrs_.size(); ++i) {
@@ -111,7 +114,9 @@ class SoftwareHost : public HostTpm {
     if (!Unmarshal(Tss2_MU_TPM2B_PUBLIC_Unmarshal, ak_template, &pub) || pub.publicArea.type != TPM2_ALG_RSA) {
       return Fail("cannot unmarshal the AK template");
     }
-    ak_.reset(EVP_RSA_gen(pub.publicArea.parameters.rsaDetail.keyBits));
+    if (!reuse_ak_ || ak_ == nullptr || EVP_PKEY_get_bits(ak_.get()) != pub.publicArea.parameters.rsaDetail.keyBits) {
+      ak_.reset(EVP_RSA_gen(pub.publicArea.parameters.rsaDetail.keyBits));
+    }
     if (ak_ == nullptr || !RsaModulus(ak_.get(), &pub.publicArea.unique.rsa)) {
       return Fail("AK generation failed");
     }
@@ -323,6 +328,7 @@ class SoftwareHost : public HostTpm {
     return true;
   }
 
+  bool reuse_ak_;
   PkeyPtr ek_;
   PkeyPtr ak_;
   Bytes ak_name_;
@@ -332,6 +338,6 @@ class SoftwareHost : public HostTpm {
 
 }  // namespace
 
-std::unique_ptr<HostTpm> MakeSoftwareHost() { return std::make_unique<SoftwareHost>(); }
+std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak) { return std::make_unique<SoftwareHost>(reuse_ak); }
 
 }  // namespace Witnessd::Agent

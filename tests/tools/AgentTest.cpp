@@ -337,6 +337,18 @@ TEST(SwtpmHost, EkCertificateHoldsTheEkAndChainsToTheLocalCa) {
   EXPECT_EQ(1, X509_verify_cert(ctx.get())) << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
 }
 
+TEST(SoftwareHost, ReusesItsAkKeyOnlyWhenAsked) {
+  for (bool reuse : {false, true}) {
+    SCOPED_TRACE(reuse);
+    std::unique_ptr<HostTpm> host = MakeSoftwareHost(reuse);
+    Bytes first;
+    Bytes second;
+    ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &first));
+    ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &second));
+    EXPECT_EQ(reuse, first == second);
+  }
+}
+
 TEST(SoftwareHost, HasNoEkCertificate) {
   std::string pem;
   EXPECT_FALSE(MakeSoftwareHost()->EkCertificatePem(&pem));

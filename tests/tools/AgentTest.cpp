@@ -7,6 +7,8 @@
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -384,6 +386,60 @@ TEST(BootLog, ParsesBackToTheEventsWithTaggedPayloads) {
       EXPECT_EQ(at_boundary, HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), len, &entries)) << len;
     }
   }
+}
+
+// tpm2-tools as an independent reader: `tpm2_eventlog` must parse the log and
+// replay every PCR it names to the value the swtpm holds after MeasureBoot.
+TEST(BootLog, Tpm2ToolsReplayMatchesTheTpm) {
+  if (system("tpm2_eventlog --version > /dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "tpm2_eventlog not installed";
+  }
+  std::string dir = Testing::MakeTempDir("witnessd-eventlog");
+  for (bool txt : {false, true}) {
+    SCOPED_TRACE(txt);
+    std::unique_ptr<HostTpm> host = MakeHost(HostKind::kSwtpm);
+    ASSERT_NE(nullptr, host);
+    BootPlan plan;
+    plan.txt = txt;
+    std::vector<BootEvent> events = HypervisorBootEvents(plan);
+    ASSERT_TRUE(MeasureBoot(host.get(), plan, events)) << host->LastError();
+    Bytes log = WriteEventLog(events);
+    std::ofstream(dir + "/log.bin", std::ios::binary).write(reinterpret_cast<const char*>(log.data()), log.size());
+    std::string cmd = "tpm2_eventlog " + dir + "/log.bin > " + dir + "/out.yaml 2>&1";
+    ASSERT_EQ(0, system(cmd.c_str()));
+
+    // Every PCR, read as the TPM holds it.
+    const Bytes all_pcrs = {0, 0, 0, 1, 0x00, 0x0B, 3, 0xFF, 0xFF, 0xFF};
+    std::vector<PcrReadResult> reads;
+    ASSERT_TRUE(host->ReadPcrs(all_pcrs, &reads)) << host->LastError();
+    QuoteTurn q;
+    q.reads = reads;
+    FillEvidence(&q);
+    uint32_t bank = V::PcrBankIndex(0x000B);
+
+    std::ifstream out(dir + "/out.yaml");
+    std::string line;
+    bool in_pcrs = false;
+    int compared = 0;
+    while (std::getline(out, line)) {
+      if (line == "pcrs:") {
+        in_pcrs = true;
+        continue;
+      }
+      unsigned pcr = 0;
+      char hex[65] = {};
+      if (in_pcrs && sscanf(line.c_str(), " %u : 0x%64s", &pcr, hex) == 2 && pcr < V::kNumPcrs) {
+        std::string want = Hex(Bytes(q.evidence.pcrs[bank][pcr], q.evidence.pcrs[bank][pcr] + 32));
+        std::string got(hex);
+        std::transform(got.begin(), got.end(), got.begin(), [](unsigned char c) { return std::tolower(c); });
+        EXPECT_EQ(want, got) << "PCR " << pcr;
+        ++compared;
+      }
+    }
+    // PCRs 0-7, 10, 11, the core PCR, and PCR 17 with a launch.
+    EXPECT_EQ(txt ? 12 : 11, compared);
+  }
+  std::filesystem::remove_all(dir);
 }
 
 TEST(BootLog, TaggedEventLayout) {

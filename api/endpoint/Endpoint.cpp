@@ -564,38 +564,43 @@ bool Endpoint::Listen(Listener* l, const char* family_name) {
 
 namespace {
 
-// Accept keeps accepting on |l|. Handlers hold the listener and the shared
-// state, never the endpoint, so a handler that runs while the endpoint stops
-// touches nothing freed.
-void Accept(std::shared_ptr<Endpoint::Listener> l, std::shared_ptr<asio::io_context> io,
-            std::shared_ptr<Endpoint::Shared> shared) {
-  l->acceptor.async_accept(asio::make_strand(*io), [l, shared, io](const boost::system::error_code& ec,
-                                                                   tcp::socket socket) {
-    if (ec == asio::error::operation_aborted || !l->acceptor.is_open()) {
+// Accept keeps accepting on |weak|. Handlers hold neither the endpoint nor
+// the I/O context: the endpoint owns the listener, and a handler that runs
+// after the endpoint is gone finds it expired and stops.
+void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
+  std::weak_ptr<Endpoint::Listener> weak = listener;
+  auto& io = static_cast<asio::io_context&>(listener->acceptor.get_executor().context());
+  listener->acceptor.async_accept(asio::make_strand(io), [weak, shared](const boost::system::error_code& ec,
+                                                                         tcp::socket socket) {
+    auto l = weak.lock();
+    if (!l || ec == asio::error::operation_aborted || !l->acceptor.is_open()) {
       return;
     }
     if (!ec) {
       std::make_shared<HttpSession>(std::move(socket), shared)->Run();
-      Accept(l, io, shared);
+      Accept(l, shared);
       return;
     }
     Lumen::Log::Logger& log = *shared->logger;
-    // Running out of descriptors or memory passes; wait and retry. A peer that
-    // gave up before the accept is no error of ours.
+    // A peer that gave up before the accept is no error of ours.
     if (ec == asio::error::connection_aborted) {
-      Accept(l, io, shared);
+      Accept(l, shared);
       return;
     }
+    // Running out of descriptors or memory passes; wait and retry.
     if (ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space || ec == asio::error::no_memory ||
         ec.value() == ENFILE) {
       LUMEN_LOG(log, kLumenWarning) << ".Acceptor info:" << ";DelayAcceptError " << ec.message();
       l->delay.expires_after(kAcceptRetryDelay);
-      l->delay.async_wait([l, io, shared](const boost::system::error_code& timer_ec) {
-        if (timer_ec) {
-          LUMEN_LOG(*shared->logger, kLumenError) << "Delay timer Accept Error:" << timer_ec.message();
+      l->delay.async_wait([weak, shared](const boost::system::error_code& timer_ec) {
+        auto again = weak.lock();
+        if (timer_ec || !again) {
+          if (timer_ec != asio::error::operation_aborted) {
+            LUMEN_LOG(*shared->logger, kLumenError) << "Delay timer Accept Error:" << timer_ec.message();
+          }
           return;
         }
-        Accept(l, io, shared);
+        Accept(again, shared);
       });
       return;
     }
@@ -618,7 +623,7 @@ bool Endpoint::Start() {
   }
   for (const auto& l : {listener4_, listener6_}) {
     if (l->listening) {
-      Accept(l, io_, shared_);
+      Accept(l, shared_);
     }
   }
   auto& pool = Hearth::Service::GetApp().GetThreadPool();

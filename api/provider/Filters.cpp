@@ -175,13 +175,17 @@ namespace Orm::Common::HearthLumen {
 
 OpIdProvider::OpIdProvider(std::shared_ptr<Lumen::Provider::ApiProvider> next,
                            std::shared_ptr<Lumen::Log::Logger> logger)
-    : Filter(std::move(next)), logger_(std::move(logger)) {}
+    : Filter(std::move(next)), logger_(std::move(logger)) {
+  // A random prefix per run and a counter: unique ids without touching the
+  // random generator on the serving threads.
+  char prefix[24];
+  snprintf(prefix, sizeof(prefix), "witnessd-%08x-", Random_Fast());
+  prefix_ = prefix;
+}
 
 void OpIdProvider::Invoke(Lumen::Provider::Request request, Lumen::Provider::ResultCallback done) {
   if (request.ctx->op_id.empty()) {
-    char id[24];
-    snprintf(id, sizeof(id), "witnessd-%08x", Random_Fast());
-    request.ctx->op_id = id;
+    request.ctx->op_id = prefix_ + std::to_string(next_id_.fetch_add(1, std::memory_order_relaxed));
   }
   LUMEN_LOG(*logger_, 1) << "Invoking " << request.service_id << "." << request.operation_id
                          << " opId:" << request.ctx->op_id;
@@ -196,7 +200,11 @@ void CallRegistrar::Invoke(Provider::Request request, Provider::ResultCallback d
   for (const auto& o : observers_) {
     o->OnCallStart(request);
   }
-  Provider::Request kept = request;  // shares the call context
+  // The end of the call needs its identity and context, not its input.
+  Provider::Request kept;
+  kept.service_id = request.service_id;
+  kept.operation_id = request.operation_id;
+  kept.ctx = request.ctx;
   next_->Invoke(std::move(request),
                 [observers = observers_, kept = std::move(kept), done = std::move(done)](Provider::MethodResult r) {
                   for (const auto& o : observers) {

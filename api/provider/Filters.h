@@ -3,6 +3,8 @@
 // traffic observers.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -112,6 +114,8 @@ class OpIdProvider : public Lumen::Provider::Filter {
 
  private:
   std::shared_ptr<Lumen::Log::Logger> logger_;
+  std::string prefix_;
+  std::atomic<uint64_t> next_id_{1};
 };
 
 }  // namespace Orm::Common::HearthLumen

@@ -302,52 +302,40 @@ bool Load(std::istream& in, json* out) {
 
 }  // namespace LoadAuthzInfoMetadata
 
-InterfaceList IntrospectionInterfaces(std::shared_ptr<InterfaceList> bound, json metamodel, std::string checksum) {
+InterfaceList IntrospectionInterfaces(std::shared_ptr<const BoundOperations> bound, json metamodel,
+                                      std::string checksum) {
   InterfaceList list;
   std::string p = kIntrospectionPrefix;
-  auto operations_of = [bound](const std::string& service_id) -> const ApiInterface* {
-    for (const auto& i : *bound) {
-      if (i->service_id == service_id) {
-        return i.get();
-      }
-    }
-    return nullptr;
+  auto operations_of = [bound](const std::string& service_id) -> const std::vector<std::string>* {
+    auto it = bound->find(service_id);
+    return it == bound->end() ? nullptr : &it->second;
   };
   Add(&list, p + "provider.get",
       [checksum](InputReader&) { return MethodResult::Value({{"id", "witnessd"}, {"checksum", checksum}}); });
   Add(&list, p + "service.list", [bound](InputReader&) {
-    std::vector<std::string> ids;
-    for (const auto& i : *bound) {
-      ids.push_back(i->service_id);
+    json ids = json::array();
+    for (const auto& [service_id, ops] : *bound) {
+      ids.push_back(service_id);
     }
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
     return MethodResult::Value(ids);
   });
-  auto op_names = [](const ApiInterface& i) {
-    json names = json::array();
-    for (const auto& [name, handler] : i.operations) {
-      names.push_back(name);
-    }
-    return names;
-  };
-  Add(&list, p + "service.get", [operations_of, op_names](InputReader& in) {
+  Add(&list, p + "service.get", [operations_of](InputReader& in) {
     std::string id = in.String("id");
-    const ApiInterface* i = operations_of(id);
-    return i != nullptr ? MethodResult::Value({{"operations", op_names(*i)}}) : MethodResult::Failure(MissingEntry(id));
+    const auto* ops = operations_of(id);
+    return ops != nullptr ? MethodResult::Value({{"operations", *ops}}) : MethodResult::Failure(MissingEntry(id));
   });
-  Add(&list, p + "operation.list", [operations_of, op_names](InputReader& in) {
+  Add(&list, p + "operation.list", [operations_of](InputReader& in) {
     std::string id = in.String("service_id");
-    const ApiInterface* i = operations_of(id);
-    return i != nullptr ? MethodResult::Value(op_names(*i)) : MethodResult::Failure(MissingEntry(id));
+    const auto* ops = operations_of(id);
+    return ops != nullptr ? MethodResult::Value(*ops) : MethodResult::Failure(MissingEntry(id));
   });
   Add(&list, p + "operation.get", [operations_of, metamodel](InputReader& in) {
     std::string service_id = in.String("service_id");
     std::string operation_id = in.String("operation_id");
-    const ApiInterface* i = operations_of(service_id);
+    const auto* ops = operations_of(service_id);
     const json& op = Field(Field(Field(Field(metamodel, "services"), service_id.c_str()), "operations"),
                            operation_id.c_str());
-    if (i == nullptr || i->operations.count(operation_id) == 0 || !op.is_object()) {
+    if (ops == nullptr || std::find(ops->begin(), ops->end(), operation_id) == ops->end() || !op.is_object()) {
       return MethodResult::Failure(MissingEntry(service_id + "." + operation_id));
     }
     return MethodResult::Value({{"input_definition", Field(op, "input")},

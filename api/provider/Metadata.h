@@ -4,6 +4,7 @@
 #pragma once
 
 #include <istream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -56,11 +57,14 @@ bool Load(std::istream& in, nlohmann::json* out);
 
 }  // namespace LoadAuthzInfoMetadata
 
+// BoundOperations: operation ids per bound service id.
+using BoundOperations = std::map<std::string, std::vector<std::string>>;
+
 // IntrospectionInterfaces serves the provider, service and operation
-// introspection services. |bound| is filled with the final interface list
-// once assembly has put every interface in it; |checksum| is the metadata
-// file's SHA-256 in hex.
-Lumen::Provider::InterfaceList IntrospectionInterfaces(std::shared_ptr<Lumen::Provider::InterfaceList> bound,
+// introspection services. |bound| is filled by assembly once every interface,
+// these included, is in the list, and before the first request; |checksum| is
+// the metadata file's SHA-256 in hex.
+Lumen::Provider::InterfaceList IntrospectionInterfaces(std::shared_ptr<const BoundOperations> bound,
                                                        nlohmann::json metamodel, std::string checksum);
 
 }  // namespace Witnessd::AttestApi

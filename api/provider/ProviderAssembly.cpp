@@ -75,7 +75,7 @@ std::shared_ptr<Lumen::Provider::ApiProvider> AssembleProvider(
     VERIFY(false);
   }
 
-  auto interfaces = std::make_shared<InterfaceList>();
+  auto interfaces = std::make_unique<InterfaceList>();
   BindIfPresent(impls.status, interfaces.get());
   BindIfPresent(impls.ca_certificates, interfaces.get());
   BindIfPresent(impls.certificate, interfaces.get());
@@ -91,8 +91,14 @@ std::shared_ptr<Lumen::Provider::ApiProvider> AssembleProvider(
   Append(interfaces.get(), ProviderHelper::CliInterfaces(cli));
   Append(interfaces.get(), ProviderHelper::MetamodelInterfaces(metamodel));
   Append(interfaces.get(), ProviderHelper::AuthnInterfaces(authn));
-  Append(interfaces.get(),
-         IntrospectionInterfaces(interfaces, metamodel, Lumen::Json::HexDigestSha256(bytes.str())));
+  auto bound = std::make_shared<BoundOperations>();
+  Append(interfaces.get(), IntrospectionInterfaces(bound, metamodel, Lumen::Json::HexDigestSha256(bytes.str())));
+  for (const auto& i : *interfaces) {
+    auto& ops = (*bound)[i->service_id];
+    for (const auto& [op, handler] : i->operations) {
+      ops.push_back(op);
+    }
+  }
 
   auto types = std::make_shared<const Lumen::Json::TypeRegistry>(metamodel);
   auto local = std::make_shared<Lumen::Provider::AsyncLocalProvider>(*interfaces, types);

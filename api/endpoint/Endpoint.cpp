@@ -459,12 +459,17 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       res->content_length(res->body().size());
     }
     stream_.expires_after(shared_->write_timeout);
-    http::async_write(stream_, *res, [self = shared_from_this(), res](beast::error_code ec, size_t) {
+    bool framework_error = lumen_error != nullptr;
+    http::async_write(stream_, *res, [self = shared_from_this(), res, framework_error](beast::error_code ec, size_t) {
       if (ec) {
-        LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to deliver response. EC:" << ec.message();
+        // "sent" is kept as operators' log searches know the texts.
+        LUMEN_LOG(self->Log(), kLumenDebug)
+            << (framework_error ? "Failed to sent Deserializer error " : "Failed to deliver response. EC:")
+            << ec.message();
         self->Close();
         return;
       }
+      LUMEN_LOG(self->Log(), 0) << "Response head sent:" << res->result_int();
       LUMEN_LOG(self->Log(), 0) << "Request handled";
       if (!self->keep_alive_) {
         self->Close();

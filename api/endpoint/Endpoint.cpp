@@ -400,7 +400,6 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     call.security_ctx = std::move(c.call.security_ctx);
     call.ctx->op_id = c.call.op_id;
     call.ctx->locale = c.locale;
-    c.call.input = nullptr;
 
     // The guard answers INTERNAL_SERVER_ERROR if the provider drops the
     // callback without calling it, so every request gets exactly one reply.

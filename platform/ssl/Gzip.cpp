@@ -39,22 +39,29 @@ bool Gzip::CompressFromString(const std::string& text, std::vector<uint8_t>& out
 }
 
 bool Gzip::DecompressToString(const std::vector<uint8_t>& in, std::string& out) {
-  if (in.empty() || in.size() > UINT32_MAX) {
-    return false;
+  return Decompress(in.data(), in.size(), out).stage == Stage::kDone;
+}
+
+Gzip::Outcome Gzip::Decompress(const uint8_t* data, size_t size, std::string& out) {
+  if (size == 0) {
+    return {Stage::kEmptyInput, Z_OK};
+  }
+  if (size > UINT32_MAX) {
+    return {Stage::kInflate, Z_MEM_ERROR};
   }
   z_stream stream{};
-  if (inflateInit2(&stream, kGzipWindowBits) != Z_OK) {
-    return false;
+  int rc = inflateInit2(&stream, kGzipWindowBits);
+  if (rc != Z_OK) {
+    return {Stage::kInit, rc};
   }
   std::unique_ptr<z_stream, InflateEnd> guard(&stream);
-  stream.next_in = const_cast<Bytef*>(in.data());
-  stream.avail_in = static_cast<uInt>(in.size());
+  stream.next_in = const_cast<Bytef*>(data);
+  stream.avail_in = static_cast<uInt>(size);
   std::string result;
-  int rc = Z_OK;
   while (rc != Z_STREAM_END) {
     size_t have = result.size();
     if (have >= kMaxDecompressedBytes) {
-      return false;
+      return {Stage::kInflate, Z_MEM_ERROR};
     }
     result.resize(have + kChunk);
     stream.next_out = reinterpret_cast<Bytef*>(result.data() + have);
@@ -62,14 +69,14 @@ bool Gzip::DecompressToString(const std::vector<uint8_t>& in, std::string& out) 
     rc = inflate(&stream, Z_NO_FLUSH);
     result.resize(have + kChunk - stream.avail_out);
     if (rc != Z_OK && rc != Z_STREAM_END) {
-      return false;  // corrupt data, or Z_BUF_ERROR: the input ends early
+      return {Stage::kInflate, rc};  // corrupt data, or Z_BUF_ERROR: the input ends early
     }
   }
   if (stream.avail_in != 0) {
-    return false;  // bytes after the gzip member
+    return {Stage::kInflate, Z_DATA_ERROR};  // bytes after the gzip member
   }
   out = std::move(result);
-  return true;
+  return {Stage::kDone, Z_OK};
 }
 
 }  // namespace Orm::Common

@@ -74,6 +74,17 @@ class Gzip {
   // DecompressToString needs exactly one complete gzip member with nothing
   // after it.
   static bool DecompressToString(const std::vector<uint8_t>& in, std::string& out);
+
+  // Where a decompression stopped, for callers that report it: the stage and
+  // the zlib return code of the failed call (for the limits below, the code
+  // zlib would give for such input: Z_DATA_ERROR after trailing bytes,
+  // Z_MEM_ERROR past kMaxDecompressedBytes).
+  enum class Stage { kDone, kEmptyInput, kInit, kInflate };
+  struct Outcome {
+    Stage stage = Stage::kDone;
+    int zlib_code = 0;
+  };
+  static Outcome Decompress(const uint8_t* data, size_t size, std::string& out);
 };
 
 }  // namespace Orm::Common

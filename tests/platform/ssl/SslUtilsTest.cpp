@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <zlib.h>
 
 #include "tests/platform/ssl/TestCerts.h"
 
@@ -217,6 +218,35 @@ TEST(Gzip, RejectsDamagedInput) {
   bad_crc[bad_crc.size() - 5] ^= 1;
   EXPECT_FALSE(Gzip::DecompressToString(bad_crc, out));
   EXPECT_FALSE(Gzip::DecompressToString({'p', 'l', 'a', 'i', 'n'}, out));
+}
+
+TEST(Gzip, DecompressReportsStageAndZlibCode) {
+  std::vector<uint8_t> packed;
+  ASSERT_TRUE(Gzip::CompressFromString("base image", packed));
+  std::vector<uint8_t> truncated(packed.begin(), packed.end() - 3);
+  std::vector<uint8_t> trailing = packed;
+  trailing.push_back('x');
+  const std::vector<uint8_t> not_gzip = {'p', 'l', 'a', 'i', 'n'};
+  struct {
+    const char* name;
+    const std::vector<uint8_t>& in;
+    Gzip::Stage stage;
+    int zlib_code;
+  } const cases[] = {
+      {"whole", packed, Gzip::Stage::kDone, Z_OK},
+      {"empty", {}, Gzip::Stage::kEmptyInput, Z_OK},
+      {"truncated", truncated, Gzip::Stage::kInflate, Z_BUF_ERROR},
+      {"trailing bytes", trailing, Gzip::Stage::kInflate, Z_DATA_ERROR},
+      {"not gzip", not_gzip, Gzip::Stage::kInflate, Z_DATA_ERROR},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string out = "untouched";
+    Gzip::Outcome outcome = Gzip::Decompress(c.in.data(), c.in.size(), out);
+    EXPECT_EQ(c.stage, outcome.stage);
+    EXPECT_EQ(c.zlib_code, outcome.zlib_code);
+    EXPECT_EQ(c.stage == Gzip::Stage::kDone ? "base image" : "untouched", out);
+  }
 }
 
 }  // namespace

@@ -324,6 +324,59 @@ ConfigResult ListBaseImages(std::vector<std::string>& out_versions) {
   }
 }
 
+ConfigResult ReadBaseImage(const std::string& version, StoredBaseImage& out) {
+  MXUser::ReadGuard guard(ConfigLock());
+  try {
+    ConfigStoreObjectPtr image =
+        ConfigStore::GetStore(ConfigStore::sGlobalNamespace)->GetObject(MakeId(kKeyBaseImages, version));
+    if (image == nullptr) {
+      return ConfigResult::kConfigNotFound;
+    }
+    StoredBaseImage result;
+    image->GetValue("version", &result.version);
+    image->GetValue("last_attested_time", &result.last_attested_time);  // absent: empty
+    for (const ConfigStoreObjectPtr& pak_object : image->GetSubObjects(kSubPaks)) {
+      PakEntry& pak = result.paks.emplace_back();
+      pak_object->GetValue("name", &pak.name);
+      pak_object->GetValue("version", &pak.version);
+      pak_object->GetValue("vendor", &pak.vendor);
+      pak_object->GetValue("type", &pak.type);
+      pak_object->GetValue("summary", &pak.summary);
+      for (const ConfigStoreObjectPtr& payload_object : pak_object->GetSubObjects(kSubPayloads)) {
+        PayloadEntry& payload = pak.payloads.emplace_back();
+        payload_object->GetValue("name", &payload.name);
+        payload_object->GetValue("file_name", &payload.file_name);
+        for (const ConfigStoreObjectPtr& sum : payload_object->GetSubObjects(kSubChecksums)) {
+          ChecksumEntry& checksum = payload.checksums.emplace_back();
+          sum->GetValue("checksum", &checksum.checksum);
+          sum->GetValue("checksum_type", &checksum.checksum_type);
+          sum->GetValue("verify_process", &checksum.verify_process);
+        }
+      }
+    }
+    out = std::move(result);
+    return ConfigResult::kConfigOk;
+  } catch (const HostCtlException& e) {
+    Log_Level(kLogError, "Exception reading base image data from config store: %s\n", e.what());
+    return ConfigResult::kConfigError;
+  }
+}
+
+ConfigResult DeleteBaseImage(const std::string& version) {
+  MXUser::WriteGuard guard(ConfigLock());
+  try {
+    if (!ConfigStore::GetStore(ConfigStore::sGlobalNamespace)->DeleteObject(MakeId(kKeyBaseImages, version))) {
+      return ConfigResult::kConfigNotFound;
+    }
+  } catch (const HostCtlException& e) {
+    Log_Level(kLogError, "Exception reading/writing the HYV base image version %s to configstore: %s\n",
+              version.c_str(), e.what());
+    return ConfigResult::kConfigError;
+  }
+  ClearLocked();
+  return ConfigResult::kConfigOk;
+}
+
 void InitBaseImageStore() {
   MXUser::WriteGuard guard(ConfigLock());
   ClearLocked();

@@ -77,6 +77,22 @@ void UpdateLastAttestedTime(const std::string& version);
 // ListBaseImages returns the stored versions in store order.
 ConfigResult ListBaseImages(std::vector<std::string>& out_versions);
 
+// One stored base image as written by the import, for the administration
+// service.
+struct StoredBaseImage {
+  std::string version;
+  std::string last_attested_time;  // empty when never attested
+  std::vector<PakEntry> paks;
+};
+
+// ReadBaseImage reads stored base image |version| whole: kConfigOk,
+// kConfigNotFound, or kConfigError when the store fails.
+ConfigResult ReadBaseImage(const std::string& version, StoredBaseImage& out);
+
+// DeleteBaseImage removes stored base image |version| and clears the cache:
+// kConfigOk, kConfigNotFound, or kConfigError when the store fails.
+ConfigResult DeleteBaseImage(const std::string& version);
+
 // InitBaseImageStore loads the cache at start-up, so a damaged record shows in
 // the log and the status at once rather than on the first attestation.
 void InitBaseImageStore();

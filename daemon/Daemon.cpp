@@ -12,6 +12,7 @@
 #include "api/endpoint/Endpoint.h"
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
+#include "api/services/BaseImagesImpl.h"
 #include "config/Configuration.h"
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
@@ -96,6 +97,7 @@ int Main() {
     auto localizer = std::make_shared<Lumen::L10n::Localizer>("en_US", &AttestApi::Errors::LookupMessage);
     // Service implementations are bound here as they are built (hook: services).
     AttestApi::ServiceImpls services;
+    services.base_images = std::make_shared<AttestApi::BaseImagesImpl>();
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);
 

@@ -162,10 +162,36 @@ int DaemonProcess::WaitExit(std::chrono::milliseconds timeout) {
   return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
 }
 
-void DaemonProcess::Signal(int signo) {
-  if (pid_ > 0 && !exited_) {
-    kill(pid_, signo);
+namespace {
+
+// CatchesSignal reads the process's caught-signal mask from /proc.
+bool CatchesSignal(pid_t pid, int signo) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("SigCgt:", 0) == 0) {
+      unsigned long long mask = std::strtoull(line.c_str() + 7, nullptr, 16);
+      return (mask >> (signo - 1)) & 1;
+    }
   }
+  return false;
+}
+
+}  // namespace
+
+void DaemonProcess::Signal(int signo) {
+  if (pid_ <= 0 || exited_) {
+    return;
+  }
+  // The daemon serves a moment before its termination handlers are in place;
+  // a termination signal sent in between would kill it instead of stopping
+  // it. Wait (bounded) until the handler is installed.
+  if (signo == SIGTERM || signo == SIGINT) {
+    for (int i = 0; i < 500 && Running() && !CatchesSignal(pid_, signo); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  kill(pid_, signo);
 }
 
 std::string DaemonProcess::Log() const {

@@ -59,8 +59,8 @@ class ObjectCodec {
  public:
   static Json Encode(const ConfigStoreObject& object) {
     Json fields = Json::object();
-    for (const auto& [name, value] : object.fields_) {
-      std::visit([&](const auto& v) { fields[name] = v; }, value);
+    for (const auto& field : object.fields_) {
+      std::visit([&](const auto& v) { fields[field.first] = v; }, field.second);
     }
     Json out = {{"fields", std::move(fields)}};
     if (!object.subs_.empty()) {

@@ -363,6 +363,18 @@ std::unique_ptr<HvkSignResult> HvkSignCheck(PKCS7* p7, BIO* content, const char*
   X509_STORE_set_verify_cb(maker, HvkSignVerifyCallback);
   X509_STORE_set_verify_cb(partner.get(), HvkSignVerifyCallback);
 
+  // A signature naming a digest this library does not know cannot verify;
+  // refuse it before PKCS7_verify, whose set-up leaks on that error path.
+  if (!PKCS7_type_is_signed(p7) || p7->d.sign == nullptr) {
+    return result;
+  }
+  for (int i = 0; i < sk_X509_ALGOR_num(p7->d.sign->md_algs); ++i) {
+    const X509_ALGOR* alg = sk_X509_ALGOR_value(p7->d.sign->md_algs, i);
+    if (alg == nullptr || EVP_get_digestbyobj(alg->algorithm) == nullptr) {
+      return result;
+    }
+  }
+
   // Each signer in turn, its certificate as the only extra one: maker
   // chain, then partner chain, then the signature alone.
   STACK_OF(X509)* signers_raw = PKCS7_get0_signers(p7, nullptr, 0);

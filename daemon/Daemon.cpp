@@ -6,6 +6,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 
 #include <boost/asio/io_context.hpp>
 
@@ -13,16 +14,19 @@
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
 #include "api/services/BaseImagesImpl.h"
+#include "api/services/ReportImpl.h"
 #include "config/Configuration.h"
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "daemon/log/LumenLoggerWrapper.h"
+#include "document/AttestationToken.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
 #include "platform/SignalUtils.h"
 #include "platform/System.h"
 #include "platform/Trackers.h"
 #include "platform/configstore/ConfigStore.h"
+#include "tpm2/Attestation.h"
 #include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Daemon {
@@ -58,6 +62,12 @@ int Main() {
   scratch->SetString("log/level", "info");
   scratch->SetInt("hearth/threadPool/ioThreads", 1);
   scratch->SetInt("hearth/threadPool/maxThreads", 9);
+  // Typed defaults of the later settings, so that a value of the wrong type
+  // fails here with the others rather than half-way through the start.
+  scratch->SetInt("maxSessions", 1000);
+  scratch->SetInt("maxSessionsPerEk", 5);
+  scratch->SetInt("sessionTimeoutSeconds", 300);
+  scratch->SetInt("tokenValiditySeconds", 0);
 
   Hearth::Service::SetAppInfo({"witnessd", WITNESSD_VERSION, WITNESSD_BUILD_NUMBER, 0});
   try {
@@ -90,7 +100,13 @@ int Main() {
     Config::Tpm2::InitTpm2Config();
     Config::OsHyv::InitBaseImageStore();
 
-    // Session manager with its limits from the settings tree (hook: sessions).
+    Hearth::Service::App& app = Hearth::Service::GetApp();
+    Tpm2::Attestation::Initialize(app.GetConfig(), app.GetScheduler());
+    int64_t token_validity = app.GetConfig().GetInt("tokenValiditySeconds", 0);
+    if (token_validity < 0) {
+      throw std::runtime_error("tokenValiditySeconds must not be negative");
+    }
+    Document::SetTokenValiditySeconds(token_validity);
 
     auto logger = std::make_shared<AttestApi::LumenLoggerWrapper>(&Log_Level);
 
@@ -98,6 +114,7 @@ int Main() {
     // Service implementations are bound here as they are built (hook: services).
     AttestApi::ServiceImpls services;
     services.base_images = std::make_shared<AttestApi::BaseImagesImpl>();
+    services.report = std::make_shared<AttestApi::ReportImpl>(Tpm2::Attestation::Get());
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);
 

@@ -47,7 +47,7 @@ void Hostinfo_GetTimeOfDay(int64_t* out_usec) {
 std::string Hostinfo_HostName() {
   char name[HOST_NAME_MAX + 1] = {};
   if (gethostname(name, sizeof(name) - 1) != 0) {
-    return "localhost";
+    return "";
   }
   return name;
 }

@@ -20,6 +20,7 @@ uint64_t Hostinfo_SystemTimerNS();
 // Microseconds since the Unix epoch.
 void Hostinfo_GetTimeOfDay(int64_t* out_usec);
 
+// Hostinfo_HostName returns the host name, or an empty text when it is unknown.
 std::string Hostinfo_HostName();
 
 // Process-wide initialisation hooks of the platform. They hold no state of

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/tcg/Tpm20Cmd.h"
+
 namespace Witnessd::Agent {
 namespace {
 
@@ -108,41 +110,7 @@ bool DerCertificateToPem(const Bytes& der, std::string* out) {
 }
 
 bool EkPublicPem(const Bytes& tpm2b_public, std::string* out) {
-  TPM2B_PUBLIC pub = {};
-  size_t offset = 0;
-  if (Tss2_MU_TPM2B_PUBLIC_Unmarshal(tpm2b_public.data(), tpm2b_public.size(), &offset, &pub) != TSS2_RC_SUCCESS ||
-      pub.publicArea.type != TPM2_ALG_RSA) {
-    return false;
-  }
-  uint32_t exponent = pub.publicArea.parameters.rsaDetail.exponent;
-  if (exponent == 0) {
-    exponent = 65537;  // the TPM's encoding of the default exponent
-  }
-  std::unique_ptr<BIGNUM, decltype(&BN_free)> n(
-      BN_bin2bn(pub.publicArea.unique.rsa.buffer, pub.publicArea.unique.rsa.size, nullptr), BN_free);
-  std::unique_ptr<BIGNUM, decltype(&BN_free)> e(BN_new(), BN_free);
-  std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)> bld(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
-  if (n == nullptr || e == nullptr || bld == nullptr || BN_set_word(e.get(), exponent) != 1 ||
-      OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
-      OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
-    return false;
-  }
-  std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)> params(OSSL_PARAM_BLD_to_param(bld.get()),
-                                                                 OSSL_PARAM_free);
-  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr),
-                                                                  EVP_PKEY_CTX_free);
-  EVP_PKEY* key_raw = nullptr;
-  if (params == nullptr || ctx == nullptr || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-      EVP_PKEY_fromdata(ctx.get(), &key_raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-    return false;
-  }
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(key_raw, EVP_PKEY_free);
-  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
-  if (bio == nullptr || PEM_write_bio_PUBKEY(bio.get(), key.get()) != 1) {
-    return false;
-  }
-  *out = BioText(bio.get());
-  return true;
+  return Tpm20Cmd::ConvertTpm2PubtoPem(tpm2b_public, *out);
 }
 
 }  // namespace Witnessd::Agent

@@ -1,0 +1,189 @@
+#include "api/services/ReportImpl.h"
+
+#include "api/errors/ErrorCatalogue.h"
+#include "config/tpm2/CaCertificates.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "daemon/log/Assert.h"
+#include "document/AttestationToken.h"
+#include "platform/Log.h"
+#include "platform/ssl/SslUtils.h"
+
+namespace Witnessd::AttestApi {
+namespace {
+
+constexpr const char* kSourcePath = "apps/witnessd/api/services/ReportImpl";
+
+namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
+namespace Token = Witnessd::Document;
+using Orm::Common::SslUtils;
+using Tpm2::SessionResult;
+
+constexpr const char* kInvalidDoctype = "com.quarro.hyv.attestation.report.invalid_doctype";
+constexpr const char* kTpmCertRequired = "com.quarro.hyv.attestation.report.tpm_cert_required";
+constexpr const char* kUnknownTpm = "com.quarro.hyv.attestation.report.unknown_tpm";
+constexpr const char* kUnknownTpmCa = "com.quarro.hyv.attestation.report.unknown_tpm_ca";
+
+// IsConfiguredEk is true when |pem| digests to a key of the EK registry.
+bool IsConfiguredEk(const std::string& pem) {
+  std::string canonical = pem;
+  SslUtils::CanonicalizePem(canonical);
+  std::vector<uint8_t> digest;
+  if (!SslUtils::ComputeHash(canonical, digest)) {
+    Log_Level(kLogError, "Failed to compute hash for endorsement key\n");
+    return false;
+  }
+  return Config::Tpm2::GetEkReferenceCount(digest).has_value();
+}
+
+// IdentifyEk establishes, from the TPM settings, that the host's EK is one
+// this daemon trusts: a configured key, a certificate that chains to a
+// configured CA, or both, as the settings require. On success |out_ek_pem|
+// is the EK public key to attest with.
+std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& out_ek_pem) {
+  bool require_eks = false;
+  bool require_validation = false;
+  if (Config::Tpm2::GetTpm2Settings(require_eks, require_validation) != Config::ConfigResult::kConfigOk) {
+    Log_Level(kLogError, "Unable to get Tpm2 settings\n");
+    return StdErrors::Error();
+  }
+  if (!require_eks && !require_validation) {
+    Log_Level(kLogError, "Tpm2 settings Endorsement Key and EK Certificate validation unset\n");
+    return StdErrors::Error();
+  }
+  if (ek.public_key && require_validation) {
+    Log_Level(kLogError, "EK public key provided when EK certificate required\n");
+    return Errors::Error(kTpmCertRequired);
+  }
+  if (ek.certificate) {
+    std::string key;
+    if (!SslUtils::ValidatePemCert(*ek.certificate) || !SslUtils::ExtractKeyFromCert(*ek.certificate, key)) {
+      Log_Level(kLogError, "Invalid EK certificate format\n");
+      return StdErrors::InvalidArgument({});
+    }
+    if (require_validation) {
+      Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
+      if (cas == nullptr) {
+        Log_Level(kLogError, "Error getting all configured CA certificates for EK validation\n");
+      }
+      if (cas == nullptr || !SslUtils::ValidateCertChain({*ek.certificate}, *cas, false)) {
+        Log_Level(kLogError, "Failed to validate EK certificate with configured CAs\n");
+        return Errors::Error(kUnknownTpmCa);
+      }
+    }
+    if (require_eks && !IsConfiguredEk(key)) {
+      Log_Level(kLogError, "Failed to validate EK certificate with configured EKs\n");
+      return Errors::Error(kUnknownTpm);
+    }
+    out_ek_pem = std::move(key);
+    return std::nullopt;
+  }
+  if (!SslUtils::ValidatePemKey(*ek.public_key)) {
+    Log_Level(kLogError, "Invalid EK public key format\n");
+    return StdErrors::InvalidArgument({});
+  }
+  if (!IsConfiguredEk(*ek.public_key)) {
+    Log_Level(kLogError, "Failed to validate EK Pub with configured EKs\n");
+    return Errors::Error(kUnknownTpm);
+  }
+  out_ek_pem = *ek.public_key;
+  return std::nullopt;
+}
+
+}  // namespace
+
+Lumen::StdError ReportImpl::ReportError(SessionResult code) {
+  static constexpr const char* kIds[] = {
+      nullptr,
+      "com.quarro.hyv.attestation.report.attest_failed",
+      "com.quarro.hyv.attestation.report.attest_invalid_input",
+      "com.quarro.hyv.attestation.report.attest_unknown_session",
+      "com.quarro.hyv.attestation.report.attest_session_limit",
+      "com.quarro.hyv.attestation.report.attest_invalid_state",
+      "com.quarro.hyv.attestation.report.attest_incomplete",
+      "com.quarro.hyv.attestation.report.attest_unknown_software",
+      "com.quarro.hyv.attestation.report.attest_no_secure_boot",
+      "com.quarro.hyv.attestation.report.attest_verify_failed",
+  };
+  int index = static_cast<int>(code);
+  if (index < 1 || index > 9) {
+    NOT_REACHED();
+  }
+  return Errors::Error(kIds[index]);
+}
+
+void ReportImpl::Create(const Request& request, Callback<Result> done) {
+  if (request.type != RequestType::kTpm2 || !request.tpm2) {
+    Log_Level(kLogError, "Unsupported request type\n");
+    done(StdErrors::InvalidArgument({}));
+    return;
+  }
+  const Tpm& tpm = *request.tpm2;
+  if (tpm.document_types.empty() || tpm.document_types.size() > 2) {
+    Log_Level(kLogError, "Unsupported number of document types specified: %lu\n", tpm.document_types.size());
+    done(StdErrors::InvalidArgument({}));
+    return;
+  }
+  if (tpm.contexts.size() > 1) {
+    Log_Level(kLogError, "Unsupported number of contexts specified: %lu\n", tpm.contexts.size());
+    done(StdErrors::InvalidArgument({}));
+    return;
+  }
+  std::vector<int> types;
+  for (DocumentType type : tpm.document_types) {
+    if (type == DocumentType::kUnknown) {
+      Log_Level(kLogError, "Unknown document type requested\n");
+      done(Errors::InvalidArgument(kInvalidDoctype));
+      return;
+    }
+    types.push_back(type == DocumentType::kKmsAuthJwt ? Token::kKmsAuthJwt : Token::kReportingJwt);
+  }
+  if (tpm.ek.certificate && tpm.ek.public_key) {
+    Log_Level(kLogError, "Both endorsement key certificate and public key specified\n");
+    done(StdErrors::InvalidArgument({}));
+    return;
+  }
+  if (!tpm.ek.certificate && !tpm.ek.public_key) {
+    Log_Level(kLogError, "No endorsement key identifier specified\n");
+    done(StdErrors::InvalidArgument({}));
+    return;
+  }
+
+  std::string ek_pem;
+  if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, ek_pem)) {
+    Log_Level(kLogError, "Invalid Tpm2 identifier\n");
+    done(std::move(*error));
+    return;
+  }
+
+  std::optional<Tpm2::Bytes> context;
+  if (!tpm.contexts.empty()) {
+    context = tpm.contexts[0];
+  }
+  Tpm2::ProcessResult turn = sessions_->ProcessRequest(ek_pem, context);
+  if (turn.code != SessionResult::kSuccess) {
+    Log_Level(kLogError, "TPM 2 attestation failure: %d\n", static_cast<int>(turn.code));
+    done(ReportError(turn.code));
+    return;
+  }
+  Result result;
+  if (!turn.done) {
+    result.contexts = std::vector<std::vector<uint8_t>>{std::move(turn.out_context)};
+    done(std::move(result));
+    return;
+  }
+  std::vector<Token::SignedDocument> signed_documents;
+  if (!Token::GenerateDocuments(types, turn.outcome, signed_documents)) {
+    done(StdErrors::Error());
+    return;
+  }
+  std::vector<ReportSvc::Document> documents;
+  for (Token::SignedDocument& d : signed_documents) {
+    documents.push_back({d.type == Token::kKmsAuthJwt ? DocumentType::kKmsAuthJwt : DocumentType::kReportingJwt,
+                         std::move(d.token)});
+  }
+  result.documents = std::move(documents);
+  done(std::move(result));
+}
+
+}  // namespace Witnessd::AttestApi

@@ -1,0 +1,17 @@
+// TPM 2.0 helpers of the platform that sit beside the event log parser.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tpm20Cmd {
+
+// ConvertTpm2PubtoPem turns the RSA public key in |tpm2b_public| (a marshalled
+// TPM2B_PUBLIC, read whole: trailing bytes are refused) into a PEM
+// SubjectPublicKeyInfo ("PUBLIC KEY") in |out_pem|. An exponent of 0 is the
+// TPM's encoding of 65537. Returns false for anything that does not decode or
+// is not an RSA key; |out_pem| is then unchanged.
+bool ConvertTpm2PubtoPem(const std::vector<uint8_t>& tpm2b_public, std::string& out_pem);
+
+}  // namespace Tpm20Cmd

@@ -1,0 +1,469 @@
+#include "tpm2/Attestation.h"
+
+#include <climits>
+#include <utility>
+
+#include "config/tpm2/EndorsementKeys.h"
+#include "daemon/log/Assert.h"
+#include "platform/Hearth.h"
+#include "platform/Log.h"
+#include "platform/System.h"
+#include "platform/ssl/SslUtils.h"
+#include "tpm2/CredentialProtection.h"
+#include "tpm2/proto/attestation.pb.h"
+#include "trusted/BaseImageStore.h"
+
+namespace Witnessd::Tpm2 {
+namespace {
+
+constexpr const char* kSourcePath = "apps/witnessd/tpm2/Attestation";
+
+using attestation::proto::Context;
+using Config::ConfigResult;
+
+constexpr uint64_t kCleanupIntervalUs = 30ULL * 1000000;
+constexpr uint64_t kStatisticsIntervalUs = 600ULL * 1000000;
+constexpr int64_t kUsPerSecond = 1000000;
+constexpr const char* kSoftwareType = "hyv";
+
+std::unique_ptr<Attestation> g_manager;
+
+// ReadLimit reads one integer setting; out of [min, max] it is logged with
+// |warning| and |def| is used.
+int64_t ReadLimit(const Hearth::Service::Config& settings, const char* key, int64_t def, int64_t min, int64_t max,
+                  const char* warning) {
+  int64_t value = settings.GetInt(key, def);
+  if (value < min || value > max) {
+    int shown = value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : static_cast<int>(value);
+    Log_Level(kLogWarning, warning, shown);
+    return def;
+  }
+  return value;
+}
+
+// EkDigestOf digests the EK PEM as received. Unlike the registry's digest
+// of configured keys, missing PEM marker lines are not added first: a
+// configured key matches only when its stored text canonicalises alike.
+bool EkDigestOf(const std::string& ek_pem, Bytes& out) {
+  std::string canonical = ek_pem;
+  Orm::Common::SslUtils::CanonicalizePem(canonical);
+  if (!Orm::Common::SslUtils::ComputeHash(canonical, out)) {
+    Log_Level(kLogError, "Failed to compute EK public key digest\n");
+    return false;
+  }
+  return true;
+}
+
+ProcessResult Fail(SessionResult code) {
+  ProcessResult r;
+  r.code = code;
+  return r;
+}
+
+Bytes ToBytes(const std::string& s) {
+  return Bytes(s.begin(), s.end());
+}
+
+std::string ToString(const Bytes& b) {
+  return std::string(b.begin(), b.end());
+}
+
+// Serialize writes |context| into |out|, sized to its encoding.
+bool Serialize(const Context& context, Bytes& out) {
+  size_t size = context.ByteSizeLong();
+  if (size > static_cast<size_t>(INT_MAX)) {
+    return false;
+  }
+  out.resize(size);
+  return context.SerializeToArray(out.data(), static_cast<int>(size));
+}
+
+// CheckResponses establishes that the message holds exactly one response
+// and that the response carries every field its step reads.
+SessionResult CheckResponses(const Context::Message& m) {
+  if (m.has_create_ak_response() &&
+      (!m.create_ak_response().has_ek_public() || !m.create_ak_response().has_ak_public())) {
+    Log_Level(kLogError, "Invalid create AK response message\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (m.has_activate_ak_response() && !m.activate_ak_response().has_cert_info()) {
+    Log_Level(kLogError, "Invalid activate AK response message\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (m.has_quote_response()) {
+    const auto& q = m.quote_response();
+    if (!q.has_quoted() || !q.has_signature() || q.pcr_read_results_size() == 0) {
+      Log_Level(kLogError, "Invalid quote response message\n");
+      return SessionResult::kInvalidInput;
+    }
+    for (const auto& r : q.pcr_read_results()) {
+      if (!r.has_pcr_selection_out() || !r.has_pcr_values()) {
+        Log_Level(kLogError, "Invalid PCR read result message\n");
+        return SessionResult::kInvalidInput;
+      }
+    }
+  }
+  if (m.has_event_log_response() &&
+      (!m.event_log_response().has_complete() || !m.event_log_response().has_event_log())) {
+    Log_Level(kLogError, "Invalid event log response message\n");
+    return SessionResult::kInvalidInput;
+  }
+  int present = int{m.has_create_ak_response()} + int{m.has_activate_ak_response()} + int{m.has_quote_response()} +
+                int{m.has_event_log_response()};
+  if (present != 1) {
+    Log_Level(kLogError, "Message requires 1 supported type, contains: %d\n", present);
+    return SessionResult::kInvalidInput;
+  }
+  return SessionResult::kSuccess;
+}
+
+// HandleMessage runs the step for the one response of |m| and appends the
+// requests that follow it to |out|.
+SessionResult HandleMessage(Session& session, const Context::Message& m, Context& out) {
+  SessionResult code;
+  if (m.has_create_ak_response()) {
+    Log_Level(kLogVerbose, "Found create_ak_response message\n");
+    Bytes blob;
+    Bytes secret;
+    code = session.SetAttestationKey(ToBytes(m.create_ak_response().ak_public()),
+                                     ToBytes(m.create_ak_response().ek_public()), blob, secret);
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Failed to set attestation key\n");
+      Log_Level(kLogError, "Failed to handle attestation key creation\n");
+      return code;
+    }
+    auto* request = out.add_messages()->mutable_activate_ak_request();
+    request->set_credential_blob(ToString(blob));
+    request->set_encrypted_secret(ToString(secret));
+  } else if (m.has_activate_ak_response()) {
+    Log_Level(kLogVerbose, "Found activate_ak_response message\n");
+    code = session.ActivateAttestationKey(ToBytes(m.activate_ak_response().cert_info()));
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Failed to activate attestation key\n");
+      Log_Level(kLogError, "Failed to handle attestation key activation\n");
+      return code;
+    }
+    auto* quote = out.add_messages()->mutable_quote_request();
+    quote->set_qualifying_data(ToString(session.QuoteQualifyingData()));
+    quote->set_sig_scheme(ToString(QuoteSigScheme()));
+    quote->set_pcr_selection(ToString(RequiredPcrSelection()));
+    out.add_messages()->mutable_event_log_request();
+  } else if (m.has_quote_response()) {
+    Log_Level(kLogVerbose, "Found quote_response message\n");
+    const auto& q = m.quote_response();
+    std::vector<Bytes> selections;
+    std::vector<Bytes> values;
+    for (const auto& r : q.pcr_read_results()) {
+      selections.push_back(ToBytes(r.pcr_selection_out()));
+      values.push_back(ToBytes(r.pcr_values()));
+    }
+    code = session.SetQuote(ToBytes(q.quoted()), ToBytes(q.signature()), selections, values);
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Failed to set quote\n");
+      Log_Level(kLogError, "Failed to handle quote response\n");
+      return code;
+    }
+  } else {
+    Log_Level(kLogVerbose, "Found event_log_response message\n");
+    code = session.SetEventLog(ToBytes(m.event_log_response().event_log()), m.event_log_response().complete());
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Failed to set event log\n");
+      Log_Level(kLogError, "Failed to handle event log response\n");
+      return code;
+    }
+  }
+  return SessionResult::kSuccess;
+}
+
+}  // namespace
+
+SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings) {
+  SessionLimits defaults;
+  SessionLimits limits;
+  limits.max_sessions = static_cast<int32_t>(ReadLimit(settings, "maxSessions", defaults.max_sessions, 100, 10000,
+                                                       "Invalid max sessions configured: %d\n"));
+  Log_Level(kLogInfo, "Max sessions: %d\n", limits.max_sessions);
+  limits.max_sessions_per_ek = static_cast<int32_t>(ReadLimit(settings, "maxSessionsPerEk",
+                                                              defaults.max_sessions_per_ek, 1, 20,
+                                                              "Invalid max sessions per-EK configured: %d\n"));
+  Log_Level(kLogInfo, "Max sessions per-EK: %d\n", limits.max_sessions_per_ek);
+  int64_t timeout_s = ReadLimit(settings, "sessionTimeoutSeconds", defaults.timeout_us / kUsPerSecond, 30, 1800,
+                                "Invalid session timeout configured: %d\n");
+  limits.timeout_us = timeout_s * kUsPerSecond;
+  Log_Level(kLogInfo, "Session timeout: %ld us\n", limits.timeout_us);
+  return limits;
+}
+
+uint64_t Attestation::SystemClock() {
+  return Hostinfo_SystemTimerNS() / 1000;
+}
+
+Attestation::Attestation(SessionLimits limits, Clock clock)
+    : limits_(limits),
+      clock_(std::move(clock)),
+      table_lock_(MXUser_CreateRWLock("tpm2Sessions", kRankUnranked)),
+      stats_lock_(MXUser_CreateExclLock("tpm2SessionStats", kRankUnranked)) {
+  VERIFY(table_lock_ != nullptr && stats_lock_ != nullptr);
+  sessions_.max_load_factor(1.0);
+  sessions_.reserve(static_cast<size_t>(limits_.max_sessions));
+}
+
+Attestation::~Attestation() {
+  MXUser_DestroyRWLock(table_lock_);
+  MXUser_DestroyExclLock(stats_lock_);
+}
+
+void Attestation::Initialize(const Hearth::Service::Config& settings, Hearth::Service::Scheduler& scheduler) {
+  g_manager = std::make_unique<Attestation>(ReadSessionLimits(settings));
+  g_manager->ScheduleCleanupExpiredSessions(scheduler);
+  g_manager->ScheduleStatistics(scheduler);
+}
+
+Attestation* Attestation::Get() {
+  return g_manager.get();
+}
+
+void Attestation::ScheduleCleanupExpiredSessions(Hearth::Service::Scheduler& scheduler) {
+  scheduler.AddTimer(kCleanupIntervalUs, [this, &scheduler] {
+    CleanupExpiredSessions();
+    ScheduleCleanupExpiredSessions(scheduler);
+  });
+}
+
+void Attestation::ScheduleStatistics(Hearth::Service::Scheduler& scheduler) {
+  scheduler.AddTimer(kStatisticsIntervalUs, [this, &scheduler] {
+    LogStatistics();
+    ScheduleStatistics(scheduler);
+  });
+}
+
+ProcessResult Attestation::ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context) {
+  Bytes ek_digest;
+  if (!EkDigestOf(ek_pem, ek_digest)) {
+    return Fail(SessionResult::kInternalFailure);
+  }
+  return context ? ContinueSession(ek_digest, *context) : StartSession(ek_digest);
+}
+
+ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
+  ConfigResult counted = Config::Tpm2::IncrementEkReference(ek_digest, limits_.max_sessions_per_ek);
+  if (counted != ConfigResult::kConfigOk) {
+    SessionResult code = SessionResult::kInternalFailure;
+    if (counted == ConfigResult::kConfigLimitReached) {
+      code = SessionResult::kSessionLimit;
+    } else if (counted != ConfigResult::kConfigNotFound) {
+      Log_Level(kLogError, "Failed to increment EK reference count: %d\n", static_cast<int>(counted));
+    }
+    Log_Level(kLogError, "Failed to start attestation\n");
+    return Fail(code);
+  }
+
+  auto session = std::make_shared<Session>(ek_digest, clock_());
+  bool inserted = false;
+  {
+    MXUser::WriteGuard guard(table_lock_);
+    if (sessions_.size() < static_cast<size_t>(limits_.max_sessions)) {
+      inserted = sessions_.emplace(session->Id(), session).second;
+    }
+  }
+  if (!inserted) {
+    Log_Level(kLogError, "Unable to allocate new session\n");
+    Log_Level(kLogError, "Failed to start attestation\n");
+    // The session never entered the table: its EK reference goes back.
+    Config::Tpm2::DecrementEkReference(ek_digest);
+    return Fail(SessionResult::kInternalFailure);
+  }
+
+  Context out;
+  out.set_session_id(session->Id());
+  auto* create = out.add_messages()->mutable_create_ak_request();
+  create->set_ak_template(ToString(AkTemplate()));
+  create->set_outside_info(ToString(OutsideInfo()));
+  Log_Level(kLogInfo, "New attestation session: %lu\n", session->Id());
+
+  size_t live;
+  {
+    MXUser::ReadGuard guard(table_lock_);
+    live = sessions_.size();
+  }
+  {
+    MXUser::ExclGuard guard(stats_lock_);
+    if (live > stats_.peak) {
+      stats_.peak = live;
+    }
+  }
+
+  ProcessResult result;
+  if (!Serialize(out, result.out_context)) {
+    Log_Level(kLogError, "Failed to serialize out context\n");
+    EndSession(session, false);
+    return Fail(SessionResult::kInternalFailure);
+  }
+  return result;
+}
+
+ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& context) {
+  Context in;
+  if (context.size() > static_cast<size_t>(INT_MAX) ||
+      !in.ParseFromArray(context.data(), static_cast<int>(context.size()))) {
+    Log_Level(kLogError, "Invalid attestation context\n");
+    return Fail(SessionResult::kInvalidInput);
+  }
+  if (!in.has_session_id()) {
+    Log_Level(kLogError, "No session ID specified in context\n");
+    return Fail(SessionResult::kUnknownSession);
+  }
+  std::shared_ptr<Session> session = FindSession(in.session_id());
+  if (session == nullptr) {
+    Log_Level(kLogError, "Invalid session ID: %lu\n", in.session_id());
+    return Fail(SessionResult::kUnknownSession);
+  }
+  Log_Level(kLogVerbose, "Process request for session ID: %lu\n", session->Id());
+  if (ek_digest != session->EkDigest()) {
+    Log_Level(kLogError, "EK public key digest does not match\n");
+    Log_Level(kLogError, "Ek public key not valid for session %lu\n", session->Id());
+    return Fail(SessionResult::kInvalidInput);
+  }
+
+  Context out;
+  out.set_session_id(session->Id());
+  SessionResult code = SessionResult::kSuccess;
+  if (in.messages_size() == 0) {
+    Log_Level(kLogError, "Context specifies no messages\n");
+    code = SessionResult::kInvalidInput;
+  }
+  for (int i = 0; i < in.messages_size() && code == SessionResult::kSuccess; i++) {
+    code = CheckResponses(in.messages(i));
+    if (code == SessionResult::kSuccess) {
+      code = HandleMessage(*session, in.messages(i), out);
+    }
+  }
+  if (code != SessionResult::kSuccess) {
+    Log_Level(kLogError, "Failed attestation for session ID: %lu\n", session->Id());
+    EndSession(session, false);
+    return Fail(code);
+  }
+
+  if (session->State() == SessionState::kReadyForAttestation) {
+    std::string hvkernel = session->HvkernelDigest();
+    ExpectedMeasurements expected;
+    std::string version;
+    ConfigResult found =
+        Config::OsHyv::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
+    if (found == ConfigResult::kConfigNotFound) {
+      Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
+      code = SessionResult::kUnknownSoftware;
+    } else if (found != ConfigResult::kConfigOk) {
+      Log_Level(kLogError, "Failed to lookup Hvkernel digest: %s\n", hvkernel.c_str());
+      code = SessionResult::kInternalFailure;
+    } else {
+      code = session->Attest(expected);
+      if (code != SessionResult::kSuccess) {
+        Log_Level(kLogError, "Attestation failed for session ID: %lu\n", session->Id());
+      }
+    }
+    if (code != SessionResult::kSuccess) {
+      EndSession(session, false);
+      return Fail(code);
+    }
+    Config::OsHyv::UpdateLastAttestedTime(version);
+    ProcessResult result;
+    result.done = true;
+    result.outcome = {kSoftwareType, version, session->AttestedProperties()};
+    Log_Level(kLogInfo, "Attestation complete for session ID %lu with HYV version %s\n", session->Id(),
+              version.c_str());
+    EndSession(session, true);
+    return result;
+  }
+
+  ProcessResult result;
+  if (!Serialize(out, result.out_context)) {
+    Log_Level(kLogError, "Failed to serialize out context\n");
+    EndSession(session, false);
+    return Fail(SessionResult::kInternalFailure);
+  }
+  return result;
+}
+
+std::shared_ptr<Session> Attestation::FindSession(uint64_t id) {
+  MXUser::ReadGuard guard(table_lock_);
+  auto it = sessions_.find(id);
+  return it == sessions_.end() ? nullptr : it->second;
+}
+
+void Attestation::EndSession(const std::shared_ptr<Session>& session, bool success) {
+  Log_Level(kLogInfo, "End session %lu: %s\n", session->Id(), success ? "success" : "failed");
+  size_t removed;
+  {
+    MXUser::WriteGuard guard(table_lock_);
+    removed = sessions_.erase(session->Id());
+  }
+  // A session leaves the table once: when the cleanup took it first, it was
+  // counted as timed out and its EK reference was given back there.
+  if (removed == 0) {
+    return;
+  }
+  Config::Tpm2::DecrementEkReference(session->EkDigest());
+  int64_t elapsed_us = static_cast<int64_t>(clock_() - session->Created());
+  uint64_t duration_ms = static_cast<uint64_t>(elapsed_us / 1000);
+  MXUser::ExclGuard guard(stats_lock_);
+  if (success) {
+    stats_.success++;
+    stats_.success_total_ms += duration_ms;
+    if (duration_ms < stats_.success_min_ms) {
+      stats_.success_min_ms = duration_ms;
+    }
+    if (duration_ms > stats_.success_max_ms) {
+      stats_.success_max_ms = duration_ms;
+    }
+  } else {
+    stats_.failed++;
+    stats_.failed_total_ms += duration_ms;
+  }
+}
+
+void Attestation::CleanupExpiredSessions() {
+  Log_Level(kLogVerbose, "Running cleanup\n");
+  uint64_t now = clock_();
+  std::vector<Bytes> expired;
+  {
+    MXUser::WriteGuard guard(table_lock_);
+    for (auto it = sessions_.begin(); it != sessions_.end();) {
+      const Session& s = *it->second;
+      if (static_cast<int64_t>(now - s.Created()) > limits_.timeout_us) {
+        Log_Level(kLogInfo, "Removing expired session %lu\n", s.Id());
+        expired.push_back(s.EkDigest());
+        it = sessions_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  {
+    MXUser::ExclGuard guard(stats_lock_);
+    stats_.timed_out += expired.size();
+  }
+  for (const Bytes& digest : expired) {
+    Config::Tpm2::DecrementEkReference(digest);
+  }
+}
+
+void Attestation::LogStatistics() {
+  MXUser::ExclGuard guard(stats_lock_);
+  const SessionStatistics& s = stats_;
+  Log_Level(kLogInfo, "TPM2 STATS: success=%lu (%lu/%lu/%lu) failed=%lu (%lu) timedout=%lu peak=%lu\n", s.success,
+            s.success == 0 ? 0 : s.success_total_ms / s.success, s.success_min_ms == UINT64_MAX ? 0 : s.success_min_ms,
+            s.success_max_ms, s.failed, s.failed == 0 ? 0 : s.failed_total_ms / s.failed, s.timed_out, s.peak);
+}
+
+SessionStatistics Attestation::Statistics() {
+  MXUser::ExclGuard guard(stats_lock_);
+  return stats_;
+}
+
+size_t Attestation::SessionCount() {
+  MXUser::ReadGuard guard(table_lock_);
+  return sessions_.size();
+}
+
+}  // namespace Witnessd::Tpm2

@@ -1,0 +1,388 @@
+#include "tpm2/Session.h"
+
+#include <cstring>
+#include <limits>
+
+#include "daemon/log/Assert.h"
+#include "platform/Log.h"
+#include "platform/System.h"
+#include "platform/ssl/SslUtils.h"
+#include "platform/tcg/Tpm20Cmd.h"
+#include "tpm2/CredentialProtection.h"
+#include "verify/QuoteVerify.h"
+#include "verify/Tpm2Marshal.h"
+
+namespace Witnessd::Tpm2 {
+namespace {
+
+constexpr const char* kSourcePath = "apps/witnessd/tpm2/Session";
+
+using namespace Witnessd::Verify;
+using Entry = HostCtl::Security::SecurityInfo::TcgEventLog_Entry;
+
+constexpr size_t kNonceBytes = 32;
+constexpr size_t kSecretBytes = 32;
+constexpr size_t kSha256Bytes = 32;
+constexpr uint32_t kTaggedHeaderBytes = 8;
+// Tagged event id of boot modules and of the TXT launch marker.
+constexpr uint32_t kBootModuleEventId = 2;
+constexpr uint32_t kTxtPcr = 17;
+constexpr uint32_t kTxtKernelPcr = 19;
+constexpr uint32_t kKernelPcr = 12;
+constexpr char kTxtTagText[] = "b";
+constexpr char kKernelTagText[] = "k.b00";
+// Bytes of the kernel tag compared: the text and its terminating zero.
+constexpr uint32_t kKernelTagCompareBytes = 6;
+// The largest event data the verification records can describe.
+constexpr size_t kMaxEventDataBytes = std::numeric_limits<uint16_t>::max();
+
+uint32_t ReadLe32(const uint8_t* p) {
+  return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
+
+// TaggedEvent reads an EV_EVENT_TAG event's id and text. The data must hold
+// id (UINT32 LE), size N (UINT32 LE) and N bytes whose last is the only zero.
+// False for any other event.
+bool TaggedEvent(const Entry& e, uint32_t* out_id, const char** out_text, uint32_t* out_size) {
+  const std::vector<uint8_t>& data = e.eventData;
+  if (e.eventType != kEvEventTag || data.size() < kTaggedHeaderBytes) {
+    return false;
+  }
+  uint32_t size = ReadLe32(data.data() + 4);
+  // Compare with what is left; never add to an untrusted size.
+  if (size == 0 || size > data.size() - kTaggedHeaderBytes) {
+    return false;
+  }
+  const char* text = reinterpret_cast<const char*>(data.data() + kTaggedHeaderBytes);
+  if (text[size - 1] != '\0' || strnlen(text, size) != size - 1) {
+    return false;
+  }
+  *out_id = ReadLe32(data.data());
+  *out_text = text;
+  *out_size = size;
+  return true;
+}
+
+std::string Hex(const uint8_t* bytes, size_t len) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(len * 2);
+  for (size_t i = 0; i < len; i++) {
+    out.push_back(kDigits[bytes[i] >> 4]);
+    out.push_back(kDigits[bytes[i] & 0x0f]);
+  }
+  return out;
+}
+
+// FillPcrSlots copies one PCR read (TPML_PCR_SELECTION of SHA-256 and its
+// TPML_DIGEST) into the SHA-256 bank of |evidence|, by PCR number.
+bool FillPcrSlots(const Bytes& selection_bytes, const Bytes& values_bytes, QuoteEvidence* evidence) {
+  TPML_PCR_SELECTION selection = {};
+  if (Tpm2_Unmarshal_TPML_PCR_SELECTION(selection_bytes.data(), static_cast<uint32_t>(selection_bytes.size()),
+                                        &selection) == 0) {
+    Log_Level(kLogError, "Failed to extract PCR selections\n");
+    return false;
+  }
+  if (selection.count != 1) {
+    Log_Level(kLogError, "Expected one PCR selection but found %d\n", static_cast<int>(selection.count));
+    return false;
+  }
+  const TPMS_PCR_SELECTION& sel = selection.pcrSelections[0];
+  if (sel.hash != PcrHashAlgorithm()) {
+    Log_Level(kLogError, "Expected PCR hash algorithm %d but found %d\n", PcrHashAlgorithm(), sel.hash);
+    return false;
+  }
+  TPML_DIGEST values = {};
+  if (Tpm2_Unmarshal_TPML_DIGEST(values_bytes.data(), static_cast<uint32_t>(values_bytes.size()), &values) == 0) {
+    Log_Level(kLogError, "Failed to extract PCR values\n");
+    return false;
+  }
+  uint32_t bank = PcrBankIndex(kTpmAlgSha256);
+  uint32_t next = 0;
+  for (uint32_t byte = 0; byte < sel.sizeofSelect && next < values.count; byte++) {
+    for (uint32_t bit = 0; bit < 8 && next < values.count; bit++) {
+      if ((sel.pcrSelect[byte] & (1u << bit)) == 0) {
+        continue;
+      }
+      uint32_t pcr = byte * 8 + bit;
+      // A TPM with this bank has 24 PCRs; a selection beyond them is forged.
+      if (pcr >= kNumPcrs) {
+        Log_Level(kLogError, "Expected PCR index below %u but found %u\n", kNumPcrs, pcr);
+        return false;
+      }
+      const TPM2B_DIGEST& digest = values.digests[next++];
+      size_t len = digest.size < kSha256Bytes ? digest.size : kSha256Bytes;
+      std::memset(evidence->pcrs[bank][pcr], 0, kSha256Bytes);
+      std::memcpy(evidence->pcrs[bank][pcr], digest.buffer, len);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+Session::Session(Bytes ek_digest, uint64_t created_us)
+    : lock_(MXUser_CreateRWLock("tpm2Session", kRankUnranked)),
+      created_us_(created_us),
+      ek_digest_(std::move(ek_digest)),
+      nonce_(kNonceBytes) {
+  VERIFY(lock_ != nullptr);
+  VERIFY(Random_Crypto(sizeof(id_), &id_));
+  VERIFY(Random_Crypto(nonce_.size(), nonce_.data()));
+}
+
+Session::~Session() {
+  MXUser_DestroyRWLock(lock_);
+}
+
+Bytes Session::QuoteQualifyingData() const {
+  // The nonce never changes after construction, so no lock is needed.
+  TPM2B_DATA data = {};
+  data.size = static_cast<uint16_t>(nonce_.size());
+  std::memcpy(data.buffer, nonce_.data(), nonce_.size());
+  uint8_t out[sizeof(data.buffer) + 2];
+  uint32_t len = Tpm2_Marshal_TPM2B_DATA(&data, out, sizeof(out));
+  VERIFY(len != 0);
+  return Bytes(out, out + len);
+}
+
+SessionResult Session::SetAttestationKey(const Bytes& ak_public, const Bytes& ek_public, Bytes& out_blob,
+                                         Bytes& out_secret) {
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kInitialized) {
+    Log_Level(kLogError, "Session state is not initialized: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  // Before a credential is made for the AK, establish that:
+  // - the AK is exactly the restricted signing key the template asked for;
+  // - the EK is the one whose digest opened the session;
+  // - the EK is a restricted decryption key bound to its TPM.
+  TPM2B_PUBLIC ak = {};
+  if (Tpm2_Unmarshal_TPM2B_PUBLIC(ak_public.data(), static_cast<uint32_t>(ak_public.size()), &ak) == 0) {
+    Log_Level(kLogError, "Failed to extract AK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (!VerifyAkPublic(ak.publicArea)) {
+    Log_Level(kLogError, "Failed to verify AK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  TPM2B_PUBLIC ek = {};
+  if (Tpm2_Unmarshal_TPM2B_PUBLIC(ek_public.data(), static_cast<uint32_t>(ek_public.size()), &ek) == 0) {
+    Log_Level(kLogError, "Failed to extract EK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  bool ek_matches = false;
+  std::string ek_pem;
+  std::vector<uint8_t> digest;
+  if (!Tpm20Cmd::ConvertTpm2PubtoPem(ek_public, ek_pem)) {
+    Log_Level(kLogError, "Failed to extract EK public key in PEM format\n");
+  } else {
+    Orm::Common::SslUtils::CanonicalizePem(ek_pem);
+    if (!Orm::Common::SslUtils::ComputeHash(ek_pem, digest)) {
+      Log_Level(kLogError, "Failed to compute EK public digest\n");
+    } else if (digest != ek_digest_) {
+      Log_Level(kLogError, "EK public key digest does not match\n");
+    } else {
+      ek_matches = true;
+    }
+  }
+  if (!ek_matches) {
+    Log_Level(kLogError, "Invalid EK TPM2B_PUBLIC for session\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (!VerifyEkPublic(ek.publicArea)) {
+    Log_Level(kLogError, "Failed to verify EK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  credential_secret_.assign(kSecretBytes, 0);
+  VERIFY(Random_Crypto(credential_secret_.size(), credential_secret_.data()));
+  if (!MakeCredential(ek_public, ak_public, credential_secret_, &out_blob, &out_secret)) {
+    Log_Level(kLogError, "Failed to make credential for AK\n");
+    return SessionResult::kInternalFailure;
+  }
+  ak_public_ = ak_public;
+  state_ = SessionState::kAkAwaitingActivation;
+  return SessionResult::kSuccess;
+}
+
+SessionResult Session::ActivateAttestationKey(const Bytes& cert_info) {
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kAkAwaitingActivation) {
+    Log_Level(kLogError, "Session AK not awaiting activation: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  TPM2B_DIGEST credential = {};
+  if (Tpm2_Unmarshal_TPM2B_DIGEST(cert_info.data(), static_cast<uint32_t>(cert_info.size()), &credential) == 0) {
+    Log_Level(kLogError, "Failed to extract AK credential\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (credential.size != credential_secret_.size() ||
+      std::memcmp(credential.buffer, credential_secret_.data(), credential_secret_.size()) != 0) {
+    Log_Level(kLogError, "Failed to verify credential\n");
+    return SessionResult::kInvalidInput;
+  }
+  state_ = SessionState::kAkActivated;
+  return SessionResult::kSuccess;
+}
+
+SessionResult Session::SetQuote(const Bytes& quoted, const Bytes& signature, const std::vector<Bytes>& pcr_selections,
+                                const std::vector<Bytes>& pcr_values) {
+  if (pcr_selections.empty() || pcr_selections.size() != pcr_values.size()) {
+    Log_Level(kLogError, "Invalid PCR selection data\n");
+    return SessionResult::kInvalidInput;
+  }
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kAkActivated && state_ != SessionState::kEventLogReceived) {
+    Log_Level(kLogError, "Session not ready for quote data: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  quoted_ = quoted;
+  signature_ = signature;
+  pcr_selections_ = pcr_selections;
+  pcr_values_ = pcr_values;
+  state_ = state_ == SessionState::kEventLogReceived ? SessionState::kReadyForAttestation
+                                                     : SessionState::kQuoteReceived;
+  return SessionResult::kSuccess;
+}
+
+SessionResult Session::SetEventLog(const Bytes& event_log, bool complete) {
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kAkActivated && state_ != SessionState::kQuoteReceived) {
+    Log_Level(kLogError, "Session not ready for event log: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  if (!HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(event_log.data(), event_log.size(), &events_)) {
+    Log_Level(kLogError, "Failed to parse event log data\n");
+    return SessionResult::kInvalidInput;
+  }
+  uint32_t id;
+  const char* text;
+  uint32_t size;
+  txt_ = false;
+  for (const Entry& e : events_) {
+    if (e.pcrIndex == kTxtPcr && TaggedEvent(e, &id, &text, &size) && id == kBootModuleEventId &&
+        std::strcmp(text, kTxtTagText) == 0) {
+      txt_ = true;
+      break;
+    }
+  }
+  Log_Level(kLogVerbose, "TXT Enabled: %d\n", txt_ ? 1 : 0);
+  log_complete_ = complete;
+
+  uint32_t kernel_pcr = txt_ ? kTxtKernelPcr : kKernelPcr;
+  hvkernel_digest_.clear();
+  for (const Entry& e : events_) {
+    if (e.pcrIndex != kernel_pcr || !TaggedEvent(e, &id, &text, &size) || id != kBootModuleEventId ||
+        std::strncmp(text, kKernelTagText, size < kKernelTagCompareBytes ? size : kKernelTagCompareBytes) != 0) {
+      continue;
+    }
+    for (const Entry::Digest& d : e.digests) {
+      if (d.algorithm == kTpmAlgSha256 && d.value.size() == kSha256Bytes) {
+        hvkernel_digest_ = Hex(d.value.data(), d.value.size());
+        break;
+      }
+    }
+    if (!hvkernel_digest_.empty()) {
+      break;
+    }
+  }
+  if (hvkernel_digest_.empty()) {
+    Log_Level(kLogError, "Failed to find Hvkernel SHA-256 digest in event log\n");
+    return SessionResult::kUnknownSoftware;
+  }
+  state_ = state_ == SessionState::kQuoteReceived ? SessionState::kReadyForAttestation
+                                                  : SessionState::kEventLogReceived;
+  return SessionResult::kSuccess;
+}
+
+SessionResult Session::Attest(const ExpectedMeasurements& expected) {
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kReadyForAttestation) {
+    Log_Level(kLogError, "Session not ready for attestation: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  auto evidence = std::make_unique<QuoteEvidence>();
+  std::memset(evidence.get(), 0, sizeof(QuoteEvidence));
+  for (size_t i = 0; i < pcr_selections_.size(); i++) {
+    if (!FillPcrSlots(pcr_selections_[i], pcr_values_[i], evidence.get())) {
+      Log_Level(kLogError, "Failed to extract PCR digests\n");
+      return SessionResult::kInvalidInput;
+    }
+  }
+  Log_Level(kLogVerbose, "Attesting session %lu; hvkernel=%s txt=%d\n", id_, hvkernel_digest_.c_str(), txt_ ? 1 : 0);
+
+  evidence->quote = {quoted_.size(), quoted_.data()};
+  evidence->signature = {signature_.size(), signature_.data()};
+  VerifyStatus status = VerifyQuote(evidence.get(), {ak_public_.size(), ak_public_.data()},
+                                    {nonce_.size(), nonce_.data()}, nullptr);
+  if (status != kVerifyOk) {
+    Log_Level(kLogError, "Quote validation failed for session %lu; error = {%d, %d}\n", id_,
+              static_cast<int>(StatusCategory(status)), static_cast<int>(StatusCode(status)));
+    return StatusCategory(status) == 1 ? SessionResult::kInvalidInput : SessionResult::kVerificationFailed;
+  }
+
+  // The records point into the session's events: validation may rewrite a
+  // malformed payload name in place, and the events live as long as this
+  // call needs them.
+  std::vector<TcgEventRecord> records;
+  std::vector<std::vector<TcgDigest>> digests;
+  records.reserve(events_.size());
+  digests.reserve(events_.size());
+  for (Entry& e : events_) {
+    if (e.digests.size() > std::numeric_limits<uint8_t>::max() || e.eventData.size() > kMaxEventDataBytes) {
+      Log_Level(kLogError, "Event log entry too large for validation\n");
+      return SessionResult::kInvalidInput;
+    }
+    std::vector<TcgDigest>& d = digests.emplace_back();
+    for (const Entry::Digest& digest : e.digests) {
+      d.push_back({digest.algorithm, digest.value.data(), static_cast<uint16_t>(digest.value.size())});
+    }
+    records.push_back({e.pcrIndex, e.eventType, static_cast<uint8_t>(d.size()), d.data(),
+                       e.eventData.empty() ? nullptr : e.eventData.data(),
+                       static_cast<uint16_t>(e.eventData.size())});
+  }
+  HostClaims claims = {static_cast<uint8_t>(txt_ ? 1 : 0)};
+  static const PayloadChecksumTable kNoChecksums;
+  status = ValidateEventLog(records.data(), static_cast<uint32_t>(records.size()), &claims,
+                            expected.txt_mle_digest.c_str(),
+                            expected.payload_checksums ? expected.payload_checksums.get() : &kNoChecksums,
+                            evidence.get());
+  if (status != kVerifyOk) {
+    Log_Level(kLogError, "Event validation failed for session %lu; error = {%d, %d}\n", id_,
+              static_cast<int>(StatusCategory(status)), static_cast<int>(StatusCode(status)));
+    switch (StatusCategory(status)) {
+      case 1:
+        return SessionResult::kInvalidInput;
+      case 7:
+        return SessionResult::kNoSecureBoot;
+      default:
+        // A log the agent did not declare whole is reported as incomplete
+        // data rather than as failed measurements.
+        return log_complete_ ? SessionResult::kVerificationFailed : SessionResult::kIncompleteEventLog;
+    }
+  }
+  state_ = SessionState::kAttested;
+  return SessionResult::kSuccess;
+}
+
+std::vector<std::string> Session::AttestedProperties() {
+  MXUser::ReadGuard guard(lock_);
+  std::vector<std::string> properties = {"secure_boot"};
+  if (txt_) {
+    properties.push_back("txt");
+    properties.push_back("drtm");
+  }
+  return properties;
+}
+
+SessionState Session::State() {
+  MXUser::ReadGuard guard(lock_);
+  return state_;
+}
+
+std::string Session::HvkernelDigest() {
+  MXUser::ReadGuard guard(lock_);
+  return hvkernel_digest_;
+}
+
+}  // namespace Witnessd::Tpm2

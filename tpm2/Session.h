@@ -1,0 +1,126 @@
+// One attestation of one remote TPM: what witnessd issued to it (credential
+// secret, nonce) and what it received from it (AK, quote, PCR values, event
+// log), with the steps of the conversation as a forward-only state machine.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/MXUser.h"
+#include "platform/tcg/SecurityInfo.h"
+#include "verify/EventLog.h"
+
+namespace Witnessd::Tpm2 {
+
+using Bytes = std::vector<uint8_t>;
+
+// Result codes of the session and the session manager; the Report service
+// maps 1 to 9 onto its errors.
+enum class SessionResult : int {
+  kSuccess = 0,
+  kInternalFailure = 1,
+  kInvalidInput = 2,
+  kUnknownSession = 3,
+  kSessionLimit = 4,
+  kInvalidState = 5,
+  kIncompleteEventLog = 6,
+  kUnknownSoftware = 7,
+  kNoSecureBoot = 8,
+  kVerificationFailed = 9,
+};
+
+enum class SessionState : int32_t {
+  kInitialized = 0,
+  kAkAwaitingActivation = 1,
+  kAkActivated = 2,
+  kQuoteReceived = 3,
+  kEventLogReceived = 4,
+  kReadyForAttestation = 5,
+  kAttested = 6,
+};
+
+// What a successful attestation established, for the signed token.
+struct AttestationOutcome {
+  std::string software_type;     // "hyv"
+  std::string software_version;  // the base image version
+  std::vector<std::string> attested_properties;
+};
+
+// The trusted measurements of the base image whose Hvkernel digest the
+// host's event log carries.
+struct ExpectedMeasurements {
+  std::string txt_mle_digest;  // lower-case hex
+  std::shared_ptr<const Verify::PayloadChecksumTable> payload_checksums;
+};
+
+class Session {
+ public:
+  // Session draws its id and nonce from the cryptographic random source (a
+  // failure there ends the process) and keeps |ek_digest|, the digest of the
+  // EK that opened it. |created_us| is the monotonic time of creation in
+  // microseconds, from which expiry counts.
+  Session(Bytes ek_digest, uint64_t created_us);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Immutable after construction; readable without the lock.
+  uint64_t Id() const { return id_; }
+  uint64_t Created() const { return created_us_; }
+  const Bytes& EkDigest() const { return ek_digest_; }
+
+  // QuoteQualifyingData is the nonce as a marshalled TPM2B_DATA.
+  Bytes QuoteQualifyingData() const;
+
+  // The steps. Each checks the state first, moves it forward only on
+  // success and never back; a failure leaves the session as it was.
+  //
+  // SetAttestationKey (create-AK): checks |ak_public| against the AK
+  // template and |ek_public| against the session's EK, then makes a
+  // credential for the AK; |out_blob| and |out_secret| go to the agent.
+  SessionResult SetAttestationKey(const Bytes& ak_public, const Bytes& ek_public, Bytes& out_blob,
+                                  Bytes& out_secret);
+  // ActivateAttestationKey (activate-AK): |cert_info| (TPM2B_DIGEST) must
+  // hold the credential secret.
+  SessionResult ActivateAttestationKey(const Bytes& cert_info);
+  // SetQuote keeps the quote, its signature and the PCR reads (selections
+  // and values pairwise), replacing earlier ones.
+  SessionResult SetQuote(const Bytes& quoted, const Bytes& signature, const std::vector<Bytes>& pcr_selections,
+                         const std::vector<Bytes>& pcr_values);
+  // SetEventLog parses the TCG event log, detects a TXT launch and finds the
+  // Hvkernel digest.
+  SessionResult SetEventLog(const Bytes& event_log, bool complete);
+  // Attest verifies the quote and validates the event log against it and
+  // |expected|.
+  SessionResult Attest(const ExpectedMeasurements& expected);
+
+  // AttestedProperties: "secure_boot", then "txt" and "drtm" after a TXT
+  // launch.
+  std::vector<std::string> AttestedProperties();
+  SessionState State();
+  // HvkernelDigest is the lower-case hex SHA-256 of the Hvkernel module, once
+  // the event log step succeeded.
+  std::string HvkernelDigest();
+
+ private:
+  MXUserRWLock* lock_;
+  SessionState state_ = SessionState::kInitialized;
+  uint64_t id_ = 0;
+  uint64_t created_us_;
+  Bytes ek_digest_;
+  Bytes credential_secret_;
+  Bytes ak_public_;
+  Bytes nonce_;
+  Bytes quoted_;
+  Bytes signature_;
+  std::vector<Bytes> pcr_selections_;
+  std::vector<Bytes> pcr_values_;
+  std::vector<HostCtl::Security::SecurityInfo::TcgEventLog_Entry> events_;
+  bool log_complete_ = false;
+  bool txt_ = false;
+  std::string hvkernel_digest_;
+};
+
+}  // namespace Witnessd::Tpm2

@@ -204,76 +204,100 @@ std::string MakeReportRequest(const std::string& id, const std::vector<std::stri
   return body.dump();
 }
 
-AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options) {
+AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const ReportTransport& transport) {
   AttestResult result;
   Conversation conversation(tpm, options, &result);
   if (!conversation.Prepare()) {
     return result;
   }
-  HttpClient client(host, port);
-  std::vector<Bytes> contexts;  // none on the first call
+  ReportCall call;
+  call.document_types = options.document_types;
+  call.ek_certificate_pem = conversation.EkCertificatePem();
+  call.ek_public_pem = conversation.EkPublicPemToSend();
   for (int turn = 0;; ++turn) {
     if (options.max_turns > 0 && turn >= options.max_turns) {
       return result;
     }
-    std::string body = MakeReportRequest(std::to_string(turn + 1), options.document_types, contexts,
-                                         conversation.EkCertificatePem(), conversation.EkPublicPemToSend());
-    int status = 0;
-    std::string reply;
-    std::string error;
+    call.turn = turn;
+    ReportAnswer answer;
     auto start = std::chrono::steady_clock::now();
-    bool sent = client.Post("/api", options.content_type, body, &status, &reply, &error);
+    bool answered = transport(call, &answer, &result.failure);
     result.turn_seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     result.turns = turn + 1;
-    if (!sent) {
-      result.failure = "HTTP: " + error;
+    if (!answered) {
       return result;
     }
-    if (status != 200) {
-      result.failure = "HTTP status " + std::to_string(status) + ": " + reply;
+    if (!answer.error_type.empty()) {
+      result.error_type = answer.error_type;
+      result.error_id = answer.error_id;
       return result;
     }
-    Json json = Json::parse(reply, nullptr, false);
-    if (json.is_discarded() || !json.contains("result")) {
-      result.failure = "malformed reply: " + reply;
-      return result;
-    }
-    const Json& out = json["result"];
-    if (out.contains("error") && out["error"].is_object()) {
-      const Json& e = out["error"];
-      result.error_type = e.value("error_type", "");
-      if (e.contains("messages") && e["messages"].is_array() && !e["messages"].empty()) {
-        result.error_id = e["messages"][0].value("id", "");
-      }
-      return result;
-    }
-    const Json output = out.value("output", Json());
-    if (output.is_object() && output.contains("documents") && output["documents"].is_array()) {
-      for (const Json& d : output["documents"]) {
-        result.documents.emplace_back(d.value("type", ""), d.value("document", ""));
-      }
+    if (answer.done) {
+      result.documents = std::move(answer.documents);
       result.ok = true;
       return result;
     }
-    if (!output.is_object() || !output.contains("contexts") || !output["contexts"].is_array() ||
-        output["contexts"].size() != 1 || !output["contexts"][0].is_string()) {
-      result.failure = "reply holds neither contexts nor documents: " + reply;
-      return result;
-    }
-    Bytes raw;
     Context in;
-    if (!Base64Decode(output["contexts"][0].get<std::string>(), &raw) ||
-        !in.ParseFromArray(raw.data(), static_cast<int>(raw.size()))) {
+    if (!in.ParseFromArray(answer.context.data(), static_cast<int>(answer.context.size()))) {
       result.failure = "undecodable context";
       return result;
     }
     result.session_id = in.session_id();
-    Context answer;
-    if (!conversation.Answer(in, &answer, turn)) {
+    Context next;
+    if (!conversation.Answer(in, &next, turn)) {
       return result;
     }
-    contexts = {AsBytes(answer.SerializeAsString())};
+    call.contexts = {AsBytes(next.SerializeAsString())};
   }
+}
+
+AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options) {
+  HttpClient client(host, port);
+  auto over_http = [&client, &options](const ReportCall& call, ReportAnswer* out, std::string* failure) {
+    std::string body = MakeReportRequest(std::to_string(call.turn + 1), call.document_types, call.contexts,
+                                         call.ek_certificate_pem, call.ek_public_pem);
+    int status = 0;
+    std::string reply;
+    std::string error;
+    if (!client.Post("/api", options.content_type, body, &status, &reply, &error)) {
+      *failure = "HTTP: " + error;
+      return false;
+    }
+    if (status != 200) {
+      *failure = "HTTP status " + std::to_string(status) + ": " + reply;
+      return false;
+    }
+    Json json = Json::parse(reply, nullptr, false);
+    if (json.is_discarded() || !json.contains("result")) {
+      *failure = "malformed reply: " + reply;
+      return false;
+    }
+    const Json& result = json["result"];
+    if (result.contains("error") && result["error"].is_object()) {
+      const Json& e = result["error"];
+      out->error_type = e.value("error_type", "");
+      if (e.contains("messages") && e["messages"].is_array() && !e["messages"].empty()) {
+        out->error_id = e["messages"][0].value("id", "");
+      }
+      return true;
+    }
+    const Json output = result.value("output", Json());
+    if (output.is_object() && output.contains("documents") && output["documents"].is_array()) {
+      for (const Json& d : output["documents"]) {
+        out->documents.emplace_back(d.value("type", ""), d.value("document", ""));
+      }
+      out->done = true;
+      return true;
+    }
+    if (!output.is_object() || !output.contains("contexts") || !output["contexts"].is_array() ||
+        output["contexts"].size() != 1 || !output["contexts"][0].is_string() ||
+        !Base64Decode(output["contexts"][0].get<std::string>(), &out->context)) {
+      *failure = "reply holds neither contexts nor documents: " + reply;
+      return false;
+    }
+    return true;
+  };
+  return AttestWith(tpm, options, over_http);
 }
 
 }  // namespace Witnessd::Agent

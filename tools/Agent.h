@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,31 @@ struct AttestResult {
 
 // Attest runs one attestation of |tpm| against the daemon at |host|:|port|.
 AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options);
+
+// One Report call of the conversation: what the agent sends.
+struct ReportCall {
+  int turn = 0;
+  std::vector<std::string> document_types;
+  std::vector<Bytes> contexts;     // none on the first call
+  std::string ek_certificate_pem;  // empty when not sent
+  std::string ek_public_pem;       // empty when not sent
+};
+// What the Report service answered: an API error (error_type set), the
+// documents (done), or the next serialized context.
+struct ReportAnswer {
+  std::string error_type;
+  std::string error_id;
+  bool done = false;
+  std::vector<std::pair<std::string, std::string>> documents;
+  Bytes context;
+};
+// ReportTransport makes one Report call; false, with |failure| set, when the
+// call itself failed (transport, malformed reply).
+using ReportTransport = std::function<bool(const ReportCall& call, ReportAnswer* out, std::string* failure)>;
+
+// AttestWith runs one attestation of |tpm| with each Report call made by
+// |transport|; Attest is AttestWith over HTTP.
+AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const ReportTransport& transport);
 
 // MakeReportRequest builds the JSON-RPC body of one Report create call.
 std::string MakeReportRequest(const std::string& id, const std::vector<std::string>& document_types,

@@ -1,0 +1,542 @@
+// The session manager and the Report service in process: a software host
+// runs the whole conversation against ReportImpl over a real configuration
+// store, so every report error is provoked by what a host actually sends.
+#include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <jwt.h>
+
+#include <functional>
+#include <memory>
+
+#include "api/services/ReportImpl.h"
+#include "config/SigningKey.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "document/AttestationToken.h"
+#include "platform/Hearth.h"
+#include "platform/Log.h"
+#include "platform/System.h"
+#include "tests/config/StoreFixture.h"
+#include "tools/Agent.h"
+#include "tpm2/Attestation.h"
+#include "tpm2/CredentialProtection.h"
+#include "tpm2/proto/attestation.pb.h"
+#include "trusted/BaseImageStore.h"
+
+namespace Witnessd::Tpm2 {
+namespace {
+
+using AttestApi::ReportImpl;
+using AttestApi::ReportSvc;
+using Config::ConfigResult;
+
+constexpr const char* kVersion = "8.0.1-4242";
+constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
+
+std::string Hex(const Bytes& b) {
+  std::string out;
+  char buf[3];
+  for (uint8_t c : b) {
+    snprintf(buf, sizeof(buf), "%02x", c);
+    out += buf;
+  }
+  return out;
+}
+
+std::string Capture(const std::function<void()>& fn) {
+  testing::internal::CaptureStderr();
+  fn();
+  return testing::internal::GetCapturedStderr();
+}
+
+// A clock the test moves by hand.
+struct ManualClock {
+  uint64_t now_us = 1000000;
+  Attestation::Clock Fn() {
+    return [this] { return now_us; };
+  }
+};
+
+class AttestationTest : public Testing::StoreFixture {
+ protected:
+  void SetUp() override {
+    StoreFixture::SetUp();
+    Config::Tpm2::ResetTpm2ConfigForTesting();
+    Config::OsHyv::ClearBaseImageCache();
+    Config::InitConfigLocks();
+    Config::EnsureSigningKey();
+    Config::Tpm2::InitTpm2Config();
+    ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::UpdateTpm2Settings(true, false));
+    host_ = Agent::MakeSoftwareHost(/*reuse_ak=*/true);
+    Bytes ek_public;
+    ASSERT_TRUE(host_->EkPublic(&ek_public));
+    ASSERT_TRUE(Agent::EkPublicPem(ek_public, &ek_pem_));
+    ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("ek1", ek_pem_));
+    PutBaseImage(Agent::BootPlan{});
+    manager_ = std::make_unique<Attestation>(SessionLimits{}, clock_.Fn());
+    report_ = std::make_unique<ReportImpl>(manager_.get());
+  }
+
+  // PutBaseImage stores a base image whose payloads are what |plan| measures.
+  void PutBaseImage(const Agent::BootPlan& plan, const std::string& version = kVersion) {
+    using namespace Config::OsHyv;
+    PakEntry base{"hyv-base", version, "Quarro", "bootbank", "base", {}};
+    base.payloads.push_back(
+        {"k", "k.b00", {{Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)), "sha-256", "gunzip"}}});
+    base.payloads.push_back({"b", "b.b00", {{Hex(Agent::LaunchDigest(plan)), "sha-256", "txt-mle"}}});
+    for (const char* name : {Agent::kSystemPayload, Agent::kSystemBootPayload, Agent::kUpdatePayload}) {
+      base.payloads.push_back({name, name, {{Hex(Agent::PayloadDigest(plan, name)), "sha-256", "gunzip"}}});
+    }
+    HyvConfig::ConfigStoreObject image(Config::MakeId(Config::kKeyBaseImages, version));
+    image.SetValue("version", version);
+    ASSERT_TRUE(AddPakToBaseImage(image, base));
+    int status = 0;
+    Store()->SetObject(image, status);
+    ClearBaseImageCache();
+  }
+
+  // Transport calls the Report service directly, as the provider would.
+  Agent::ReportTransport Transport() {
+    return [this](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
+      ReportSvc::Request request;
+      request.type = ReportSvc::RequestType::kTpm2;
+      ReportSvc::Tpm tpm;
+      for (const std::string& t : call.document_types) {
+        tpm.document_types.push_back(t == "KMS_AUTH_JWT"    ? ReportSvc::DocumentType::kKmsAuthJwt
+                                     : t == "REPORTING_JWT" ? ReportSvc::DocumentType::kReportingJwt
+                                                            : ReportSvc::DocumentType::kUnknown);
+      }
+      tpm.contexts = call.contexts;
+      if (!call.ek_certificate_pem.empty()) {
+        tpm.ek.certificate = call.ek_certificate_pem;
+      }
+      if (!call.ek_public_pem.empty()) {
+        tpm.ek.public_key = call.ek_public_pem;
+      }
+      request.tpm2 = std::move(tpm);
+      int answers = 0;
+      report_->Create(request, [&](Lumen::Outcome<ReportSvc::Result> outcome) {
+        answers++;
+        if (auto* error = std::get_if<Lumen::StdError>(&outcome)) {
+          out->error_type = Com::Quarro::Lumen::Std::Errors::KindName(error->kind);
+          out->error_id = error->messages.empty() ? "" : error->messages[0].id;
+          return;
+        }
+        auto& result = std::get<ReportSvc::Result>(outcome);
+        if (result.documents) {
+          out->done = true;
+          for (const auto& d : *result.documents) {
+            out->documents.emplace_back(ReportSvc::DocumentTypeName(d.type), d.document);
+          }
+        } else if (result.contexts && result.contexts->size() == 1) {
+          out->context = (*result.contexts)[0];
+        }
+      });
+      if (answers != 1) {
+        *failure = "Report answered " + std::to_string(answers) + " times";
+        return false;
+      }
+      return true;
+    };
+  }
+
+  Agent::AttestResult Run(const Agent::AttestOptions& options) {
+    return Agent::AttestWith(host_.get(), options, Transport());
+  }
+
+  std::optional<int32_t> EkCount() {
+    Config::Tpm2::EkDigest digest;
+    EXPECT_TRUE(Config::Tpm2::ComputeEkDigest(ek_pem_, digest));
+    return Config::Tpm2::GetEkReferenceCount(digest);
+  }
+
+  ManualClock clock_;
+  std::unique_ptr<Agent::HostTpm> host_;
+  std::string ek_pem_;
+  std::unique_ptr<Attestation> manager_;
+  std::unique_ptr<ReportImpl> report_;
+};
+
+// Claims decodes a token with the report-signing certificate's key; null
+// when the signature does not verify.
+std::shared_ptr<jwt_t> Decode(const std::string& token) {
+  std::string cert_pem;
+  EXPECT_TRUE(Config::GetSigningCertificate(cert_pem));
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())),
+                                               BIO_free);
+  std::unique_ptr<X509, decltype(&X509_free)> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
+  std::unique_ptr<BIO, decltype(&BIO_free_all)> out(BIO_new(BIO_s_mem()), BIO_free_all);
+  PEM_write_bio_PUBKEY(out.get(), X509_get0_pubkey(cert.get()));
+  char* data = nullptr;
+  long len = BIO_get_mem_data(out.get(), &data);
+  jwt_t* jwt = nullptr;
+  if (jwt_decode(&jwt, token.c_str(), reinterpret_cast<unsigned char*>(data), static_cast<int>(len)) != 0) {
+    return nullptr;
+  }
+  return std::shared_ptr<jwt_t>(jwt, jwt_free);
+}
+
+TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
+  const struct {
+    const char* name;
+    bool txt;
+    std::vector<std::string> types;
+    const char* properties;
+  } kCases[] = {
+      {"no TXT, one token", false, {"KMS_AUTH_JWT"}, R"(["secure_boot"])"},
+      {"TXT, both tokens", true, {"KMS_AUTH_JWT", "REPORTING_JWT"}, R"(["secure_boot","txt","drtm"])"},
+      {"reporting only", false, {"REPORTING_JWT"}, R"(["secure_boot"])"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Agent::AttestOptions options;
+    options.boot.txt = c.txt;
+    options.document_types = c.types;
+    std::string log;
+    Agent::AttestResult r;
+    log = Capture([&] { r = Run(options); });
+    ASSERT_TRUE(r.ok) << r.failure << r.error_id << log;
+    EXPECT_EQ(4, r.turns);
+    ASSERT_EQ(c.types.size(), r.documents.size());
+    EXPECT_NE(std::string::npos, log.find("Attestation complete for session ID " + std::to_string(r.session_id) +
+                                          " with HYV version " + kVersion));
+    EXPECT_NE(std::string::npos, log.find("End session " + std::to_string(r.session_id) + ": success"));
+    long iat = -1, exp = -1;
+    for (size_t i = 0; i < c.types.size(); i++) {
+      EXPECT_EQ(c.types[i], r.documents[i].first);
+      auto jwt = Decode(r.documents[i].second);
+      ASSERT_NE(nullptr, jwt) << "token does not verify with the report-signing certificate";
+      EXPECT_STREQ("RS256", jwt_get_header(jwt.get(), "alg"));
+      EXPECT_STREQ("hyv", jwt_get_grant(jwt.get(), "os"));
+      EXPECT_STREQ(kVersion, jwt_get_grant(jwt.get(), "os_version"));
+      EXPECT_EQ(Hostinfo_HostName() + "/attestation", jwt_get_grant(jwt.get(), "iss"));
+      std::unique_ptr<char, decltype(&free)> props(jwt_get_grants_json(jwt.get(), "attested_properties"), free);
+      ASSERT_NE(nullptr, props);
+      EXPECT_STREQ(c.properties, props.get());
+      const char* aud = jwt_get_grant(jwt.get(), "aud");
+      if (c.types[i] == "KMS_AUTH_JWT") {
+        EXPECT_STREQ("orbd", aud);
+      } else {
+        EXPECT_EQ(nullptr, aud);
+      }
+      // Every token of one answer shares iat and exp.
+      if (i == 0) {
+        iat = jwt_get_grant_int(jwt.get(), "iat");
+        exp = jwt_get_grant_int(jwt.get(), "exp");
+      }
+      EXPECT_EQ(iat, jwt_get_grant_int(jwt.get(), "iat"));
+      EXPECT_EQ(exp, jwt_get_grant_int(jwt.get(), "exp"));
+    }
+    // Random validity: whole minutes from 7 h to 7 h 59 min.
+    EXPECT_EQ(0, (exp - iat) % 60);
+    EXPECT_GE(exp - iat, 25200);
+    EXPECT_LE(exp - iat, 28740);
+    EXPECT_EQ(0u, manager_->SessionCount());
+    EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+  }
+  Config::OsHyv::StoredBaseImage image;
+  ASSERT_EQ(ConfigResult::kConfigOk, Config::OsHyv::ReadBaseImage(kVersion, image));
+  EXPECT_FALSE(image.last_attested_time.empty());
+  EXPECT_EQ(3u, manager_->Statistics().success);
+}
+
+TEST_F(AttestationTest, ConfiguredValidityIsUsedAsIs) {
+  Document::SetTokenValiditySeconds(90);
+  Agent::AttestResult r;
+  Capture([&] { r = Run({}); });
+  Document::SetTokenValiditySeconds(0);
+  ASSERT_TRUE(r.ok) << r.failure << r.error_id;
+  auto jwt = Decode(r.documents[0].second);
+  ASSERT_NE(nullptr, jwt);
+  EXPECT_EQ(90, jwt_get_grant_int(jwt.get(), "exp") - jwt_get_grant_int(jwt.get(), "iat"));
+}
+
+// Each failure a host can cause ends its session with one report error.
+TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
+  using Agent::Fault;
+  const struct {
+    const char* name;
+    Fault fault;
+    bool secure_boot;
+    bool log_complete;
+    const char* error;
+    const char* log;
+    bool session_left = false;  // a request naming no session ends none
+  } kCases[] = {
+      {"tampered AK", Fault::kTamperedAk, true, true, "attest_invalid_input",
+       "AK public key object attributes value does not match"},
+      {"wrong credential", Fault::kWrongCredential, true, true, "attest_invalid_input", "Failed to verify credential"},
+      {"out of order", Fault::kOutOfOrder, true, true, "attest_invalid_state", "Session AK not awaiting activation: 0"},
+      {"made-up session", Fault::kUnknownSession, true, true, "attest_unknown_session", "Invalid session ID: ", true},
+      {"PCR extended after the log", Fault::kPcrAfterLog, true, true, "attest_verify_failed",
+       "Event validation failed for session"},
+      {"same, log not complete", Fault::kPcrAfterLog, true, false, "attest_incomplete",
+       "Event validation failed for session"},
+      {"no secure boot", Fault::kNone, false, true, "attest_no_secure_boot", "error = {7, 0}"},
+      {"two responses in one message", Fault::kBothResponsesInOne, true, true, "attest_invalid_input",
+       "Message requires 1 supported type, contains: 2"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Agent::AttestOptions options;
+    options.fault = c.fault;
+    options.boot.secure_boot = c.secure_boot;
+    options.log_complete = c.log_complete;
+    Agent::AttestResult r;
+    std::string log = Capture([&] { r = Run(options); });
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ("ERROR", r.error_type) << r.failure;
+    EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id);
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+    EXPECT_NE(std::string::npos, log.find("TPM 2 attestation failure: ")) << log;
+    EXPECT_EQ(c.session_left ? 1u : 0u, manager_->SessionCount());
+    clock_.now_us += manager_->Limits().timeout_us + 1;
+    Capture([&] { manager_->CleanupExpiredSessions(); });
+    // Whatever failed, no session and no EK reference is left behind.
+    EXPECT_EQ(0u, manager_->SessionCount());
+    EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+  }
+}
+
+TEST_F(AttestationTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
+  Agent::AttestOptions options;
+  options.boot.payload_digests[Agent::kKernelPayload] = Bytes(32, 0x42);
+  Agent::AttestResult r;
+  std::string log = Capture([&] { r = Run(options); });
+  EXPECT_EQ(std::string(kReportErrors) + "attest_unknown_software", r.error_id);
+  EXPECT_NE(std::string::npos, log.find("Unknown Hvkernel digest: " + Hex(Bytes(32, 0x42))));
+  EXPECT_EQ(1u, manager_->Statistics().failed);
+}
+
+TEST_F(AttestationTest, SixthConcurrentSessionOfOneEkIsRefused) {
+  Agent::AttestOptions hold;
+  hold.max_turns = 1;  // open the session, then leave it
+  for (int i = 0; i < 5; i++) {
+    Capture([&] { EXPECT_TRUE(Run(hold).error_id.empty()); });
+  }
+  EXPECT_EQ(5u, manager_->SessionCount());
+  Agent::AttestResult sixth;
+  std::string log = Capture([&] { sixth = Run(hold); });
+  EXPECT_EQ(std::string(kReportErrors) + "attest_session_limit", sixth.error_id);
+  EXPECT_NE(std::string::npos, log.find("Failed to start attestation"));
+  EXPECT_EQ(5u, manager_->SessionCount());
+  EXPECT_EQ(std::optional<int32_t>(5), EkCount());
+
+  // Expiry gives the references back and makes room again.
+  clock_.now_us += manager_->Limits().timeout_us + 1;
+  log = Capture([&] { manager_->CleanupExpiredSessions(); });
+  EXPECT_EQ(5, [&] {
+    int n = 0;
+    for (size_t p = 0; (p = log.find("Removing expired session", p)) != std::string::npos; p++) n++;
+    return n;
+  }());
+  EXPECT_EQ(0u, manager_->SessionCount());
+  EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+  EXPECT_EQ(5u, manager_->Statistics().timed_out);
+  EXPECT_EQ(5u, manager_->Statistics().peak);
+  Capture([&] { EXPECT_TRUE(Run({}).ok); });
+}
+
+// Steps against one session driven by hand, for what the agent cannot fake.
+class ManualConversation : public AttestationTest {
+ protected:
+  using Context = attestation::proto::Context;
+
+  ProcessResult Call(const std::string& ek_pem, const std::optional<Context>& context) {
+    std::optional<Bytes> bytes;
+    if (context) {
+      std::string s = context->SerializeAsString();
+      bytes = Bytes(s.begin(), s.end());
+    }
+    ProcessResult r;
+    last_log_ = Capture([&] { r = manager_->ProcessRequest(ek_pem, bytes); });
+    return r;
+  }
+
+  static Context Parse(const ProcessResult& r) {
+    Context c;
+    EXPECT_TRUE(c.ParseFromArray(r.out_context.data(), static_cast<int>(r.out_context.size())));
+    return c;
+  }
+
+  std::string last_log_;
+};
+
+TEST_F(ManualConversation, ExpiredSessionIsUnknownAndCountsFromCreation) {
+  ProcessResult first = Call(ek_pem_, std::nullopt);
+  ASSERT_EQ(SessionResult::kSuccess, first.code);
+  Context in = Parse(first);
+  ASSERT_EQ(1, in.messages_size());
+  ASSERT_TRUE(in.messages(0).has_create_ak_request());
+  EXPECT_EQ(AkTemplate(), Bytes(in.messages(0).create_ak_request().ak_template().begin(),
+                                in.messages(0).create_ak_request().ak_template().end()));
+
+  clock_.now_us += manager_->Limits().timeout_us;  // not older than the timeout yet
+  Capture([&] { manager_->CleanupExpiredSessions(); });
+  EXPECT_EQ(1u, manager_->SessionCount());
+  clock_.now_us += 1;
+  Capture([&] { manager_->CleanupExpiredSessions(); });
+  EXPECT_EQ(0u, manager_->SessionCount());
+
+  Context next;
+  next.set_session_id(in.session_id());
+  next.add_messages()->mutable_activate_ak_response()->set_cert_info(std::string(34, '\0'));
+  ProcessResult r = Call(ek_pem_, next);
+  EXPECT_EQ(SessionResult::kUnknownSession, r.code);
+  EXPECT_NE(std::string::npos, last_log_.find("Invalid session ID: " + std::to_string(in.session_id())));
+  EXPECT_EQ(std::string::npos, last_log_.find("End session"));
+}
+
+TEST_F(ManualConversation, RequestsThatNameNoUsableSessionLeaveItAlive) {
+  ProcessResult first = Call(ek_pem_, std::nullopt);
+  ASSERT_EQ(SessionResult::kSuccess, first.code);
+  uint64_t id = Parse(first).session_id();
+
+  std::unique_ptr<Agent::HostTpm> other = Agent::MakeSoftwareHost();
+  Bytes other_ek;
+  std::string other_pem;
+  ASSERT_TRUE(other->EkPublic(&other_ek) && Agent::EkPublicPem(other_ek, &other_pem));
+
+  Context no_id;
+  no_id.add_messages();
+  Context no_messages;
+  no_messages.set_session_id(id);
+  Context one_message;
+  one_message.set_session_id(id);
+  one_message.add_messages()->mutable_activate_ak_response()->set_cert_info(std::string(34, '\0'));
+
+  const struct {
+    const char* name;
+    std::string ek;
+    std::optional<Context> context;
+    std::string raw;  // sent instead of |context| when not empty
+    SessionResult code;
+    const char* log;
+    bool session_survives;
+  } kCases[] = {
+      {"garbage context", ek_pem_, std::nullopt, "\xff\xff\xff", SessionResult::kInvalidInput,
+       "Invalid attestation context", true},
+      {"no session id", ek_pem_, no_id, "", SessionResult::kUnknownSession, "No session ID specified in context",
+       true},
+      {"another EK", other_pem, one_message, "", SessionResult::kInvalidInput, "Ek public key not valid for session",
+       true},
+      {"no messages", ek_pem_, no_messages, "", SessionResult::kInvalidInput, "Context specifies no messages", false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    ProcessResult r;
+    if (!c.raw.empty()) {
+      last_log_ = Capture([&] { r = manager_->ProcessRequest(c.ek, Bytes(c.raw.begin(), c.raw.end())); });
+    } else {
+      r = Call(c.ek, c.context);
+    }
+    EXPECT_EQ(c.code, r.code);
+    EXPECT_NE(std::string::npos, last_log_.find(c.log)) << last_log_;
+    EXPECT_EQ(c.session_survives ? 1u : 0u, manager_->SessionCount());
+  }
+}
+
+TEST_F(ManualConversation, IncompleteResponsesAreInvalidInput) {
+  Context create;
+  create.add_messages()->mutable_create_ak_response()->set_ek_public("x");
+  Context activate;
+  activate.add_messages()->mutable_activate_ak_response();
+  Context quote;
+  quote.add_messages()->mutable_quote_response()->set_quoted("q");
+  Context read;
+  auto* q = read.add_messages()->mutable_quote_response();
+  q->set_quoted("q");
+  q->set_signature("s");
+  q->add_pcr_read_results()->set_pcr_values("v");
+  Context log;
+  log.add_messages()->mutable_event_log_response()->set_event_log("l");
+  Context none;
+  none.add_messages()->mutable_event_log_request();
+
+  const struct {
+    const char* name;
+    Context context;
+    const char* log;
+  } kCases[] = {
+      {"create AK without AK", create, "Invalid create AK response message"},
+      {"activate without cert_info", activate, "Invalid activate AK response message"},
+      {"quote without signature", quote, "Invalid quote response message"},
+      {"PCR read without selection", read, "Invalid PCR read result message"},
+      {"event log without complete", log, "Invalid event log response message"},
+      {"a request, no response", none, "Message requires 1 supported type, contains: 0"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    ProcessResult first = Call(ek_pem_, std::nullopt);
+    ASSERT_EQ(SessionResult::kSuccess, first.code);
+    Context in = c.context;
+    in.set_session_id(Parse(first).session_id());
+    ProcessResult r = Call(ek_pem_, in);
+    EXPECT_EQ(SessionResult::kInvalidInput, r.code);
+    EXPECT_NE(std::string::npos, last_log_.find(c.log)) << last_log_;
+    EXPECT_NE(std::string::npos, last_log_.find("Failed attestation for session ID: "));
+    EXPECT_EQ(0u, manager_->SessionCount());
+  }
+}
+
+TEST_F(ManualConversation, TableFullRefusesAndGivesTheReferenceBack) {
+  SessionLimits limits;
+  limits.max_sessions = 2;
+  limits.max_sessions_per_ek = 20;
+  manager_ = std::make_unique<Attestation>(limits, clock_.Fn());
+  EXPECT_EQ(SessionResult::kSuccess, Call(ek_pem_, std::nullopt).code);
+  EXPECT_EQ(SessionResult::kSuccess, Call(ek_pem_, std::nullopt).code);
+  EXPECT_EQ(SessionResult::kInternalFailure, Call(ek_pem_, std::nullopt).code);
+  EXPECT_NE(std::string::npos, last_log_.find("Unable to allocate new session"));
+  EXPECT_EQ(std::optional<int32_t>(2), EkCount());
+}
+
+TEST(SessionLimits, OutOfRangeValuesFallBackToDefaults) {
+  const struct {
+    const char* key;
+    int64_t value;
+    int32_t max_sessions;
+    int32_t per_ek;
+    int64_t timeout_us;
+    const char* warning;  // null: accepted
+  } kCases[] = {
+      {"maxSessions", 99, 1000, 5, 300000000, "Invalid max sessions configured: 99"},
+      {"maxSessions", 100, 100, 5, 300000000, nullptr},
+      {"maxSessions", 10000, 10000, 5, 300000000, nullptr},
+      {"maxSessions", 10001, 1000, 5, 300000000, "Invalid max sessions configured: 10001"},
+      {"maxSessionsPerEk", 0, 1000, 5, 300000000, "Invalid max sessions per-EK configured: 0"},
+      {"maxSessionsPerEk", 20, 1000, 20, 300000000, nullptr},
+      {"maxSessionsPerEk", 21, 1000, 5, 300000000, "Invalid max sessions per-EK configured: 21"},
+      {"sessionTimeoutSeconds", 29, 1000, 5, 300000000, "Invalid session timeout configured: 29"},
+      {"sessionTimeoutSeconds", 30, 1000, 5, 30000000, nullptr},
+      {"sessionTimeoutSeconds", 1800, 1000, 5, 1800000000, nullptr},
+      {"sessionTimeoutSeconds", 1801, 1000, 5, 300000000, "Invalid session timeout configured: 1801"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.key) + "=" + std::to_string(c.value));
+    auto settings = Hearth::Service::CreateScratchConfig();
+    settings->SetInt(c.key, c.value);
+    SessionLimits limits;
+    std::string log = Capture([&] { limits = ReadSessionLimits(*settings); });
+    EXPECT_EQ(c.max_sessions, limits.max_sessions);
+    EXPECT_EQ(c.per_ek, limits.max_sessions_per_ek);
+    EXPECT_EQ(c.timeout_us, limits.timeout_us);
+    EXPECT_EQ(c.warning != nullptr, log.find("Invalid") != std::string::npos) << log;
+    if (c.warning != nullptr) {
+      EXPECT_NE(std::string::npos, log.find(c.warning)) << log;
+    }
+    EXPECT_NE(std::string::npos, log.find("Session timeout: " + std::to_string(c.timeout_us) + " us")) << log;
+  }
+}
+
+TEST(SessionStatistics, LineBeforeAnySessionIsAllZero) {
+  Attestation manager(SessionLimits{});
+  std::string log = Capture([&] { manager.LogStatistics(); });
+  EXPECT_NE(std::string::npos, log.find("TPM2 STATS: success=0 (0/0/0) failed=0 (0) timedout=0 peak=0")) << log;
+}
+
+}  // namespace
+}  // namespace Witnessd::Tpm2

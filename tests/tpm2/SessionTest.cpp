@@ -1,0 +1,378 @@
+// One session's steps against a software host's real AK, credential, quote
+// and event log; each case changes one thing the host sends.
+#include "tpm2/Session.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "platform/Log.h"
+#include "platform/ssl/SslUtils.h"
+#include "tools/BootLog.h"
+#include "tools/HostTpm.h"
+#include "tpm2/CredentialProtection.h"
+#include "verify/Tpm2Marshal.h"
+
+namespace Witnessd::Tpm2 {
+namespace {
+
+using Agent::BootEvent;
+using Agent::BootPlan;
+
+std::string Capture(const std::function<void()>& fn) {
+  testing::internal::CaptureStderr();
+  fn();
+  return testing::internal::GetCapturedStderr();
+}
+
+std::string Hex(const Bytes& b) {
+  std::string out;
+  char buf[3];
+  for (uint8_t c : b) {
+    snprintf(buf, sizeof(buf), "%02x", c);
+    out += buf;
+  }
+  return out;
+}
+
+class SessionTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    host_ = Agent::MakeSoftwareHost(/*reuse_ak=*/true);
+    ASSERT_TRUE(host_->EkPublic(&ek_public_));
+    std::string pem;
+    ASSERT_TRUE(Agent::EkPublicPem(ek_public_, &pem));
+    Orm::Common::SslUtils::CanonicalizePem(pem);
+    ASSERT_TRUE(Orm::Common::SslUtils::ComputeHash(pem, ek_digest_));
+    session_ = std::make_unique<Session>(ek_digest_, 0);
+  }
+
+  // Activate runs create-AK and activate-AK with the host's real answers.
+  void Activate() {
+    Bytes ak;
+    ASSERT_TRUE(host_->CreateAk(AkTemplate(), OutsideInfo(), &ak));
+    Bytes blob, secret, cert_info;
+    ASSERT_EQ(SessionResult::kSuccess, session_->SetAttestationKey(ak, ek_public_, blob, secret));
+    ASSERT_TRUE(host_->ActivateCredential(blob, secret, &cert_info));
+    ASSERT_EQ(SessionResult::kSuccess, session_->ActivateAttestationKey(cert_info));
+  }
+
+  // Quote measures |plan| into the host and returns its quote and PCR reads.
+  struct Quote {
+    Bytes quoted, signature;
+    std::vector<Bytes> selections, values;
+  };
+  Quote MeasureAndQuote(const BootPlan& plan) {
+    Quote q;
+    EXPECT_TRUE(Agent::MeasureBoot(host_.get(), plan, Agent::HypervisorBootEvents(plan)));
+    std::vector<Agent::PcrReadResult> reads;
+    EXPECT_TRUE(host_->Quote(session_->QuoteQualifyingData(), QuoteSigScheme(), RequiredPcrSelection(), &q.quoted,
+                             &q.signature));
+    EXPECT_TRUE(host_->ReadPcrs(RequiredPcrSelection(), &reads));
+    for (const auto& r : reads) {
+      q.selections.push_back(r.selection_out);
+      q.values.push_back(r.values);
+    }
+    return q;
+  }
+
+  static ExpectedMeasurements Expected(const BootPlan& plan) {
+    auto table = std::make_shared<Verify::PayloadChecksumTable>();
+    for (const char* name : {Agent::kKernelPayload, Agent::kSystemPayload, Agent::kSystemBootPayload,
+                             Agent::kUpdatePayload}) {
+      (*table)[name] = Hex(Agent::PayloadDigest(plan, name));
+    }
+    return {Hex(Agent::LaunchDigest(plan)), table};
+  }
+
+  std::unique_ptr<Agent::HostTpm> host_;
+  Bytes ek_public_;
+  Bytes ek_digest_;
+  std::unique_ptr<Session> session_;
+};
+
+TEST_F(SessionTest, WholeConversationInEitherOrder) {
+  for (bool log_first : {false, true}) {
+    for (bool txt : {false, true}) {
+      SCOPED_TRACE(std::string(log_first ? "log first" : "quote first") + (txt ? ", TXT" : ""));
+      session_ = std::make_unique<Session>(ek_digest_, 0);
+      BootPlan plan;
+      plan.txt = txt;
+      Activate();
+      Quote q = MeasureAndQuote(plan);
+      Bytes log = Agent::WriteEventLog(Agent::HypervisorBootEvents(plan));
+      Capture([&] {
+        if (log_first) {
+          EXPECT_EQ(SessionResult::kSuccess, session_->SetEventLog(log, true));
+          EXPECT_EQ(SessionState::kEventLogReceived, session_->State());
+          EXPECT_EQ(SessionResult::kSuccess, session_->SetQuote(q.quoted, q.signature, q.selections, q.values));
+        } else {
+          EXPECT_EQ(SessionResult::kSuccess, session_->SetQuote(q.quoted, q.signature, q.selections, q.values));
+          EXPECT_EQ(SessionState::kQuoteReceived, session_->State());
+          EXPECT_EQ(SessionResult::kSuccess, session_->SetEventLog(log, true));
+        }
+      });
+      EXPECT_EQ(SessionState::kReadyForAttestation, session_->State());
+      EXPECT_EQ(Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)), session_->HvkernelDigest());
+      std::string out = Capture([&] { EXPECT_EQ(SessionResult::kSuccess, session_->Attest(Expected(plan))); });
+      EXPECT_EQ(SessionState::kAttested, session_->State()) << out;
+      std::vector<std::string> want = {"secure_boot"};
+      if (txt) {
+        want = {"secure_boot", "txt", "drtm"};
+      }
+      EXPECT_EQ(want, session_->AttestedProperties());
+    }
+  }
+}
+
+TEST_F(SessionTest, StepsOutOfStateAreRefusedAndChangeNothing) {
+  Bytes none;
+  Bytes blob, secret;
+  std::vector<Bytes> one = {Bytes{1}};
+  const struct {
+    const char* name;
+    bool activated;
+    std::function<SessionResult(Session&)> step;
+    const char* log;
+  } kCases[] = {
+      {"activate before create", false, [&](Session& s) { return s.ActivateAttestationKey(none); },
+       "Session AK not awaiting activation: 0"},
+      {"quote before activation", false, [&](Session& s) { return s.SetQuote(none, none, one, one); },
+       "Session not ready for quote data: 0"},
+      {"event log before activation", false, [&](Session& s) { return s.SetEventLog(none, true); },
+       "Session not ready for event log: 0"},
+      {"attest before anything", false, [&](Session& s) { return s.Attest({}); },
+       "Session not ready for attestation: 0"},
+      {"second create", true, [&](Session& s) { return s.SetAttestationKey(none, none, blob, secret); },
+       "Session state is not initialized: 2"},
+      {"second activate", true, [&](Session& s) { return s.ActivateAttestationKey(none); },
+       "Session AK not awaiting activation: 2"},
+      {"attest without quote", true, [&](Session& s) { return s.Attest({}); }, "Session not ready for attestation: 2"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    session_ = std::make_unique<Session>(ek_digest_, 0);
+    if (c.activated) {
+      Activate();
+    }
+    SessionState before = session_->State();
+    SessionResult code;
+    std::string log = Capture([&] { code = c.step(*session_); });
+    EXPECT_EQ(SessionResult::kInvalidState, code);
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+    EXPECT_EQ(before, session_->State());
+  }
+}
+
+TEST_F(SessionTest, CreateAkRefusesKeysOtherThanTheSessionsEkAndTheTemplate) {
+  Bytes ak;
+  ASSERT_TRUE(host_->CreateAk(AkTemplate(), OutsideInfo(), &ak));
+  Bytes other_ek;
+  ASSERT_TRUE(Agent::MakeSoftwareHost()->EkPublic(&other_ek));
+  Bytes signing_ek = ek_public_;
+  signing_ek[7] |= 0x04;  // objectAttributes byte 3: sign (bit 18)
+  Bytes decrypting_ak = ak;
+  decrypting_ak[7] |= 0x02;  // decrypt (bit 17)
+  const struct {
+    const char* name;
+    Bytes ak, ek;
+    const char* log;
+  } kCases[] = {
+      {"AK truncated", Bytes(ak.begin(), ak.end() - 1), ek_public_, "Failed to extract AK public key"},
+      {"AK may decrypt", decrypting_ak, ek_public_, "AK public key object attributes value does not match"},
+      {"EK truncated", ak, Bytes(ek_public_.begin(), ek_public_.begin() + 10), "Failed to extract EK public key"},
+      {"another TPM's EK", ak, other_ek, "EK public key digest does not match"},
+      {"EK may sign", ak, signing_ek, "Failed to verify EK public key"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Bytes blob, secret;
+    SessionResult code;
+    std::string log = Capture([&] { code = session_->SetAttestationKey(c.ak, c.ek, blob, secret); });
+    EXPECT_EQ(SessionResult::kInvalidInput, code);
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+    EXPECT_EQ(SessionState::kInitialized, session_->State());
+  }
+}
+
+TEST_F(SessionTest, ActivationNeedsExactlyTheSecret) {
+  Bytes ak, blob, secret, cert_info;
+  ASSERT_TRUE(host_->CreateAk(AkTemplate(), OutsideInfo(), &ak));
+  ASSERT_EQ(SessionResult::kSuccess, session_->SetAttestationKey(ak, ek_public_, blob, secret));
+  ASSERT_TRUE(host_->ActivateCredential(blob, secret, &cert_info));
+  ASSERT_EQ(34u, cert_info.size());
+  Bytes longer = cert_info;  // the secret with one more byte
+  longer[1]++;
+  longer.push_back(0);
+  Bytes flipped = cert_info;
+  flipped.back() ^= 1;
+  const struct {
+    const char* name;
+    Bytes cert_info;
+    const char* log;
+  } kCases[] = {
+      {"one byte longer", longer, "Failed to verify credential"},
+      {"one bit changed", flipped, "Failed to verify credential"},
+      {"truncated", Bytes(cert_info.begin(), cert_info.end() - 1), "Failed to extract AK credential"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    SessionResult code;
+    std::string log = Capture([&] { code = session_->ActivateAttestationKey(c.cert_info); });
+    EXPECT_EQ(SessionResult::kInvalidInput, code);
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+  }
+  EXPECT_EQ(SessionResult::kSuccess, session_->ActivateAttestationKey(cert_info));
+}
+
+TEST_F(SessionTest, QuoteNeedsOneValueListPerSelection) {
+  // Checked before the state: a fresh session answers invalid input, not
+  // invalid state.
+  Bytes x = {1};
+  std::string log;
+  log = Capture([&] { EXPECT_EQ(SessionResult::kInvalidInput, session_->SetQuote(x, x, {x, x}, {x})); });
+  EXPECT_NE(std::string::npos, log.find("Invalid PCR selection data"));
+  log = Capture([&] { EXPECT_EQ(SessionResult::kInvalidInput, session_->SetQuote(x, x, {}, {})); });
+  EXPECT_NE(std::string::npos, log.find("Invalid PCR selection data"));
+}
+
+// The Hvkernel digest is the SHA-256 of the first boot-module tag "k.b00" in
+// the kernel PCR: 12, or 19 after a TXT launch.
+TEST_F(SessionTest, KernelDigestSearch) {
+  Bytes kernel(32, 0x11);
+  Bytes later(32, 0x22);
+  auto tag = [](uint32_t pcr, uint32_t id, const std::string& text, const Bytes& digest) {
+    return BootEvent{pcr, Agent::kEvEventTag, digest, Agent::TaggedEventData(id, text)};
+  };
+  BootEvent txt = tag(17, Agent::kTagModule, "b", Bytes(32, 0x33));
+  Log_SetMaxLevel(kLogVerbose);  // for the "TXT Enabled" line
+  const struct {
+    const char* name;
+    std::vector<BootEvent> events;
+    bool txt;
+    std::string digest;  // empty: not found
+  } kCases[] = {
+      {"kernel in PCR 12", {tag(12, 2, "k.b00", kernel)}, false, Hex(kernel)},
+      {"first of two wins", {tag(12, 2, "k.b00", kernel), tag(12, 2, "k.b00", later)}, false, Hex(kernel)},
+      {"kernel in PCR 19 after TXT", {txt, tag(19, 2, "k.b00", kernel)}, true, Hex(kernel)},
+      {"TXT moves the search off PCR 12", {txt, tag(12, 2, "k.b00", kernel)}, true, ""},
+      {"kernel in PCR 19 without TXT", {tag(19, 2, "k.b00", kernel)}, false, ""},
+      {"one character more", {tag(12, 2, "k.b00x", kernel), tag(12, 2, "k.b00", later)}, false, Hex(later)},
+      {"shorter text", {tag(12, 2, "k.b0", kernel)}, false, ""},
+      {"setting tag id", {tag(12, Agent::kTagSetting, "k.b00", kernel)}, false, ""},
+      {"TXT tag in the wrong PCR", {tag(18, 2, "b", kernel), tag(12, 2, "k.b00", later)}, false, Hex(later)},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    session_ = std::make_unique<Session>(ek_digest_, 0);
+    Activate();
+    SessionResult code;
+    std::string log = Capture([&] { code = session_->SetEventLog(Agent::WriteEventLog(c.events), true); });
+    EXPECT_NE(std::string::npos, log.find(c.txt ? "TXT Enabled: 1" : "TXT Enabled: 0")) << log;
+    if (c.digest.empty()) {
+      EXPECT_EQ(SessionResult::kUnknownSoftware, code);
+      EXPECT_NE(std::string::npos, log.find("Failed to find Hvkernel SHA-256 digest in event log"));
+      EXPECT_EQ(SessionState::kAkActivated, session_->State());
+    } else {
+      EXPECT_EQ(SessionResult::kSuccess, code) << log;
+      EXPECT_EQ(c.digest, session_->HvkernelDigest());
+    }
+  }
+  Log_SetMaxLevel(kLogInfo);
+}
+
+TEST_F(SessionTest, UnparsableEventLogIsInvalidInput) {
+  Activate();
+  Bytes log = Agent::WriteEventLog(Agent::HypervisorBootEvents(BootPlan{}));
+  log.pop_back();
+  std::string out = Capture([&] { EXPECT_EQ(SessionResult::kInvalidInput, session_->SetEventLog(log, true)); });
+  EXPECT_NE(std::string::npos, out.find("Failed to parse event log data"));
+}
+
+// PCR reads that a quote-signing TPM would never return fail before the
+// quote is checked.
+TEST_F(SessionTest, PcrReadsMustBeSingleSha256Selections) {
+  using namespace Verify;
+  auto selection = [](std::vector<std::pair<uint16_t, std::vector<uint8_t>>> sels) {
+    TPML_PCR_SELECTION s = {};
+    s.count = static_cast<uint32_t>(sels.size());
+    for (size_t i = 0; i < sels.size(); i++) {
+      s.pcrSelections[i].hash = sels[i].first;
+      s.pcrSelections[i].sizeofSelect = static_cast<uint8_t>(sels[i].second.size());
+      std::copy(sels[i].second.begin(), sels[i].second.end(), s.pcrSelections[i].pcrSelect);
+    }
+    uint8_t buf[128];
+    uint32_t len = Tpm2_Marshal_TPML_PCR_SELECTION(&s, buf, sizeof(buf));
+    return Bytes(buf, buf + len);
+  };
+  const struct {
+    const char* name;
+    Bytes selection;
+    const char* log;
+  } kCases[] = {
+      {"SHA-1 bank", selection({{kTpmAlgSha1, {0, 0xff, 0}}}), "Expected PCR hash algorithm 11 but found 4"},
+      {"two selections", selection({{kTpmAlgSha256, {0, 0xff, 0}}, {kTpmAlgSha256, {0, 0, 0x7e}}}),
+       "Expected one PCR selection but found 2"},
+      {"PCR beyond 23", selection({{kTpmAlgSha256, {0, 0, 0, 1}}}), "Expected PCR index below 24 but found 24"},
+      {"undecodable", Bytes{0, 0, 0, 1, 0}, "Failed to extract PCR selections"},
+  };
+  BootPlan plan;
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    session_ = std::make_unique<Session>(ek_digest_, 0);
+    Activate();
+    Quote q = MeasureAndQuote(plan);
+    q.selections[0] = c.selection;
+    std::string log = Capture([&] {
+      ASSERT_EQ(SessionResult::kSuccess, session_->SetQuote(q.quoted, q.signature, q.selections, q.values));
+      ASSERT_EQ(SessionResult::kSuccess,
+                session_->SetEventLog(Agent::WriteEventLog(Agent::HypervisorBootEvents(plan)), true));
+      EXPECT_EQ(SessionResult::kInvalidInput, session_->Attest(Expected(plan)));
+    });
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+    EXPECT_NE(std::string::npos, log.find("Failed to extract PCR digests")) << log;
+    EXPECT_EQ(SessionState::kReadyForAttestation, session_->State());
+  }
+}
+
+// What a failed check of the quote or the log is reported as.
+TEST_F(SessionTest, VerificationFailuresMapToCodes) {
+  BootPlan plan;
+  BootPlan other_kernel;
+  other_kernel.payload_digests[Agent::kSystemPayload] = Bytes(32, 0x5a);
+  const struct {
+    const char* name;
+    std::function<void(Quote&)> change_quote;
+    BootPlan expected_plan;
+    bool complete;
+    SessionResult code;
+    const char* log;
+  } kCases[] = {
+      {"quote signature broken", [](Quote& q) { q.signature.back() ^= 1; }, plan, true,
+       SessionResult::kVerificationFailed, "Quote validation failed for session"},
+      {"quote undecodable", [](Quote& q) { q.quoted.resize(4); }, plan, true, SessionResult::kInvalidInput,
+       "Quote validation failed for session"},
+      {"payload not trusted", [](Quote&) {}, other_kernel, true, SessionResult::kVerificationFailed,
+       "Event validation failed for session"},
+      {"same, log not complete", [](Quote&) {}, other_kernel, false, SessionResult::kIncompleteEventLog,
+       "Event validation failed for session"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    session_ = std::make_unique<Session>(ek_digest_, 0);
+    Activate();
+    Quote q = MeasureAndQuote(plan);
+    c.change_quote(q);
+    std::string log = Capture([&] {
+      ASSERT_EQ(SessionResult::kSuccess, session_->SetQuote(q.quoted, q.signature, q.selections, q.values));
+      ASSERT_EQ(SessionResult::kSuccess,
+                session_->SetEventLog(Agent::WriteEventLog(Agent::HypervisorBootEvents(plan)), c.complete));
+      EXPECT_EQ(c.code, session_->Attest(Expected(c.expected_plan)));
+    });
+    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
+  }
+}
+
+}  // namespace
+}  // namespace Witnessd::Tpm2

@@ -1,0 +1,363 @@
+// Attestation over the real API: a running daemon, a real swtpm as the
+// attested host's TPM driven by the test agent, a base image imported from a
+// signed image database whose checksums are what the agent measures.
+#include <gtest/gtest.h>
+#include <jwt.h>
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "config/SigningKey.h"
+#include "config/tpm2/CaCertificates.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "platform/System.h"
+#include "platform/configstore/ConfigStore.h"
+#include "tests/support/ApiClient.h"
+#include "tests/support/DaemonProcess.h"
+#include "tests/support/SwtpmProcess.h"
+#include "tests/trusted/ImgdbFixture.h"
+#include "tools/Agent.h"
+
+namespace Witnessd::Testing {
+namespace {
+
+using Agent::Fault;
+using Config::ConfigResult;
+
+constexpr const char* kServing = "HTTP endpoint listening on TCP port";
+constexpr const char* kReport = "com.quarro.hyv.attestation.report";
+constexpr const char* kBaseImages = "com.quarro.hyv.attestation.os.hyv.base_images";
+constexpr const char* kVersion = "8.0.1-12345";
+constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
+
+std::string Hex(const std::vector<uint8_t>& b) {
+  std::string out;
+  char buf[3];
+  for (uint8_t c : b) {
+    snprintf(buf, sizeof(buf), "%02x", c);
+    out += buf;
+  }
+  return out;
+}
+
+// What the administrator declared, written into the daemon's store before
+// it starts.
+struct TrustConfig {
+  bool require_eks = true;
+  bool require_validation = false;
+  bool configure_ek = true;
+  bool configure_cas = false;
+};
+
+class ReportService : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    swtpm_ = new SwtpmProcess();
+    ASSERT_TRUE(swtpm_->Setup()) << swtpm_->SetupLog();
+    ASSERT_TRUE(swtpm_->Start()) << swtpm_->SetupLog();
+  }
+  static void TearDownTestSuite() {
+    delete swtpm_;
+    swtpm_ = nullptr;
+  }
+
+  void SetUp() override {
+    ASSERT_NE(nullptr, swtpm_);
+    std::string error;
+    tpm_ = Agent::OpenSwtpmHost(swtpm_->Port(), &error);
+    ASSERT_NE(nullptr, tpm_) << error;
+    std::vector<uint8_t> ek;
+    ASSERT_TRUE(tpm_->EkPublic(&ek));
+    ASSERT_TRUE(Agent::EkPublicPem(ek, &ek_pem_));
+    sysroot_ = MakeTempDir("witnessd-report");
+    PrepareSysroot(sysroot_);
+    token_ = InstallTrustedIssuer(sysroot_);
+    imgdb_ = std::make_unique<ImgdbFixture>(sysroot_);
+  }
+
+  void TearDown() override {
+    admin_.reset();
+    daemon_.reset();
+    std::filesystem::remove_all(sysroot_);
+  }
+
+  // Configure writes |trust| into the daemon's store, with the daemon stopped.
+  void Configure(const TrustConfig& trust) {
+    admin_.reset();
+    daemon_.reset();
+    setenv("WITNESSD_SYSROOT", sysroot_.c_str(), 1);
+    HyvConfig::ConfigStore::Reset();
+    Config::InitConfigLocks();
+    Config::Tpm2::ResetTpm2ConfigForTesting();
+    EXPECT_EQ(ConfigResult::kConfigOk,
+              Config::Tpm2::UpdateTpm2Settings(trust.require_eks, trust.require_validation));
+    std::vector<std::string> names;
+    Config::Tpm2::ListEndorsementKeys(names);
+    for (const std::string& name : names) {
+      Config::Tpm2::DeleteEndorsementKey(name);
+    }
+    if (trust.configure_ek) {
+      EXPECT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("swtpm", ek_pem_));
+    }
+    Config::Tpm2::ListCaCertificates(names);
+    for (const std::string& name : names) {
+      Config::Tpm2::DeleteCaCertificates(name);
+    }
+    if (trust.configure_cas) {
+      EXPECT_EQ(ConfigResult::kConfigOk,
+                Config::Tpm2::AddCaCertificates("swtpm-localca", {swtpm_->RootCaPem(), swtpm_->IssuerCaPem()}));
+    }
+    HyvConfig::ConfigStore::Reset();
+    unsetenv("WITNESSD_SYSROOT");
+  }
+
+  void StartDaemon() {
+    daemon_ = std::make_unique<DaemonProcess>(sysroot_, FreePort());
+    ASSERT_TRUE(daemon_->Start());
+    ASSERT_TRUE(daemon_->WaitForLog(kServing)) << daemon_->Log();
+    admin_ = std::make_unique<ApiClient>(daemon_->Port(), token_);
+  }
+
+  // ImportImage imports a base image whose payloads are what |plan| measures.
+  void ImportImage(const Agent::BootPlan& plan) {
+    std::string flags = "--kernel-digest " + Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)) +
+                        " --mle-digest " + Hex(Agent::LaunchDigest(plan));
+    const char* payloads[][2] = {{"kb", Agent::kKernelPayload},
+                                 {"sv", Agent::kSystemPayload},
+                                 {"sb", Agent::kSystemBootPayload},
+                                 {"hu", Agent::kUpdatePayload}};
+    for (const auto& p : payloads) {
+      flags += std::string(" --payload ") + p[0] + ":" + p[1] + ":" + Hex(Agent::PayloadDigest(plan, p[1]));
+    }
+    ApiReply r = admin_->Invoke(kBaseImages, "import", {{"imgdb", ApiClient::Base64(imgdb_->Make(flags))}});
+    ASSERT_TRUE(r.ok) << r.raw << daemon_->Log();
+  }
+
+  // Ready configures, starts the daemon and imports the image once; the
+  // store keeps it across restarts.
+  void Ready(const TrustConfig& trust) {
+    Configure(trust);
+    StartDaemon();
+    if (!imported_) {
+      ImportImage(Agent::BootPlan{});
+      imported_ = true;
+    }
+  }
+
+  Agent::AttestResult Attest(const Agent::AttestOptions& options) {
+    return Agent::Attest(tpm_.get(), "127.0.0.1", daemon_->Port(), options);
+  }
+
+  // SigningCertificate reads the report-signing certificate the daemon made.
+  std::string SigningCertificate() {
+    setenv("WITNESSD_SYSROOT", sysroot_.c_str(), 1);
+    HyvConfig::ConfigStore::Reset();
+    std::string cert;
+    EXPECT_TRUE(Config::ReadConfigValue(Config::kKeyCertificate, Config::kComponent, Config::kGroup, "certificate",
+                                        cert));
+    HyvConfig::ConfigStore::Reset();
+    unsetenv("WITNESSD_SYSROOT");
+    return cert;
+  }
+
+  static SwtpmProcess* swtpm_;
+  std::unique_ptr<Agent::HostTpm> tpm_;
+  std::string ek_pem_;
+  std::string sysroot_;
+  std::string token_;
+  std::unique_ptr<ImgdbFixture> imgdb_;
+  std::unique_ptr<DaemonProcess> daemon_;
+  std::unique_ptr<ApiClient> admin_;
+  bool imported_ = false;
+};
+
+SwtpmProcess* ReportService::swtpm_ = nullptr;
+
+// Decode verifies |token| with the public key of |cert_pem|; null when the
+// signature does not verify.
+std::shared_ptr<jwt_t> Decode(const std::string& token, const std::string& cert_pem) {
+  std::unique_ptr<BIO, decltype(&BIO_free)> in(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())),
+                                              BIO_free);
+  std::unique_ptr<X509, decltype(&X509_free)> cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr), X509_free);
+  if (cert == nullptr) {
+    return nullptr;
+  }
+  std::unique_ptr<BIO, decltype(&BIO_free_all)> out(BIO_new(BIO_s_mem()), BIO_free_all);
+  PEM_write_bio_PUBKEY(out.get(), X509_get0_pubkey(cert.get()));
+  char* key = nullptr;
+  long len = BIO_get_mem_data(out.get(), &key);
+  jwt_t* jwt = nullptr;
+  if (jwt_decode(&jwt, token.c_str(), reinterpret_cast<unsigned char*>(key), static_cast<int>(len)) != 0) {
+    return nullptr;
+  }
+  return std::shared_ptr<jwt_t>(jwt, jwt_free);
+}
+
+TEST_F(ReportService, SwtpmHostAttestsAndGetsVerifiableTokens) {
+  const struct {
+    const char* name;
+    TrustConfig trust;
+    bool use_certificate;
+    bool txt;
+    std::vector<std::string> types;
+    const char* properties;
+  } kCases[] = {
+      {"EK public key, no TXT", {true, false, true, false}, false, false, {"KMS_AUTH_JWT"}, R"(["secure_boot"])"},
+      {"EK certificate through the CA chain, TXT, both documents",
+       {true, true, true, true}, true, true, {"KMS_AUTH_JWT", "REPORTING_JWT"}, R"(["secure_boot","txt","drtm"])"},
+      {"EK certificate, chain only", {false, true, false, true}, true, false, {"REPORTING_JWT"},
+       R"(["secure_boot"])"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Ready(c.trust);
+    Agent::AttestOptions options;
+    options.use_certificate = c.use_certificate;
+    options.boot.txt = c.txt;
+    options.document_types = c.types;
+    Agent::AttestResult r = Attest(options);
+    ASSERT_TRUE(r.ok) << r.failure << r.error_id << daemon_->Log();
+    ASSERT_EQ(c.types.size(), r.documents.size());
+    std::string cert = SigningCertificate();
+    for (size_t i = 0; i < c.types.size(); i++) {
+      EXPECT_EQ(c.types[i], r.documents[i].first);
+      auto jwt = Decode(r.documents[i].second, cert);
+      ASSERT_NE(nullptr, jwt) << "token does not verify with the report-signing certificate";
+      EXPECT_STREQ("hyv", jwt_get_grant(jwt.get(), "os"));
+      EXPECT_STREQ(kVersion, jwt_get_grant(jwt.get(), "os_version"));
+      std::unique_ptr<char, decltype(&free)> props(jwt_get_grants_json(jwt.get(), "attested_properties"), free);
+      ASSERT_NE(nullptr, props);
+      EXPECT_STREQ(c.properties, props.get());
+      EXPECT_EQ(c.types[i] == "KMS_AUTH_JWT", jwt_get_grant(jwt.get(), "aud") != nullptr);
+    }
+    EXPECT_EQ(1, daemon_->CountInLog("Attestation complete for session ID " + std::to_string(r.session_id) +
+                                     " with HYV version " + kVersion));
+    // The attested image now shows when it was last attested.
+    ApiReply listed = admin_->Invoke(kBaseImages, "list");
+    ASSERT_TRUE(listed.ok) << listed.raw;
+    ASSERT_EQ(1u, listed.output.size());
+    ASSERT_TRUE(listed.output[0]["last_attested_time"].is_string()) << listed.raw;
+    EXPECT_EQ(20u, listed.output[0]["last_attested_time"].get<std::string>().size());
+  }
+}
+
+// Each report error, provoked by what a real TPM's host sends.
+TEST_F(ReportService, EachReportErrorForReal) {
+  const struct {
+    const char* name;
+    TrustConfig trust;
+    bool use_certificate;
+    Fault fault;
+    bool secure_boot;
+    bool log_complete;
+    bool other_kernel;
+    const char* error_type;
+    const char* error;
+  } kCases[] = {
+      {"unknown TPM", {true, false, false, false}, false, Fault::kNone, true, true, false, "ERROR", "unknown_tpm"},
+      {"untrusted TPM CA", {false, true, false, false}, true, Fault::kNone, true, true, false, "ERROR",
+       "unknown_tpm_ca"},
+      {"certificate required", {true, true, true, true}, false, Fault::kNone, true, true, false, "ERROR",
+       "tpm_cert_required"},
+      {"messages out of order", {}, false, Fault::kOutOfOrder, true, true, false, "ERROR", "attest_invalid_state"},
+      {"tampered AK", {}, false, Fault::kTamperedAk, true, true, false, "ERROR", "attest_invalid_input"},
+      {"wrong credential", {}, false, Fault::kWrongCredential, true, true, false, "ERROR", "attest_invalid_input"},
+      {"no secure boot", {}, false, Fault::kNone, false, true, false, "ERROR", "attest_no_secure_boot"},
+      {"PCR extended after the log", {}, false, Fault::kPcrAfterLog, true, true, false, "ERROR",
+       "attest_verify_failed"},
+      {"same, log not complete", {}, false, Fault::kPcrAfterLog, true, false, false, "ERROR", "attest_incomplete"},
+      {"unknown software", {}, false, Fault::kNone, true, true, true, "ERROR", "attest_unknown_software"},
+      {"made-up session", {}, false, Fault::kUnknownSession, true, true, false, "ERROR", "attest_unknown_session"},
+  };
+  TrustConfig last;
+  bool started = false;
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    bool same = started && last.require_eks == c.trust.require_eks &&
+                last.require_validation == c.trust.require_validation &&
+                last.configure_ek == c.trust.configure_ek && last.configure_cas == c.trust.configure_cas;
+    if (!same) {
+      Ready(c.trust);
+      last = c.trust;
+      started = true;
+    }
+    Agent::AttestOptions options;
+    options.use_certificate = c.use_certificate;
+    options.fault = c.fault;
+    options.boot.secure_boot = c.secure_boot;
+    options.log_complete = c.log_complete;
+    if (c.other_kernel) {
+      options.boot.payload_digests[Agent::kKernelPayload] = std::vector<uint8_t>(32, 0x42);
+    }
+    Agent::AttestResult r = Attest(options);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ("", r.failure);
+    EXPECT_EQ(c.error_type, r.error_type);
+    EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id);
+  }
+  // The daemon went on serving through all of them.
+  Agent::AttestResult r = Attest({});
+  EXPECT_TRUE(r.ok) << r.failure << r.error_id;
+}
+
+TEST_F(ReportService, SixthConcurrentSessionOfOneTpmIsRefused) {
+  Ready({});
+  Agent::AttestOptions hold;
+  hold.max_turns = 1;
+  for (int i = 0; i < 5; i++) {
+    Agent::AttestResult r = Attest(hold);
+    ASSERT_EQ("", r.error_id) << r.failure;
+  }
+  Agent::AttestResult sixth = Attest(hold);
+  EXPECT_EQ(std::string(kReportErrors) + "attest_session_limit", sixth.error_id);
+}
+
+TEST_F(ReportService, RequestChecksComeBeforeTheEk) {
+  Ready({});
+  ApiClient anonymous(daemon_->Port(), "");
+  auto request = [&](nlohmann::json types, nlohmann::json ek, nlohmann::json contexts = nlohmann::json::array(),
+                     std::string type = "TPM2") {
+    return nlohmann::json{
+        {"request", {{"type", type}, {"tpm2", {{"document_types", types}, {"contexts", contexts}, {"ek", ek}}}}}};
+  };
+  nlohmann::json key = {{"public_key", ek_pem_}};
+  const struct {
+    const char* name;
+    nlohmann::json input;
+    const char* error_type;
+    const char* message;  // empty: none
+  } kCases[] = {
+      {"three document types", request({"KMS_AUTH_JWT", "KMS_AUTH_JWT", "REPORTING_JWT"}, nlohmann::json::object()),
+       "INVALID_ARGUMENT", ""},
+      {"no document type", request(nlohmann::json::array(), key), "INVALID_ARGUMENT", ""},
+      {"two contexts", request({"KMS_AUTH_JWT"}, key, {"AA==", "AA=="}), "INVALID_ARGUMENT", ""},
+      {"unknown document type", request({"PDF"}, key), "INVALID_ARGUMENT",
+       "com.quarro.hyv.attestation.report.invalid_doctype"},
+      {"no EK", request({"KMS_AUTH_JWT"}, nlohmann::json::object()), "INVALID_ARGUMENT", ""},
+      {"both EK forms", request({"KMS_AUTH_JWT"}, {{"public_key", ek_pem_}, {"certificate", ek_pem_}}),
+       "INVALID_ARGUMENT", ""},
+      {"EK not a key", request({"KMS_AUTH_JWT"}, {{"public_key", "not a PEM"}}), "INVALID_ARGUMENT", ""},
+      {"unsupported request type", request({"KMS_AUTH_JWT"}, key, nlohmann::json::array(), "TPM1"),
+       "INVALID_ARGUMENT", ""},
+      {"garbage context", request({"KMS_AUTH_JWT"}, key, {"////"}), "ERROR",
+       "com.quarro.hyv.attestation.report.attest_invalid_input"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    ApiReply r = anonymous.Invoke(kReport, "create", c.input);
+    EXPECT_FALSE(r.ok) << r.raw;
+    EXPECT_EQ(c.error_type, r.error_type) << r.raw;
+    if (*c.message != '\0') {
+      EXPECT_TRUE(r.HasMessage(c.message)) << r.raw;
+    }
+  }
+  EXPECT_EQ(1, daemon_->CountInLog("Unsupported number of document types specified: 3"));
+}
+
+}  // namespace
+}  // namespace Witnessd::Testing

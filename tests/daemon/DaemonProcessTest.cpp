@@ -168,6 +168,9 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
       {"unknown level", "<config><log><level>chatty</level></log></config>", "chatty"},
       {"no I/O threads", "<config><hearth><threadPool><ioThreads>0</ioThreads></threadPool></hearth></config>",
        "ioThreads"},
+      {"session limit not a number", "<config><maxSessions>many</maxSessions></config>", "maxSessions"},
+      {"token validity not a number", "<config><tokenValiditySeconds>1h</tokenValiditySeconds></config>",
+       "tokenValiditySeconds"},
   };
   for (const auto& tc : kCases) {
     SCOPED_TRACE(tc.name);
@@ -184,6 +187,19 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
     EXPECT_EQ(0, d.CountInLog("Exiting with status")) << log;
     EXPECT_FALSE(CanConnect(AF_INET, port));
   }
+}
+
+TEST_F(Daemon, SessionLimitsOutOfRangeFallBackAndTheDaemonServes) {
+  WriteSettings("<config><maxSessions>99</maxSessions><sessionTimeoutSeconds>1800</sessionTimeoutSeconds></config>");
+  DaemonProcess d(sysroot_, FreePort());
+  ASSERT_TRUE(d.Start());
+  ASSERT_TRUE(d.WaitForLog("HTTP endpoint listening on TCP port")) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("Invalid max sessions configured: 99")) << d.Log();
+  EXPECT_EQ(1, d.CountInLog("Max sessions: 1000"));
+  EXPECT_EQ(1, d.CountInLog("Max sessions per-EK: 5"));
+  EXPECT_EQ(1, d.CountInLog("Session timeout: 1800000000 us"));
+  d.Signal(SIGTERM);
+  EXPECT_EQ(0, d.WaitExit());
 }
 
 TEST_F(Daemon, BadPortVariableTakesTheErrorExit) {

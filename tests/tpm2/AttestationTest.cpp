@@ -20,6 +20,7 @@
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/tpm2/InProcessReport.h"
 #include "tools/Agent.h"
 #include "tpm2/Attestation.h"
 #include "tpm2/CredentialProtection.h"
@@ -36,15 +37,7 @@ using Config::ConfigResult;
 constexpr const char* kVersion = "8.0.1-4242";
 constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
 
-std::string Hex(const Bytes& b) {
-  std::string out;
-  char buf[3];
-  for (uint8_t c : b) {
-    snprintf(buf, sizeof(buf), "%02x", c);
-    out += buf;
-  }
-  return out;
-}
+using Testing::Hex;
 
 std::string Capture(const std::function<void()>& fn) {
   testing::internal::CaptureStderr();
@@ -75,76 +68,13 @@ class AttestationTest : public Testing::StoreFixture {
     ASSERT_TRUE(host_->EkPublic(&ek_public));
     ASSERT_TRUE(Agent::EkPublicPem(ek_public, &ek_pem_));
     ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("ek1", ek_pem_));
-    PutBaseImage(Agent::BootPlan{});
+    ASSERT_TRUE(Testing::PutBaseImage(Agent::BootPlan{}, kVersion));
     manager_ = std::make_unique<Attestation>(SessionLimits{}, clock_.Fn());
     report_ = std::make_unique<ReportImpl>(manager_.get());
   }
 
-  // PutBaseImage stores a base image whose payloads are what |plan| measures.
-  void PutBaseImage(const Agent::BootPlan& plan, const std::string& version = kVersion) {
-    using namespace Config::OsHyv;
-    PakEntry base{"hyv-base", version, "Quarro", "bootbank", "base", {}};
-    base.payloads.push_back(
-        {"k", "k.b00", {{Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)), "sha-256", "gunzip"}}});
-    base.payloads.push_back({"b", "b.b00", {{Hex(Agent::LaunchDigest(plan)), "sha-256", "txt-mle"}}});
-    for (const char* name : {Agent::kSystemPayload, Agent::kSystemBootPayload, Agent::kUpdatePayload}) {
-      base.payloads.push_back({name, name, {{Hex(Agent::PayloadDigest(plan, name)), "sha-256", "gunzip"}}});
-    }
-    HyvConfig::ConfigStoreObject image(Config::MakeId(Config::kKeyBaseImages, version));
-    image.SetValue("version", version);
-    ASSERT_TRUE(AddPakToBaseImage(image, base));
-    int status = 0;
-    Store()->SetObject(image, status);
-    ClearBaseImageCache();
-  }
-
-  // Transport calls the Report service directly, as the provider would.
-  Agent::ReportTransport Transport() {
-    return [this](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
-      ReportSvc::Request request;
-      request.type = ReportSvc::RequestType::kTpm2;
-      ReportSvc::Tpm tpm;
-      for (const std::string& t : call.document_types) {
-        tpm.document_types.push_back(t == "KMS_AUTH_JWT"    ? ReportSvc::DocumentType::kKmsAuthJwt
-                                     : t == "REPORTING_JWT" ? ReportSvc::DocumentType::kReportingJwt
-                                                            : ReportSvc::DocumentType::kUnknown);
-      }
-      tpm.contexts = call.contexts;
-      if (!call.ek_certificate_pem.empty()) {
-        tpm.ek.certificate = call.ek_certificate_pem;
-      }
-      if (!call.ek_public_pem.empty()) {
-        tpm.ek.public_key = call.ek_public_pem;
-      }
-      request.tpm2 = std::move(tpm);
-      int answers = 0;
-      report_->Create(request, [&](Lumen::Outcome<ReportSvc::Result> outcome) {
-        answers++;
-        if (auto* error = std::get_if<Lumen::StdError>(&outcome)) {
-          out->error_type = Com::Quarro::Lumen::Std::Errors::KindName(error->kind);
-          out->error_id = error->messages.empty() ? "" : error->messages[0].id;
-          return;
-        }
-        auto& result = std::get<ReportSvc::Result>(outcome);
-        if (result.documents) {
-          out->done = true;
-          for (const auto& d : *result.documents) {
-            out->documents.emplace_back(ReportSvc::DocumentTypeName(d.type), d.document);
-          }
-        } else if (result.contexts && result.contexts->size() == 1) {
-          out->context = (*result.contexts)[0];
-        }
-      });
-      if (answers != 1) {
-        *failure = "Report answered " + std::to_string(answers) + " times";
-        return false;
-      }
-      return true;
-    };
-  }
-
   Agent::AttestResult Run(const Agent::AttestOptions& options) {
-    return Agent::AttestWith(host_.get(), options, Transport());
+    return Agent::AttestWith(host_.get(), options, Testing::InProcessTransport(report_.get()));
   }
 
   std::optional<int32_t> EkCount() {

@@ -1,0 +1,155 @@
+// The daemon's side of one whole attestation (four Report calls: session,
+// credential, quote and event log checks, base image lookup, token signing,
+// last-attested-time write) against the one RSA-2048 private-key operation
+// every answer needs anyway, measured in the same run. The software host's
+// own work (AK, activation, quote signing) is excluded from the timing.
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include "api/services/ReportImpl.h"
+#include "config/Configuration.h"
+#include "config/SigningKey.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "platform/Log.h"
+#include "platform/configstore/ConfigStore.h"
+#include "tests/tpm2/InProcessReport.h"
+#include "tools/Agent.h"
+#include "tpm2/Attestation.h"
+
+namespace {
+
+using namespace Witnessd;
+
+// World is one configured daemon state in a temporary sysroot: signing key,
+// the host's EK, a base image matching its boot.
+struct World {
+  std::string sysroot;
+  std::unique_ptr<Agent::HostTpm> host = Agent::MakeSoftwareHost(/*reuse_ak=*/true);
+  std::unique_ptr<Tpm2::Attestation> manager;
+  std::unique_ptr<AttestApi::ReportImpl> report;
+
+  World() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "witnessd-bench-XXXXXX").string();
+    sysroot = mkdtemp(pattern.data());
+    setenv("WITNESSD_SYSROOT", sysroot.c_str(), 1);
+    Config::InitConfigLocks();
+    Config::EnsureSigningKey();
+    Config::Tpm2::InitTpm2Config();
+    Config::Tpm2::UpdateTpm2Settings(true, false);
+    std::vector<uint8_t> ek;
+    std::string ek_pem;
+    host->EkPublic(&ek);
+    Agent::EkPublicPem(ek, &ek_pem);
+    Config::Tpm2::AddEndorsementKey("bench", ek_pem);
+    Testing::PutBaseImage(Agent::BootPlan{}, "8.0.1-1");
+    manager = std::make_unique<Tpm2::Attestation>(Tpm2::SessionLimits{});
+    report = std::make_unique<AttestApi::ReportImpl>(manager.get());
+  }
+  ~World() {
+    HyvConfig::ConfigStore::Reset();
+    std::filesystem::remove_all(sysroot);
+  }
+};
+
+World& TheWorld() {
+  static World world;
+  return world;
+}
+
+// Manual timing: only the Report calls count.
+void BM_AttestationDaemonSide(benchmark::State& state) {
+  World& w = TheWorld();
+  Agent::AttestOptions options;
+  options.measure_boot = false;  // the software host's PCRs keep the first boot
+  Agent::AttestResult first = Agent::AttestWith(w.host.get(), Agent::AttestOptions{},
+                                                Testing::InProcessTransport(w.report.get()));
+  if (!first.ok) {
+    state.SkipWithError(("attestation failed: " + first.failure + first.error_id).c_str());
+    return;
+  }
+  for (auto _ : state) {
+    double seconds = 0;
+    auto timed = [&seconds](const std::function<void()>& call) {
+      auto start = std::chrono::steady_clock::now();
+      call();
+      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    Agent::AttestResult r = Agent::AttestWith(w.host.get(), options, Testing::InProcessTransport(w.report.get(), timed));
+    if (!r.ok) {
+      state.SkipWithError(("attestation failed: " + r.failure + r.error_id).c_str());
+      break;
+    }
+    state.SetIterationTime(seconds);
+  }
+}
+BENCHMARK(BM_AttestationDaemonSide)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// Reference: one RSA-2048 PKCS#1 v1.5 SHA-256 signature, what signing one
+// token costs at the least.
+void BM_BareRsa2048Sign(benchmark::State& state) {
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  unsigned char digest[32] = {1};
+  unsigned char sig[256];
+  for (auto _ : state) {
+    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
+    size_t sig_len = sizeof(sig);
+    if (EVP_PKEY_sign_init(ctx) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha256()) != 1 ||
+        EVP_PKEY_sign(ctx, sig, &sig_len, digest, sizeof(digest)) != 1) {
+      state.SkipWithError("bare sign failed");
+    }
+    EVP_PKEY_CTX_free(ctx);
+  }
+  EVP_PKEY_free(key);
+}
+BENCHMARK(BM_BareRsa2048Sign)->Unit(benchmark::kMillisecond);
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.error_occurred || run.iterations == 0) {
+        continue;
+      }
+      seconds_[run.benchmark_name()] = run.GetAdjustedRealTime() / 1000.0;  // reported in ms
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  double Seconds(const std::string& prefix) const {
+    for (const auto& [name, s] : seconds_) {
+      if (name.rfind(prefix, 0) == 0) {
+        return s;
+      }
+    }
+    return 0;
+  }
+
+ private:
+  std::map<std::string, double> seconds_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Log_SetMaxLevel(kLogError);
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  double attest = reporter.Seconds("BM_AttestationDaemonSide");
+  double sign = reporter.Seconds("BM_BareRsa2048Sign");
+  if (attest > 0 && sign > 0) {
+    std::printf("attestation (daemon side) time / bare RSA-2048 sign time: %.1f\n", attest / sign);
+    std::printf("attestations per second on one core (daemon side):       %.0f\n", 1.0 / attest);
+  }
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,28 @@
+// Pieces shared by the in-process attestation tests and benchmark: a base
+// image made from what a boot plan measures, and a Report transport that
+// calls the service directly, as the provider would.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "api/services/ReportSvc.h"
+#include "tools/Agent.h"
+
+namespace Witnessd::Testing {
+
+std::string Hex(const std::vector<uint8_t>& bytes);
+
+// PutBaseImage stores base image |version| in the current store with the
+// payload checksums and TXT MLE digest that |plan| measures. False when the
+// record cannot be made.
+bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version);
+
+// InProcessTransport makes each Report call on |report|. |timed|, when
+// given, runs the call (benchmarks time it).
+Agent::ReportTransport InProcessTransport(AttestApi::ReportSvc* report,
+                                          std::function<void(const std::function<void()>&)> timed = {});
+
+}  // namespace Witnessd::Testing

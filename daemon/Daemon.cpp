@@ -14,7 +14,12 @@
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
 #include "api/services/BaseImagesImpl.h"
+#include "api/services/CaCertificatesImpl.h"
+#include "api/services/CertificateImpl.h"
+#include "api/services/EndorsementKeysImpl.h"
 #include "api/services/ReportImpl.h"
+#include "api/services/StatusImpl.h"
+#include "api/services/Tpm2SettingsImpl.h"
 #include "config/Configuration.h"
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
@@ -113,6 +118,11 @@ int Main() {
     auto localizer = std::make_shared<Lumen::L10n::Localizer>("en_US", &AttestApi::Errors::LookupMessage);
     // Service implementations are bound here as they are built (hook: services).
     AttestApi::ServiceImpls services;
+    services.status = std::make_shared<AttestApi::StatusImpl>();
+    services.tpm2_settings = std::make_shared<AttestApi::Tpm2SettingsImpl>();
+    services.endorsement_keys = std::make_shared<AttestApi::EndorsementKeysImpl>();
+    services.ca_certificates = std::make_shared<AttestApi::CaCertificatesImpl>();
+    services.certificate = std::make_shared<AttestApi::CertificateImpl>();
     services.base_images = std::make_shared<AttestApi::BaseImagesImpl>();
     services.report = std::make_shared<AttestApi::ReportImpl>(Tpm2::Attestation::Get());
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,

@@ -15,7 +15,7 @@ void EndorsementKeysSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<
   using Lumen::Void;
   auto iface = std::make_shared<Lumen::Provider::ApiInterface>();
   iface->service_id = kServiceId;
-  auto by_name = [](Binding::InputReader& r) { return r.String("name"); };
+  auto by_name = [](Binding::InputReader& r) { return r.Name("name"); };
   iface->operations["list"] = Binding::MakeOperation<Binding::NoInput, std::vector<Summary>>(
       Binding::DecodeNothing,
       [impl](const Binding::NoInput&, Callback<std::vector<Summary>> done) { impl->List(std::move(done)); });
@@ -24,7 +24,7 @@ void EndorsementKeysSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<
   iface->operations["create"] = Binding::MakeOperation<CreateSpec, Void>(
       [](Binding::InputReader& r) {
         CreateSpec spec;
-        spec.name = r.String("name");
+        spec.name = r.Name("name");
         spec.public_key = r.OptString("public_key");
         spec.certificate = r.OptString("certificate");
         return spec;

@@ -225,6 +225,20 @@ std::string InputReader::String(const char* name) {
   return f->get<std::string>();
 }
 
+std::string InputReader::Name(const char* name) {
+  std::string value = String(name);
+  bool bad = value.size() > kMaxNameBytes;
+  for (char c : value) {
+    unsigned char u = static_cast<unsigned char>(c);
+    bad = bad || u < 0x20 || u == 0x7f || c == '/';
+  }
+  if (bad) {
+    Fail(name);
+    return {};
+  }
+  return value;
+}
+
 std::optional<std::string> InputReader::OptString(const char* name) {
   const nlohmann::json* f = Field(name, false);
   if (f == nullptr) {

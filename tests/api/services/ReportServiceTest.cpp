@@ -6,17 +6,10 @@
 #include <openssl/bio.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <memory>
 
-#include "config/SigningKey.h"
-#include "config/tpm2/CaCertificates.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
-#include "platform/System.h"
-#include "platform/configstore/ConfigStore.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmProcess.h"
@@ -27,11 +20,14 @@ namespace Witnessd::Testing {
 namespace {
 
 using Agent::Fault;
-using Config::ConfigResult;
 
 constexpr const char* kServing = "HTTP endpoint listening on TCP port";
 constexpr const char* kReport = "com.quarro.hyv.attestation.report";
 constexpr const char* kBaseImages = "com.quarro.hyv.attestation.os.hyv.base_images";
+constexpr const char* kSettings = "com.quarro.hyv.attestation.tpm2.settings";
+constexpr const char* kEks = "com.quarro.hyv.attestation.tpm2.endorsement_keys";
+constexpr const char* kCas = "com.quarro.hyv.attestation.tpm2.ca_certificates";
+constexpr const char* kCertificate = "com.quarro.hyv.attestation.certificate";
 constexpr const char* kVersion = "8.0.1-12345";
 constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
 
@@ -86,34 +82,22 @@ class ReportService : public ::testing::Test {
     std::filesystem::remove_all(sysroot_);
   }
 
-  // Configure writes |trust| into the daemon's store, with the daemon stopped.
+  // Configure declares |trust| through the administration services.
   void Configure(const TrustConfig& trust) {
-    admin_.reset();
-    daemon_.reset();
-    setenv("WITNESSD_SYSROOT", sysroot_.c_str(), 1);
-    HyvConfig::ConfigStore::Reset();
-    Config::InitConfigLocks();
-    Config::Tpm2::ResetTpm2ConfigForTesting();
-    EXPECT_EQ(ConfigResult::kConfigOk,
-              Config::Tpm2::UpdateTpm2Settings(trust.require_eks, trust.require_validation));
-    std::vector<std::string> names;
-    Config::Tpm2::ListEndorsementKeys(names);
-    for (const std::string& name : names) {
-      Config::Tpm2::DeleteEndorsementKey(name);
-    }
+    ApiReply r = admin_->Invoke(kSettings, "update", {{"require_endorsement_keys", trust.require_eks},
+                                                      {"require_certificate_validation", trust.require_validation}});
+    ASSERT_TRUE(r.ok) << r.raw;
+    admin_->Invoke(kEks, "delete", {{"name", "swtpm"}});
     if (trust.configure_ek) {
-      EXPECT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("swtpm", ek_pem_));
+      r = admin_->Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek_pem_}});
+      ASSERT_TRUE(r.ok) << r.raw;
     }
-    Config::Tpm2::ListCaCertificates(names);
-    for (const std::string& name : names) {
-      Config::Tpm2::DeleteCaCertificates(name);
-    }
+    admin_->Invoke(kCas, "delete", {{"name", "swtpm-localca"}});
     if (trust.configure_cas) {
-      EXPECT_EQ(ConfigResult::kConfigOk,
-                Config::Tpm2::AddCaCertificates("swtpm-localca", {swtpm_->RootCaPem(), swtpm_->IssuerCaPem()}));
+      r = admin_->Invoke(kCas, "create",
+                         {{"name", "swtpm-localca"}, {"certificates", {swtpm_->RootCaPem(), swtpm_->IssuerCaPem()}}});
+      ASSERT_TRUE(r.ok) << r.raw;
     }
-    HyvConfig::ConfigStore::Reset();
-    unsetenv("WITNESSD_SYSROOT");
   }
 
   void StartDaemon() {
@@ -138,31 +122,24 @@ class ReportService : public ::testing::Test {
     ASSERT_TRUE(r.ok) << r.raw << daemon_->Log();
   }
 
-  // Ready configures, starts the daemon and imports the image once; the
-  // store keeps it across restarts.
+  // Ready starts the daemon and imports the image once, and declares |trust|.
   void Ready(const TrustConfig& trust) {
-    Configure(trust);
-    StartDaemon();
-    if (!imported_) {
+    if (daemon_ == nullptr) {
+      StartDaemon();
       ImportImage(Agent::BootPlan{});
-      imported_ = true;
     }
+    Configure(trust);
   }
 
   Agent::AttestResult Attest(const Agent::AttestOptions& options) {
     return Agent::Attest(tpm_.get(), "127.0.0.1", daemon_->Port(), options);
   }
 
-  // SigningCertificate reads the report-signing certificate the daemon made.
+  // SigningCertificate is the report-signing certificate, as clients get it.
   std::string SigningCertificate() {
-    setenv("WITNESSD_SYSROOT", sysroot_.c_str(), 1);
-    HyvConfig::ConfigStore::Reset();
-    std::string cert;
-    EXPECT_TRUE(Config::ReadConfigValue(Config::kKeyCertificate, Config::kComponent, Config::kGroup, "certificate",
-                                        cert));
-    HyvConfig::ConfigStore::Reset();
-    unsetenv("WITNESSD_SYSROOT");
-    return cert;
+    ApiReply r = admin_->Invoke(kCertificate, "get");
+    EXPECT_TRUE(r.ok) << r.raw;
+    return r.output.value("certificate", "");
   }
 
   static SwtpmProcess* swtpm_;
@@ -173,7 +150,6 @@ class ReportService : public ::testing::Test {
   std::unique_ptr<ImgdbFixture> imgdb_;
   std::unique_ptr<DaemonProcess> daemon_;
   std::unique_ptr<ApiClient> admin_;
-  bool imported_ = false;
 };
 
 SwtpmProcess* ReportService::swtpm_ = nullptr;
@@ -274,18 +250,9 @@ TEST_F(ReportService, EachReportErrorForReal) {
       {"unknown software", {}, false, Fault::kNone, true, true, true, "ERROR", "attest_unknown_software"},
       {"made-up session", {}, false, Fault::kUnknownSession, true, true, false, "ERROR", "attest_unknown_session"},
   };
-  TrustConfig last;
-  bool started = false;
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    bool same = started && last.require_eks == c.trust.require_eks &&
-                last.require_validation == c.trust.require_validation &&
-                last.configure_ek == c.trust.configure_ek && last.configure_cas == c.trust.configure_cas;
-    if (!same) {
-      Ready(c.trust);
-      last = c.trust;
-      started = true;
-    }
+    Ready(c.trust);
     Agent::AttestOptions options;
     options.use_certificate = c.use_certificate;
     options.fault = c.fault;
@@ -301,6 +268,7 @@ TEST_F(ReportService, EachReportErrorForReal) {
     EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id);
   }
   // The daemon went on serving through all of them.
+  Ready({});
   Agent::AttestResult r = Attest({});
   EXPECT_TRUE(r.ok) << r.failure << r.error_id;
 }

@@ -45,14 +45,15 @@ struct TestCert {
 };
 
 // MakeCert issues a certificate for |key| named |subject|, signed by |issuer|
-// (self-signed when null). |ca| sets basicConstraints CA:TRUE.
+// (self-signed when null). |ca| sets basicConstraints CA:TRUE. |expired|
+// makes it valid for one day that ended yesterday.
 inline TestCert MakeCert(const TestKey& key, const std::string& subject, const TestCert* issuer, bool ca,
-                         long serial = 1) {
+                         long serial = 1, bool expired = false) {
   std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), X509_free);
   X509_set_version(cert.get(), X509_VERSION_3);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600L * 24 * 365);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), expired ? -2 * 86400L : -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), expired ? -86400L : 3600L * 24 * 365);
   X509_NAME* name = X509_get_subject_name(cert.get());
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(subject.c_str()),
                              -1, -1, 0);

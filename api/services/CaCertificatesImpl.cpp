@@ -1,0 +1,133 @@
+#include "api/services/CaCertificatesImpl.h"
+
+#include "api/errors/ErrorCatalogue.h"
+#include "config/tpm2/CaCertificates.h"
+#include "platform/Log.h"
+#include "platform/ssl/SslUtils.h"
+
+namespace Witnessd::AttestApi {
+namespace {
+
+using Config::ConfigResult;
+using Orm::Common::SslUtils;
+namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
+
+constexpr const char* kEmptyName = "com.quarro.hyv.attestation.tpm2.ca_certificates.empty_name";
+constexpr const char* kEmptyCerts = "com.quarro.hyv.attestation.tpm2.ca_certificates.empty_certs";
+constexpr const char* kInvalidChain = "com.quarro.hyv.attestation.tpm2.ca_certificates.invalid_chain";
+constexpr const char* kAlreadyExists = "com.quarro.hyv.attestation.tpm2.ca_certificates.already_exists";
+constexpr const char* kInvalidData = "com.quarro.hyv.attestation.tpm2.ca_certificates.invalid_data";
+
+std::optional<Lumen::StdError> CheckName(const std::string& name) {
+  if (name.empty()) {
+    Log_Level(kLogError, "CA Certificates argument name empty\n");
+    return Errors::InvalidArgument(kEmptyName);
+  }
+  return std::nullopt;
+}
+
+// ChainIsValid establishes that every certificate parses and that the chain
+// is made of CAs that verify up to a configured CA or to a root of its own.
+bool ChainIsValid(const std::vector<std::string>& certificates) {
+  std::vector<std::string> chain;
+  for (const std::string& cert : certificates) {
+    std::string standard = cert;
+    if (!SslUtils::StandardizePemCert(standard)) {
+      Log_Level(kLogError, "Failed to standardize TPM CA certificate chain: %s\n", cert.c_str());
+      return false;
+    }
+    chain.push_back(std::move(standard));
+  }
+  Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
+  if (cas == nullptr) {
+    Log_Level(kLogError, "Unable to get all configured CA certificates\n");
+    return false;
+  }
+  return SslUtils::ValidateCertChain(chain, *cas, true);
+}
+
+}  // namespace
+
+void CaCertificatesImpl::List(Callback<std::vector<Summary>> done) {
+  std::vector<std::string> names;
+  if (Config::Tpm2::ListCaCertificates(names) != ConfigResult::kConfigOk) {
+    done(StdErrors::Error());
+    return;
+  }
+  std::vector<Summary> out;
+  for (std::string& name : names) {
+    out.push_back({std::move(name)});
+  }
+  done(std::move(out));
+}
+
+void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
+  if (auto error = CheckName(name)) {
+    done(std::move(*error));
+    return;
+  }
+  Info info{name, {}};
+  switch (Config::Tpm2::GetCaCertificates(name, info.certificates)) {
+    case ConfigResult::kConfigOk:
+      done(std::move(info));
+      return;
+    case ConfigResult::kConfigNotFound:
+      done(StdErrors::NotFound({}));
+      return;
+    case ConfigResult::kConfigInvalidData:
+      done(Errors::Error(kInvalidData));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+void CaCertificatesImpl::Create(const CreateSpec& spec, Callback<Lumen::Void> done) {
+  if (auto error = CheckName(spec.name)) {
+    done(std::move(*error));
+    return;
+  }
+  if (spec.certificates.empty()) {
+    Log_Level(kLogError, "CA certificates argument certs empty\n");
+    done(Errors::InvalidArgument(kEmptyCerts));
+    return;
+  }
+  if (!ChainIsValid(spec.certificates)) {
+    Log_Level(kLogError, "CA Certificate '%s' validation failed\n", spec.name.c_str());
+    done(Errors::InvalidArgument(kInvalidChain));
+    return;
+  }
+  // Stored as received; reads give the standardized form.
+  switch (Config::Tpm2::AddCaCertificates(spec.name, spec.certificates)) {
+    case ConfigResult::kConfigOk:
+      done(Lumen::Void{});
+      return;
+    case ConfigResult::kConfigAlreadyExists:
+      done(Errors::AlreadyExists(kAlreadyExists, {spec.name}));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+void CaCertificatesImpl::Delete(const std::string& name, Callback<Lumen::Void> done) {
+  if (auto error = CheckName(name)) {
+    done(std::move(*error));
+    return;
+  }
+  switch (Config::Tpm2::DeleteCaCertificates(name)) {
+    case ConfigResult::kConfigOk:
+      done(Lumen::Void{});
+      return;
+    case ConfigResult::kConfigNotFound:
+      done(StdErrors::NotFound({}));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+}  // namespace Witnessd::AttestApi

@@ -1,0 +1,174 @@
+#include "api/services/EndorsementKeysImpl.h"
+
+#include "api/errors/ErrorCatalogue.h"
+#include "config/tpm2/CaCertificates.h"
+#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "platform/Log.h"
+#include "platform/ssl/SslUtils.h"
+
+namespace Witnessd::AttestApi {
+namespace {
+
+using Config::ConfigResult;
+using Orm::Common::SslUtils;
+namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
+
+constexpr const char* kEmptyName = "com.quarro.hyv.attestation.tpm2.endorsement_keys.empty_name";
+constexpr const char* kNoEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.no_ek";
+constexpr const char* kInvalidKey = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_key";
+constexpr const char* kEmptyEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.empty_ek";
+constexpr const char* kInvalidCert = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_cert";
+constexpr const char* kMismatchedEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.mismatched_ek";
+constexpr const char* kAlreadyExists = "com.quarro.hyv.attestation.tpm2.endorsement_keys.already_exists";
+constexpr const char* kAlreadyExistsEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.already_exists_ek";
+constexpr const char* kInvalidData = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_data";
+constexpr const char* kCertBegin = "-----BEGIN CERTIFICATE-----";
+constexpr const char* kCertEnd = "-----END CERTIFICATE-----";
+
+// KeyFromCertificate establishes that |certificate| is usable as an EK
+// declaration: standard PEM, chained to a configured CA when the settings
+// require it, and matching |public_key| when one is given too. It gives the
+// key to store.
+std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::string certificate,
+                                                  const std::optional<std::string>& public_key, std::string& out_key) {
+  if (certificate.empty()) {
+    Log_Level(kLogError, "EK Certificate '%s' is empty\n", name.c_str());
+    return Errors::InvalidArgument(kEmptyEk);
+  }
+  if (!SslUtils::StandardizePemString(certificate, kCertBegin, kCertEnd)) {
+    Log_Level(kLogError, "Unable to standardize the Endorsement Key certificate\n");
+    return Errors::InvalidArgument(kInvalidCert);
+  }
+  bool require_eks = false;
+  bool require_validation = false;
+  if (Config::Tpm2::GetTpm2Settings(require_eks, require_validation) != ConfigResult::kConfigOk) {
+    Log_Level(kLogError, "Unable to get Tpm2 settings for Endorsement Key certificate validation\n");
+    return StdErrors::Error();
+  }
+  if (require_validation) {
+    Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
+    if (cas == nullptr) {
+      Log_Level(kLogError, "Unable to get all configured CA certificates\n");
+      return Errors::InvalidArgument(kInvalidCert);
+    }
+    if (!SslUtils::ValidateCertChain({certificate}, *cas, false)) {
+      Log_Level(kLogError, "Endorsement Key certificate validation failed for '%s'\n", name.c_str());
+      return Errors::InvalidArgument(kInvalidCert);
+    }
+  } else {
+    Log_Level(kLogVerbose, "No certificate validation requested in Tpm2 settings\n");
+  }
+  if (!SslUtils::ExtractKeyFromCert(certificate, out_key)) {
+    Log_Level(kLogError, "Unable to extract the public key of the Endorsement Key certificate for '%s'\n",
+              name.c_str());
+    return Errors::InvalidArgument(kInvalidCert);
+  }
+  if (public_key) {
+    std::string key = *public_key;
+    if (!SslUtils::StandardizePemPubKey(key)) {
+      Log_Level(kLogError, "Public Endorsement Key standardization failed for '%s'\n", name.c_str());
+      return Errors::InvalidArgument(kInvalidKey);
+    }
+    if (!SslUtils::ComparePemKeys(key, out_key)) {
+      Log_Level(kLogError, "Endorsement Key certificate does not match public key\n");
+      return Errors::InvalidArgument(kMismatchedEk);
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+void EndorsementKeysImpl::List(Callback<std::vector<Summary>> done) {
+  std::vector<std::string> names;
+  if (Config::Tpm2::ListEndorsementKeys(names) != ConfigResult::kConfigOk) {
+    done(StdErrors::Error());
+    return;
+  }
+  std::vector<Summary> out;
+  for (std::string& name : names) {
+    out.push_back({std::move(name)});
+  }
+  done(std::move(out));
+}
+
+void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
+  if (name.empty()) {
+    done(Errors::InvalidArgument(kEmptyName));
+    return;
+  }
+  Info info{name, ""};
+  switch (Config::Tpm2::GetEndorsementKey(name, info.public_key)) {
+    case ConfigResult::kConfigOk:
+      done(std::move(info));
+      return;
+    case ConfigResult::kConfigNotFound:
+      done(StdErrors::NotFound({}));
+      return;
+    case ConfigResult::kConfigInvalidData:
+      done(Errors::Error(kInvalidData));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+void EndorsementKeysImpl::Create(const CreateSpec& spec, Callback<Lumen::Void> done) {
+  if (spec.name.empty()) {
+    done(Errors::InvalidArgument(kEmptyName));
+    return;
+  }
+  if (!spec.public_key && !spec.certificate) {
+    Log_Level(kLogError, "Endorsement Key create requires public key or certificate\n");
+    done(Errors::InvalidArgument(kNoEk));
+    return;
+  }
+  std::string key;
+  if (!spec.certificate) {
+    key = *spec.public_key;
+    if (!SslUtils::StandardizePemPubKey(key) || !SslUtils::ValidatePemKey(key)) {
+      Log_Level(kLogError, "Public Endorsement Key validation failed for '%s'\n", spec.name.c_str());
+      done(Errors::InvalidArgument(kInvalidKey));
+      return;
+    }
+  } else if (auto error = KeyFromCertificate(spec.name, *spec.certificate, spec.public_key, key)) {
+    done(std::move(*error));
+    return;
+  }
+  switch (Config::Tpm2::AddEndorsementKey(spec.name, key)) {
+    case ConfigResult::kConfigOk:
+      done(Lumen::Void{});
+      return;
+    case ConfigResult::kConfigAlreadyExists:
+      done(Errors::AlreadyExists(kAlreadyExists, {spec.name}));
+      return;
+    case ConfigResult::kConfigDuplicate:
+      done(Errors::AlreadyExists(kAlreadyExistsEk));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+void EndorsementKeysImpl::Delete(const std::string& name, Callback<Lumen::Void> done) {
+  if (name.empty()) {
+    done(Errors::InvalidArgument(kEmptyName));
+    return;
+  }
+  switch (Config::Tpm2::DeleteEndorsementKey(name)) {
+    case ConfigResult::kConfigOk:
+      done(Lumen::Void{});
+      return;
+    case ConfigResult::kConfigNotFound:
+      done(StdErrors::NotFound({}));
+      return;
+    default:
+      done(StdErrors::Error());
+      return;
+  }
+}
+
+}  // namespace Witnessd::AttestApi

@@ -1,0 +1,36 @@
+#include "api/services/Tpm2SettingsImpl.h"
+
+#include "api/errors/ErrorCatalogue.h"
+#include "config/tpm2/Tpm2Settings.h"
+#include "platform/Log.h"
+
+namespace Witnessd::AttestApi {
+
+using Config::ConfigResult;
+
+void Tpm2SettingsImpl::Get(Callback<Info> done) {
+  Info info;
+  Config::Tpm2::GetTpm2Settings(info.require_endorsement_keys, info.require_certificate_validation);
+  done(info);
+}
+
+void Tpm2SettingsImpl::Update(const UpdateSpec& spec, Callback<Lumen::Void> done) {
+  if (!spec.require_endorsement_keys && !spec.require_certificate_validation) {
+    Log_Level(kLogVerbose, "Neither input specified for tpm2 settings\n");
+    done(Lumen::Void{});
+    return;
+  }
+  switch (Config::Tpm2::UpdateTpm2Settings(spec.require_endorsement_keys, spec.require_certificate_validation)) {
+    case ConfigResult::kConfigOk:
+      done(Lumen::Void{});
+      return;
+    case ConfigResult::kConfigInvalidArgument:
+      done(Errors::InvalidArgument("com.quarro.hyv.attestation.tpm2.settings.invalid_requirements"));
+      return;
+    default:
+      done(Com::Quarro::Lumen::Std::Errors::Error());
+      return;
+  }
+}
+
+}  // namespace Witnessd::AttestApi

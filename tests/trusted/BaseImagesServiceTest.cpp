@@ -103,10 +103,11 @@ TEST_F(BaseImagesService, RefusalsLeaveTheStoredImagesAlone) {
        {{"imgdb", ApiClient::Base64(imgdb_->Make("--sign-base partner --version 9.0.0"))}}, "ERROR", "", {}},
       {"get empty version", "get", {{"version", ""}}, "INVALID_ARGUMENT", invalid, {"version"}},
       {"get unknown version", "get", {{"version", "7.0.0"}}, "NOT_FOUND", "", {}},
-      {"get version with a NUL", "get", {{"version", std::string(kVersion) + std::string(1, '\0')}}, "NOT_FOUND", "", {}},
+      {"get version with a NUL", "get", {{"version", std::string(kVersion) + std::string(1, '\0')}}, "INVALID_ARGUMENT",
+       "", {}},
       {"delete empty version", "delete", {{"version", ""}}, "INVALID_ARGUMENT", invalid, {"version"}},
       {"delete unknown version", "delete", {{"version", "7.0.0"}}, "NOT_FOUND", "", {}},
-      {"delete with a path", "delete", {{"version", "../8.0.1-12345"}}, "NOT_FOUND", "", {}},
+      {"delete with a path", "delete", {{"version", "../8.0.1-12345"}}, "INVALID_ARGUMENT", "", {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

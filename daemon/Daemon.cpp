@@ -17,12 +17,12 @@
 #include "api/services/CaCertificatesImpl.h"
 #include "api/services/CertificateImpl.h"
 #include "api/services/EndorsementKeysImpl.h"
+#include "api/services/RawConfigImpl.h"
 #include "api/services/ReportImpl.h"
 #include "api/services/StatusImpl.h"
 #include "api/services/Tpm2SettingsImpl.h"
 #include "config/Configuration.h"
-#include "config/SigningKey.h"
-#include "config/tpm2/EndorsementKeys.h"
+#include "config/transfer/ConfigTransfer.h"
 #include "daemon/log/LumenLoggerWrapper.h"
 #include "document/AttestationToken.h"
 #include "platform/Hearth.h"
@@ -32,7 +32,6 @@
 #include "platform/Trackers.h"
 #include "platform/configstore/ConfigStore.h"
 #include "tpm2/Attestation.h"
-#include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Daemon {
 namespace {
@@ -99,11 +98,7 @@ int Main() {
     // unreadable database stops the start rather than read as empty.
     HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
     Config::InitConfigLocks();
-    Config::EnsureSigningKey();
-    // Restore of the stored configuration keys for this boot goes here, before
-    // the loads below (hook: configuration restore).
-    Config::Tpm2::InitTpm2Config();
-    Config::OsHyv::InitBaseImageStore();
+    Config::InitConfiguration();
 
     Hearth::Service::App& app = Hearth::Service::GetApp();
     Tpm2::Attestation::Initialize(app.GetConfig(), app.GetScheduler());
@@ -124,6 +119,7 @@ int Main() {
     services.ca_certificates = std::make_shared<AttestApi::CaCertificatesImpl>();
     services.certificate = std::make_shared<AttestApi::CertificateImpl>();
     services.base_images = std::make_shared<AttestApi::BaseImagesImpl>();
+    services.raw_config = std::make_shared<AttestApi::RawConfigImpl>();
     services.report = std::make_shared<AttestApi::ReportImpl>(Tpm2::Attestation::Get());
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);

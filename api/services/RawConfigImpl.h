@@ -1,0 +1,16 @@
+// The raw configuration service: the whole attestation configuration
+// exported (plain or gzip-compressed) with its hash, and imported back from
+// the compressed form.
+#pragma once
+
+#include "api/services/RawConfigSvc.h"
+
+namespace Witnessd::AttestApi {
+
+class RawConfigImpl : public RawConfigSvc {
+ public:
+  void Export(std::optional<InfoType> info_type, Callback<Info> done) override;
+  void Import(const std::vector<uint8_t>& config, Callback<Lumen::Void> done) override;
+};
+
+}  // namespace Witnessd::AttestApi

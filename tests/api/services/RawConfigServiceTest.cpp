@@ -3,6 +3,7 @@
 // nothing; a restarted daemon restores what it had.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 
@@ -66,11 +67,16 @@ struct Host {
     EXPECT_TRUE(r.ok) << r.raw;
     return r.output;
   }
-  // View is everything an administrator reads back.
+  // View is everything an administrator reads back. Lists are compared as
+  // sets: an import stores items in the export's canonical (name) order.
   json View() {
+    auto sorted = [](json list) {
+      std::sort(list.begin(), list.end());
+      return list;
+    };
     json view = {{"settings", Get(kSettings, "get")},
-                 {"eks", Get(kEks, "list")},
-                 {"cas", Get(kCas, "list")},
+                 {"eks", sorted(Get(kEks, "list"))},
+                 {"cas", sorted(Get(kCas, "list"))},
                  {"images", Get(kBaseImages, "list")},
                  {"status", Get(kStatus, "get")}};
     for (const json& ek : view["eks"]) {
@@ -108,8 +114,10 @@ class RawConfigService : public ::testing::Test {
     std::string error;
     tpm_ = Agent::OpenSwtpmHost(swtpm_->Port(), &error);
     ASSERT_NE(nullptr, tpm_) << error;
+    // A power cycle first: an earlier test may have left objects loaded.
+    ASSERT_TRUE(tpm_->Boot()) << tpm_->LastError();
     std::vector<uint8_t> ek;
-    ASSERT_TRUE(tpm_->EkPublic(&ek));
+    ASSERT_TRUE(tpm_->EkPublic(&ek)) << tpm_->LastError();
     ASSERT_TRUE(Agent::EkPublicPem(ek, &ek_pem_));
   }
 

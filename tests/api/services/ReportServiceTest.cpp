@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 
@@ -67,8 +68,10 @@ class ReportService : public ::testing::Test {
     std::string error;
     tpm_ = Agent::OpenSwtpmHost(swtpm_->Port(), &error);
     ASSERT_NE(nullptr, tpm_) << error;
+    // A power cycle first: an earlier test may have left objects loaded.
+    ASSERT_TRUE(tpm_->Boot()) << tpm_->LastError();
     std::vector<uint8_t> ek;
-    ASSERT_TRUE(tpm_->EkPublic(&ek));
+    ASSERT_TRUE(tpm_->EkPublic(&ek)) << tpm_->LastError();
     ASSERT_TRUE(Agent::EkPublicPem(ek, &ek_pem_));
     sysroot_ = MakeTempDir("witnessd-report");
     PrepareSysroot(sysroot_);

@@ -11,6 +11,7 @@
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "config/tpm2/Tpm2Settings.h"
+#include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
 #include "tests/platform/ssl/TestCerts.h"
 

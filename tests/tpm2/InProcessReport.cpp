@@ -9,16 +9,6 @@ namespace Witnessd::Testing {
 
 using AttestApi::ReportSvc;
 
-std::string Hex(const std::vector<uint8_t>& bytes) {
-  std::string out;
-  char buf[3];
-  for (uint8_t c : bytes) {
-    snprintf(buf, sizeof(buf), "%02x", c);
-    out += buf;
-  }
-  return out;
-}
-
 bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version) {
   using namespace Config::OsHyv;
   PakEntry base{"hyv-base", version, "Quarro", "bootbank", "base", {}};

@@ -9,11 +9,10 @@
 #include <vector>
 
 #include "api/services/ReportSvc.h"
+#include "tests/support/AttestedBoot.h"
 #include "tools/Agent.h"
 
 namespace Witnessd::Testing {
-
-std::string Hex(const std::vector<uint8_t>& bytes);
 
 // PutBaseImage stores base image |version| in the current store with the
 // payload checksums and TXT MLE digest that |plan| measures. False when the

@@ -9,6 +9,7 @@
 
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
+#include "tests/support/AttestedBoot.h"
 #include "tools/BootLog.h"
 #include "tools/HostTpm.h"
 #include "tpm2/CredentialProtection.h"
@@ -17,6 +18,8 @@
 namespace Witnessd::Tpm2 {
 namespace {
 
+using Testing::Hex;
+
 using Agent::BootEvent;
 using Agent::BootPlan;
 
@@ -24,16 +27,6 @@ std::string Capture(const std::function<void()>& fn) {
   testing::internal::CaptureStderr();
   fn();
   return testing::internal::GetCapturedStderr();
-}
-
-std::string Hex(const Bytes& b) {
-  std::string out;
-  char buf[3];
-  for (uint8_t c : b) {
-    snprintf(buf, sizeof(buf), "%02x", c);
-    out += buf;
-  }
-  return out;
 }
 
 class SessionTest : public testing::Test {

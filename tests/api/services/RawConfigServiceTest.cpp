@@ -9,6 +9,7 @@
 
 #include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/ApiClient.h"
+#include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
@@ -28,16 +29,6 @@ constexpr const char* kBaseImages = "com.quarro.hyv.attestation.os.hyv.base_imag
 constexpr const char* kStatus = "com.quarro.hyv.attestation.status";
 constexpr const char* kCertificate = "com.quarro.hyv.attestation.certificate";
 constexpr const char* kImportFailed = "com.quarro.hyv.attestation.raw_config.import_failed";
-
-std::string Hex(const std::vector<uint8_t>& b) {
-  std::string out;
-  char buf[3];
-  for (uint8_t c : b) {
-    snprintf(buf, sizeof(buf), "%02x", c);
-    out += buf;
-  }
-  return out;
-}
 
 // One daemon with its own sysroot, port and administrator.
 struct Host {
@@ -134,16 +125,7 @@ class RawConfigService : public ::testing::Test {
     ASSERT_TRUE(api.Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek_pem_}}).ok);
     ASSERT_TRUE(api.Invoke(kEks, "create", {{"name", "spare"}, {"public_key", MakeKey().public_pem}}).ok);
     ImgdbFixture imgdb(host.sysroot);
-    Agent::BootPlan plan;
-    std::string flags = "--kernel-digest " + Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)) +
-                        " --mle-digest " + Hex(Agent::LaunchDigest(plan));
-    const char* payloads[][2] = {{"kb", Agent::kKernelPayload},
-                                 {"sv", Agent::kSystemPayload},
-                                 {"sb", Agent::kSystemBootPayload},
-                                 {"hu", Agent::kUpdatePayload}};
-    for (const auto& p : payloads) {
-      flags += std::string(" --payload ") + p[0] + ":" + p[1] + ":" + Hex(Agent::PayloadDigest(plan, p[1]));
-    }
+    std::string flags = ImgdbFlagsFor(Agent::BootPlan{});
     ApiReply r = api.Invoke(kBaseImages, "import", {{"imgdb", ApiClient::Base64(imgdb.Make(flags))}});
     ASSERT_TRUE(r.ok) << r.raw;
   }

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "tests/support/ApiClient.h"
+#include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
@@ -31,16 +32,6 @@ constexpr const char* kCas = "com.quarro.hyv.attestation.tpm2.ca_certificates";
 constexpr const char* kCertificate = "com.quarro.hyv.attestation.certificate";
 constexpr const char* kVersion = "8.0.1-12345";
 constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
-
-std::string Hex(const std::vector<uint8_t>& b) {
-  std::string out;
-  char buf[3];
-  for (uint8_t c : b) {
-    snprintf(buf, sizeof(buf), "%02x", c);
-    out += buf;
-  }
-  return out;
-}
 
 // What the administrator declared, written into the daemon's store before
 // it starts.
@@ -112,15 +103,7 @@ class ReportService : public ::testing::Test {
 
   // ImportImage imports a base image whose payloads are what |plan| measures.
   void ImportImage(const Agent::BootPlan& plan) {
-    std::string flags = "--kernel-digest " + Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)) +
-                        " --mle-digest " + Hex(Agent::LaunchDigest(plan));
-    const char* payloads[][2] = {{"kb", Agent::kKernelPayload},
-                                 {"sv", Agent::kSystemPayload},
-                                 {"sb", Agent::kSystemBootPayload},
-                                 {"hu", Agent::kUpdatePayload}};
-    for (const auto& p : payloads) {
-      flags += std::string(" --payload ") + p[0] + ":" + p[1] + ":" + Hex(Agent::PayloadDigest(plan, p[1]));
-    }
+    std::string flags = ImgdbFlagsFor(plan);
     ApiReply r = admin_->Invoke(kBaseImages, "import", {{"imgdb", ApiClient::Base64(imgdb_->Make(flags))}});
     ASSERT_TRUE(r.ok) << r.raw << daemon_->Log();
   }

@@ -182,9 +182,19 @@ bool HttpClient::ReadReply(int* out_status, std::string* out_body, bool* out_clo
 
 bool HttpClient::Post(const std::string& path, const std::string& content_type, const std::string& body,
                       int* out_status, std::string* out_body, std::string* error) {
-  std::string request = "POST " + path + " HTTP/1.1\r\nHost: " + host_ + ":" + std::to_string(port_) +
-                        "\r\nContent-Type: " + content_type + "\r\nContent-Length: " + std::to_string(body.size()) +
-                        "\r\nConnection: keep-alive\r\n\r\n" + body;
+  return Exchange("POST " + path + " HTTP/1.1\r\nHost: " + host_ + ":" + std::to_string(port_) +
+                      "\r\nContent-Type: " + content_type + "\r\nContent-Length: " + std::to_string(body.size()) +
+                      "\r\nConnection: keep-alive\r\n\r\n" + body,
+                  out_status, out_body, error);
+}
+
+bool HttpClient::Get(const std::string& path, int* out_status, std::string* out_body, std::string* error) {
+  return Exchange("GET " + path + " HTTP/1.1\r\nHost: " + host_ + ":" + std::to_string(port_) +
+                      "\r\nConnection: keep-alive\r\n\r\n",
+                  out_status, out_body, error);
+}
+
+bool HttpClient::Exchange(const std::string& request, int* out_status, std::string* out_body, std::string* error) {
   // A kept-alive connection may have been closed by the server meanwhile;
   // one retry on a fresh connection covers that.
   for (int attempt = 0; attempt < 2; ++attempt) {

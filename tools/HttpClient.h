@@ -14,12 +14,16 @@ class HttpClient {
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
 
+  // Get sends a GET of |path| and reads the whole reply.
+  bool Get(const std::string& path, int* out_status, std::string* out_body, std::string* error);
   // Post sends |body| and reads the whole reply (Content-Length or chunked).
   // Returns false with |error| set when no complete reply arrives.
   bool Post(const std::string& path, const std::string& content_type, const std::string& body, int* out_status,
             std::string* out_body, std::string* error);
 
  private:
+  // Exchange sends one whole request and reads its reply.
+  bool Exchange(const std::string& request, int* out_status, std::string* out_body, std::string* error);
   bool Connect(std::string* error);
   void Close();
   bool SendAll(const std::string& data);

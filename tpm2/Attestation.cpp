@@ -7,6 +7,7 @@
 #include "daemon/log/Assert.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
+#include "platform/Metrics.h"
 #include "platform/System.h"
 #include "platform/ssl/SslUtils.h"
 #include "tpm2/CredentialProtection.h"
@@ -27,6 +28,11 @@ constexpr int64_t kUsPerSecond = 1000000;
 constexpr const char* kSoftwareType = "hyv";
 
 std::unique_ptr<Attestation> g_manager;
+
+Metrics::Gauge& LiveSessions() {
+  static Metrics::Gauge& gauge = Metrics::GetGauge("witnessd_attestation_sessions", "Live attestation sessions.");
+  return gauge;
+}
 
 // ReadLimit reads one integer setting; out of [min, max] it is logged with
 // |warning| and |def| is used.
@@ -286,10 +292,13 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     MXUser::ReadGuard guard(table_lock_);
     live = sessions_.size();
   }
+  LiveSessions().Set(static_cast<double>(live));
   {
     MXUser::ExclGuard guard(stats_lock_);
     if (live > stats_.peak) {
       stats_.peak = live;
+      Metrics::GetGauge("witnessd_attestation_sessions_peak", "Most attestation sessions live at once.")
+          .Set(static_cast<double>(live));
     }
   }
 
@@ -397,6 +406,7 @@ void Attestation::EndSession(const std::shared_ptr<Session>& session, bool succe
   {
     MXUser::WriteGuard guard(table_lock_);
     removed = sessions_.erase(session->Id());
+    LiveSessions().Set(static_cast<double>(sessions_.size()));
   }
   // A session leaves the table once: when the cleanup took it first, it was
   // counted as timed out and its EK reference was given back there.
@@ -406,6 +416,9 @@ void Attestation::EndSession(const std::shared_ptr<Session>& session, bool succe
   Config::Tpm2::DecrementEkReference(session->EkDigest());
   int64_t elapsed_us = static_cast<int64_t>(clock_() - session->Created());
   uint64_t duration_ms = static_cast<uint64_t>(elapsed_us / 1000);
+  Metrics::GetHistogram("witnessd_attestation_session_seconds", "Durations of ended attestation sessions.",
+                        {{"outcome", success ? "success" : "failed"}})
+      .Observe(static_cast<double>(elapsed_us) / 1e6);
   MXUser::ExclGuard guard(stats_lock_);
   if (success) {
     stats_.success++;
@@ -438,6 +451,7 @@ void Attestation::CleanupExpiredSessions() {
         ++it;
       }
     }
+    LiveSessions().Set(static_cast<double>(sessions_.size()));
   }
   {
     MXUser::ExclGuard guard(stats_lock_);

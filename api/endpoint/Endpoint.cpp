@@ -3,7 +3,10 @@
 #include "api/endpoint/Endpoint.h"
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include <boost/asio/dispatch.hpp>
@@ -18,6 +21,7 @@
 
 #include "platform/Hearth.h"
 #include "platform/Log.h"
+#include "platform/Metrics.h"
 #include "platform/lumen/JsonRpc.h"
 
 namespace Witnessd::AttestApi {
@@ -140,6 +144,10 @@ struct Classified {
 
 Classified Classify(const http::request<http::string_body>& req) {
   Classified c;
+  if (req.method() == http::verb::get && req.target() == "/metrics") {
+    c.verdict = RequestVerdict::kMetrics;
+    return c;
+  }
   if (req.method() != http::verb::post) {
     c.log_text = "Request is considered as bad";
     return c;
@@ -288,6 +296,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
   // Answer delivers a call's result on the strand.
   void Answer(Lumen::JsonRpc::Call call, ContentType type, Lumen::Provider::MethodResult result) {
+    CountCall(call, result);
     asio::post(stream_.get_executor(), [self = shared_from_this(), call = std::move(call), type = std::move(type),
                                         result = std::move(result)]() mutable {
       auto types = self->shared_->provider->Types();
@@ -298,6 +307,37 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
  private:
   Lumen::Log::Logger& Log() { return *shared_->logger; }
+
+  // CountCall records one answered call: by operation and result kind, and
+  // its latency from the end of the request.
+  void CountCall(const Lumen::JsonRpc::Call& call, const Lumen::Provider::MethodResult& result) {
+    std::string kind = result.error ? Com::Quarro::Lumen::Std::Errors::KindName(result.error->kind) : "ok";
+    Metrics::GetCounter("witnessd_api_calls_total", "API calls answered, by operation and result.",
+                        {{"operation", OperationLabel(call, result)}, {"result", kind}})
+        .Inc();
+    Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.")
+        .Observe(std::chrono::duration<double>(std::chrono::steady_clock::now() - request_done_).count());
+  }
+
+  // OperationLabel names the called operation; names a client makes up are
+  // one label, "unknown", so that clients cannot grow the set of series.
+  static std::string OperationLabel(const Lumen::JsonRpc::Call& call, const Lumen::Provider::MethodResult& result) {
+    static constexpr size_t kMaxOperations = 256;
+    static std::mutex mutex;
+    static std::set<std::string> seen;
+    if (result.error && result.error->kind == Com::Quarro::Lumen::Std::Errors::Kind::kOperationNotFound) {
+      return "unknown";
+    }
+    std::string name = call.service_id + "." + call.operation_id;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (seen.count(name) == 0) {
+      if (seen.size() >= kMaxOperations) {
+        return "unknown";
+      }
+      seen.insert(name);
+    }
+    return name;
+  }
 
   void DoReadHeader() {
     parser_.emplace();  // fresh parser per request
@@ -368,6 +408,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       SendFixed(kBadRequestReply, true);
       return;
     }
+    request_done_ = std::chrono::steady_clock::now();
     Handle(parser_->release());
   }
 
@@ -381,6 +422,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         break;
       case RequestVerdict::kNotFound:
         WriteResponse(http::status::not_found, "", "", false, nullptr);
+        return;
+      case RequestVerdict::kMetrics:
+        WriteResponse(http::status::ok, "text/plain; version=0.0.4", Metrics::RenderText(), false, nullptr);
         return;
       case RequestVerdict::kInvalidContentType:
         WriteFrameworkError(http::status::unsupported_media_type, "application/json", "invalid_content_type",
@@ -504,6 +548,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   std::shared_ptr<Endpoint::Shared> shared_;
   bool keep_alive_ = true;
   std::string method_;
+  std::chrono::steady_clock::time_point request_done_;
 };
 
 }  // namespace

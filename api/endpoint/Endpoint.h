@@ -58,6 +58,7 @@ enum class RequestVerdict {
   kTooLarge,           // 413 request_exceeds_max_size
   kInvalidContentType, // 415 invalid_content_type
   kInvalidRequest,     // 400 invalid_request: not a JSON-RPC invoke call, or a bad locale header
+  kMetrics,            // GET /metrics: the metrics in Prometheus text format
 };
 
 // ClassifyHttpRequest parses |bytes| as one request in memory with the

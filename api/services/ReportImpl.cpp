@@ -7,6 +7,7 @@
 #include "daemon/log/Assert.h"
 #include "document/AttestationToken.h"
 #include "platform/Log.h"
+#include "platform/Metrics.h"
 #include "platform/ssl/SslUtils.h"
 
 namespace Witnessd::AttestApi {
@@ -90,6 +91,24 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
   return std::nullopt;
 }
 
+// CountAttestation records an attestation that ended: "success", or the
+// last part of the message id of the error it ended with ("error" for a
+// failure without one). Requests refused before the EK is looked at are
+// not attestations and are not counted.
+void CountAttestation(const Lumen::StdError* error) {
+  std::string outcome = "success";
+  if (error != nullptr) {
+    outcome = "error";
+    if (!error->messages.empty()) {
+      const std::string& id = error->messages[0].id;
+      outcome = id.substr(id.rfind('.') + 1);
+    }
+  }
+  Metrics::GetCounter("witnessd_attestations_total", "Attestations ended, by outcome (success or report error).",
+                      {{"outcome", outcome}})
+      .Inc();
+}
+
 }  // namespace
 
 Lumen::StdError ReportImpl::ReportError(SessionResult code) {
@@ -152,6 +171,7 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   std::string ek_pem;
   if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, ek_pem)) {
     Log_Level(kLogError, "Invalid Tpm2 identifier\n");
+    CountAttestation(&*error);
     done(std::move(*error));
     return;
   }
@@ -163,7 +183,9 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   Tpm2::ProcessResult turn = sessions_->ProcessRequest(ek_pem, context);
   if (turn.code != SessionResult::kSuccess) {
     Log_Level(kLogError, "TPM 2 attestation failure: %d\n", static_cast<int>(turn.code));
-    done(ReportError(turn.code));
+    Lumen::StdError error = ReportError(turn.code);
+    CountAttestation(&error);
+    done(std::move(error));
     return;
   }
   Result result;
@@ -174,9 +196,12 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   }
   std::vector<Token::SignedDocument> signed_documents;
   if (!Token::GenerateDocuments(types, turn.outcome, signed_documents)) {
-    done(StdErrors::Error());
+    Lumen::StdError error = StdErrors::Error();
+    CountAttestation(&error);
+    done(std::move(error));
     return;
   }
+  CountAttestation(nullptr);
   std::vector<ReportSvc::Document> documents;
   for (Token::SignedDocument& d : signed_documents) {
     documents.push_back({d.type == Token::kKmsAuthJwt ? DocumentType::kKmsAuthJwt : DocumentType::kReportingJwt,

@@ -17,6 +17,7 @@
 #include "tests/support/SwtpmProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/Agent.h"
+#include "tools/HttpClient.h"
 
 namespace Witnessd::Testing {
 namespace {
@@ -257,6 +258,48 @@ TEST_F(ReportService, EachReportErrorForReal) {
   Ready({});
   Agent::AttestResult r = Attest({});
   EXPECT_TRUE(r.ok) << r.failure << r.error_id;
+}
+
+// MetricValue reads one series of a /metrics page; 0 when it is absent.
+double MetricValue(const std::string& page, const std::string& series) {
+  size_t at = page.find("\n" + series + " ");
+  return at == std::string::npos ? 0 : std::stod(page.substr(at + series.size() + 2));
+}
+
+TEST_F(ReportService, MetricsMoveWithAttestations) {
+  Ready({});
+  Agent::HttpClient http("127.0.0.1", daemon_->Port());
+  auto page = [&] {
+    int status = 0;
+    std::string body, error;
+    EXPECT_TRUE(http.Get("/metrics", &status, &body, &error)) << error;
+    EXPECT_EQ(200, status);
+    return body;
+  };
+  const std::string success = R"(witnessd_attestations_total{outcome="success"})";
+  const std::string verify_failed = R"(witnessd_attestations_total{outcome="attest_verify_failed"})";
+  const std::string unknown_tpm = R"(witnessd_attestations_total{outcome="unknown_tpm"})";
+  const std::string calls = R"(witnessd_api_calls_total{operation="com.quarro.hyv.attestation.report.create",result="ok"})";
+  const std::string ended = R"(witnessd_attestation_session_seconds_count{outcome="success"})";
+  std::string before = page();
+
+  ASSERT_TRUE(Attest({}).ok);
+  Agent::AttestOptions tampered;
+  tampered.fault = Fault::kPcrAfterLog;
+  EXPECT_FALSE(Attest(tampered).ok);
+  Ready({true, false, false, false});
+  EXPECT_FALSE(Attest({}).ok);
+
+  std::string after = page();
+  EXPECT_EQ(1, MetricValue(after, success) - MetricValue(before, success)) << after;
+  EXPECT_EQ(1, MetricValue(after, verify_failed) - MetricValue(before, verify_failed));
+  EXPECT_EQ(1, MetricValue(after, unknown_tpm) - MetricValue(before, unknown_tpm));
+  EXPECT_EQ(1, MetricValue(after, ended) - MetricValue(before, ended));
+  // Three turns answered with a context, and the documents, for the success;
+  // three turns for the failed one.
+  EXPECT_EQ(7, MetricValue(after, calls) - MetricValue(before, calls));
+  EXPECT_EQ(0, MetricValue(after, "witnessd_attestation_sessions"));
+  EXPECT_LT(0, MetricValue(after, "witnessd_api_request_seconds_count"));
 }
 
 TEST_F(ReportService, SixthConcurrentSessionOfOneTpmIsRefused) {

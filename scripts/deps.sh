@@ -8,6 +8,7 @@ packages=(
   libjwt-dev libjansson-dev libboost-dev libboost-system-dev libsqlite3-dev
   libtpms-dev libtss2-dev swtpm swtpm-tools tpm2-tools nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  curl systemd dpkg-dev file
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -302,13 +302,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     }
   }
 
-  ProcessResult result;
-  if (!Serialize(out, result.out_context)) {
-    Log_Level(kLogError, "Failed to serialize out context\n");
-    EndSession(session, false);
-    return Fail(SessionResult::kInternalFailure);
-  }
-  return result;
+  return Reply(out, session);
 }
 
 ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& context) {
@@ -385,6 +379,10 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
     return result;
   }
 
+  return Reply(out, session);
+}
+
+ProcessResult Attestation::Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session) {
   ProcessResult result;
   if (!Serialize(out, result.out_context)) {
     Log_Level(kLogError, "Failed to serialize out context\n");

@@ -14,6 +14,10 @@
 #include "platform/MXUser.h"
 #include "tpm2/Session.h"
 
+namespace attestation::proto {
+class Context;
+}  // namespace attestation::proto
+
 namespace Hearth::Service {
 class Config;
 class Scheduler;
@@ -87,6 +91,8 @@ class Attestation {
  private:
   ProcessResult StartSession(const Bytes& ek_digest);
   ProcessResult ContinueSession(const Bytes& ek_digest, const Bytes& context);
+  // Reply serializes |out| as the next context; a failure ends |session|.
+  ProcessResult Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session);
   std::shared_ptr<Session> FindSession(uint64_t id);
   void EndSession(const std::shared_ptr<Session>& session, bool success);
   void ScheduleCleanupExpiredSessions(Hearth::Service::Scheduler& scheduler);

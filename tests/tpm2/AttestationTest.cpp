@@ -2,11 +2,7 @@
 // runs the whole conversation against ReportImpl over a real configuration
 // store, so every report error is provoked by what a host actually sends.
 #include <gtest/gtest.h>
-#include <openssl/bio.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 
-#include <jwt.h>
 
 #include <functional>
 #include <memory>
@@ -20,6 +16,7 @@
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/TokenCheck.h"
 #include "tests/tpm2/InProcessReport.h"
 #include "tools/Agent.h"
 #include "tpm2/Attestation.h"
@@ -90,23 +87,12 @@ class AttestationTest : public Testing::StoreFixture {
   std::unique_ptr<ReportImpl> report_;
 };
 
-// Claims decodes a token with the report-signing certificate's key; null
-// when the signature does not verify.
+// Decode verifies a token with the report-signing certificate; null when
+// the signature does not verify.
 std::shared_ptr<jwt_t> Decode(const std::string& token) {
   std::string cert_pem;
   EXPECT_TRUE(Config::GetSigningCertificate(cert_pem));
-  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())),
-                                               BIO_free);
-  std::unique_ptr<X509, decltype(&X509_free)> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
-  std::unique_ptr<BIO, decltype(&BIO_free_all)> out(BIO_new(BIO_s_mem()), BIO_free_all);
-  PEM_write_bio_PUBKEY(out.get(), X509_get0_pubkey(cert.get()));
-  char* data = nullptr;
-  long len = BIO_get_mem_data(out.get(), &data);
-  jwt_t* jwt = nullptr;
-  if (jwt_decode(&jwt, token.c_str(), reinterpret_cast<unsigned char*>(data), static_cast<int>(len)) != 0) {
-    return nullptr;
-  }
-  return std::shared_ptr<jwt_t>(jwt, jwt_free);
+  return Testing::DecodeToken(token, cert_pem);
 }
 
 TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {

@@ -11,7 +11,7 @@
 #include "tests/support/ApiClient.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
-#include "tests/support/SwtpmProcess.h"
+#include "tests/support/SwtpmHostTest.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/Agent.h"
 
@@ -88,30 +88,8 @@ struct Host {
   }
 };
 
-class RawConfigService : public ::testing::Test {
+class RawConfigService : public SwtpmHostTest {
  protected:
-  static void SetUpTestSuite() {
-    swtpm_ = new SwtpmProcess();
-    ASSERT_TRUE(swtpm_->Setup()) << swtpm_->SetupLog();
-    ASSERT_TRUE(swtpm_->Start()) << swtpm_->SetupLog();
-  }
-  static void TearDownTestSuite() {
-    delete swtpm_;
-    swtpm_ = nullptr;
-  }
-
-  void SetUp() override {
-    ASSERT_NE(nullptr, swtpm_);
-    std::string error;
-    tpm_ = Agent::OpenSwtpmHost(swtpm_->Port(), &error);
-    ASSERT_NE(nullptr, tpm_) << error;
-    // A power cycle first: an earlier test may have left objects loaded.
-    ASSERT_TRUE(tpm_->Boot()) << tpm_->LastError();
-    std::vector<uint8_t> ek;
-    ASSERT_TRUE(tpm_->EkPublic(&ek)) << tpm_->LastError();
-    ASSERT_TRUE(Agent::EkPublicPem(ek, &ek_pem_));
-  }
-
   // ConfigureFully declares settings, two EKs, a CA chain and a base image
   // matching the swtpm host's boot.
   void ConfigureFully(Host& host) {
@@ -134,12 +112,7 @@ class RawConfigService : public ::testing::Test {
     return Agent::Attest(tpm_.get(), "127.0.0.1", host.daemon->Port(), options);
   }
 
-  static SwtpmProcess* swtpm_;
-  std::unique_ptr<Agent::HostTpm> tpm_;
-  std::string ek_pem_;
 };
-
-SwtpmProcess* RawConfigService::swtpm_ = nullptr;
 
 TEST_F(RawConfigService, ExportFromOneDaemonImportIntoAnother) {
   Host a("config-a");

@@ -2,10 +2,6 @@
 // attested host's TPM driven by the test agent, a base image imported from a
 // signed image database whose checksums are what the agent measures.
 #include <gtest/gtest.h>
-#include <jwt.h>
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -14,7 +10,8 @@
 #include "tests/support/ApiClient.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
-#include "tests/support/SwtpmProcess.h"
+#include "tests/support/SwtpmHostTest.h"
+#include "tests/support/TokenCheck.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/Agent.h"
 #include "tools/HttpClient.h"
@@ -43,28 +40,10 @@ struct TrustConfig {
   bool configure_cas = false;
 };
 
-class ReportService : public ::testing::Test {
+class ReportService : public SwtpmHostTest {
  protected:
-  static void SetUpTestSuite() {
-    swtpm_ = new SwtpmProcess();
-    ASSERT_TRUE(swtpm_->Setup()) << swtpm_->SetupLog();
-    ASSERT_TRUE(swtpm_->Start()) << swtpm_->SetupLog();
-  }
-  static void TearDownTestSuite() {
-    delete swtpm_;
-    swtpm_ = nullptr;
-  }
-
   void SetUp() override {
-    ASSERT_NE(nullptr, swtpm_);
-    std::string error;
-    tpm_ = Agent::OpenSwtpmHost(swtpm_->Port(), &error);
-    ASSERT_NE(nullptr, tpm_) << error;
-    // A power cycle first: an earlier test may have left objects loaded.
-    ASSERT_TRUE(tpm_->Boot()) << tpm_->LastError();
-    std::vector<uint8_t> ek;
-    ASSERT_TRUE(tpm_->EkPublic(&ek)) << tpm_->LastError();
-    ASSERT_TRUE(Agent::EkPublicPem(ek, &ek_pem_));
+    SwtpmHostTest::SetUp();
     sysroot_ = MakeTempDir("witnessd-report");
     PrepareSysroot(sysroot_);
     token_ = InstallTrustedIssuer(sysroot_);
@@ -129,37 +108,12 @@ class ReportService : public ::testing::Test {
     return r.output.value("certificate", "");
   }
 
-  static SwtpmProcess* swtpm_;
-  std::unique_ptr<Agent::HostTpm> tpm_;
-  std::string ek_pem_;
   std::string sysroot_;
   std::string token_;
   std::unique_ptr<ImgdbFixture> imgdb_;
   std::unique_ptr<DaemonProcess> daemon_;
   std::unique_ptr<ApiClient> admin_;
 };
-
-SwtpmProcess* ReportService::swtpm_ = nullptr;
-
-// Decode verifies |token| with the public key of |cert_pem|; null when the
-// signature does not verify.
-std::shared_ptr<jwt_t> Decode(const std::string& token, const std::string& cert_pem) {
-  std::unique_ptr<BIO, decltype(&BIO_free)> in(BIO_new_mem_buf(cert_pem.data(), static_cast<int>(cert_pem.size())),
-                                              BIO_free);
-  std::unique_ptr<X509, decltype(&X509_free)> cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr), X509_free);
-  if (cert == nullptr) {
-    return nullptr;
-  }
-  std::unique_ptr<BIO, decltype(&BIO_free_all)> out(BIO_new(BIO_s_mem()), BIO_free_all);
-  PEM_write_bio_PUBKEY(out.get(), X509_get0_pubkey(cert.get()));
-  char* key = nullptr;
-  long len = BIO_get_mem_data(out.get(), &key);
-  jwt_t* jwt = nullptr;
-  if (jwt_decode(&jwt, token.c_str(), reinterpret_cast<unsigned char*>(key), static_cast<int>(len)) != 0) {
-    return nullptr;
-  }
-  return std::shared_ptr<jwt_t>(jwt, jwt_free);
-}
 
 TEST_F(ReportService, SwtpmHostAttestsAndGetsVerifiableTokens) {
   const struct {
@@ -189,7 +143,7 @@ TEST_F(ReportService, SwtpmHostAttestsAndGetsVerifiableTokens) {
     std::string cert = SigningCertificate();
     for (size_t i = 0; i < c.types.size(); i++) {
       EXPECT_EQ(c.types[i], r.documents[i].first);
-      auto jwt = Decode(r.documents[i].second, cert);
+      auto jwt = DecodeToken(r.documents[i].second, cert);
       ASSERT_NE(nullptr, jwt) << "token does not verify with the report-signing certificate";
       EXPECT_STREQ("hyv", jwt_get_grant(jwt.get(), "os"));
       EXPECT_STREQ(kVersion, jwt_get_grant(jwt.get(), "os_version"));

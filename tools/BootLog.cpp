@@ -93,23 +93,23 @@ Bytes WriteEventLog(const std::vector<BootEvent>& events) {
   Bytes log;
   // TCG_PCR_EVENT header: PCR 0, EV_NO_ACTION, a zero SHA-1 slot, then the
   // TCG_EfiSpecIDEvent naming the one bank this log carries.
-  Bytes spec;
+  Bytes spec_id;
   const char kSignature[16] = "Spec ID Event03";
-  spec.insert(spec.end(), kSignature, kSignature + sizeof(kSignature));
-  PutLe32(&spec, 0);    // platformClass: client
-  spec.push_back(0);    // specVersionMinor
-  spec.push_back(2);    // specVersionMajor
-  spec.push_back(0);    // specErrata
-  spec.push_back(2);    // uintnSize: 64-bit
-  PutLe32(&spec, 1);    // numberOfAlgorithms
-  PutLe16(&spec, kAlgSha256);
-  PutLe16(&spec, 32);
-  spec.push_back(0);    // vendorInfoSize
+  spec_id.insert(spec_id.end(), kSignature, kSignature + sizeof(kSignature));
+  PutLe32(&spec_id, 0);    // platformClass: client
+  spec_id.push_back(0);    // specVersionMinor
+  spec_id.push_back(2);    // specVersionMajor
+  spec_id.push_back(0);    // specErrata
+  spec_id.push_back(2);    // uintnSize: 64-bit
+  PutLe32(&spec_id, 1);    // numberOfAlgorithms
+  PutLe16(&spec_id, kAlgSha256);
+  PutLe16(&spec_id, 32);
+  spec_id.push_back(0);    // vendorInfoSize
   PutLe32(&log, 0);
   PutLe32(&log, kEvNoAction);
   log.insert(log.end(), 20, 0);
-  PutLe32(&log, static_cast<uint32_t>(spec.size()));
-  Append(&log, spec);
+  PutLe32(&log, static_cast<uint32_t>(spec_id.size()));
+  Append(&log, spec_id);
 
   for (const BootEvent& e : events) {
     // TCG_PCR_EVENT2: pcrIndex, eventType, TPML_DIGEST_VALUES (count,

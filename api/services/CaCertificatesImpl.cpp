@@ -83,28 +83,28 @@ void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
   }
 }
 
-void CaCertificatesImpl::Create(const CreateSpec& spec, Callback<Lumen::Void> done) {
-  if (auto error = CheckName(spec.name)) {
+void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
+  if (auto error = CheckName(args.name)) {
     done(std::move(*error));
     return;
   }
-  if (spec.certificates.empty()) {
+  if (args.certificates.empty()) {
     Log_Level(kLogError, "CA certificates argument certs empty\n");
     done(Errors::InvalidArgument(kEmptyCerts));
     return;
   }
-  if (!ChainIsValid(spec.certificates)) {
-    Log_Level(kLogError, "CA Certificate '%s' validation failed\n", spec.name.c_str());
+  if (!ChainIsValid(args.certificates)) {
+    Log_Level(kLogError, "CA Certificate '%s' validation failed\n", args.name.c_str());
     done(Errors::InvalidArgument(kInvalidChain));
     return;
   }
   // Stored as received; reads give the standardized form.
-  switch (Config::Tpm2::AddCaCertificates(spec.name, spec.certificates)) {
+  switch (Config::Tpm2::AddCaCertificates(args.name, args.certificates)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;
     case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(kAlreadyExists, {spec.name}));
+      done(Errors::AlreadyExists(kAlreadyExists, {args.name}));
       return;
     default:
       done(StdErrors::Error());

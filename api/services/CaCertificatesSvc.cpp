@@ -23,12 +23,12 @@ void CaCertificatesSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<C
       by_name, [impl](const std::string& name, Callback<Info> done) { impl->Get(name, std::move(done)); });
   iface->operations["create"] = Binding::MakeOperation<CreateSpec, Void>(
       [](Binding::InputReader& r) {
-        CreateSpec spec;
-        spec.name = r.Name("name");
-        spec.certificates = r.StringList("certificates");
-        return spec;
+        CreateSpec args;
+        args.name = r.Name("name");
+        args.certificates = r.StringList("certificates");
+        return args;
       },
-      [impl](const CreateSpec& spec, Callback<Void> done) { impl->Create(spec, std::move(done)); });
+      [impl](const CreateSpec& args, Callback<Void> done) { impl->Create(args, std::move(done)); });
   iface->operations["delete"] = Binding::MakeOperation<std::string, Void>(
       by_name, [impl](const std::string& name, Callback<Void> done) { impl->Delete(name, std::move(done)); });
   interfaces->push_back(iface);

@@ -29,7 +29,7 @@ class CaCertificatesSvc {
   virtual ~CaCertificatesSvc() = default;
   virtual void List(Callback<std::vector<Summary>> done) = 0;
   virtual void Get(const std::string& name, Callback<Info> done) = 0;
-  virtual void Create(const CreateSpec& spec, Callback<Lumen::Void> done) = 0;
+  virtual void Create(const CreateSpec& args, Callback<Lumen::Void> done) = 0;
   virtual void Delete(const std::string& name, Callback<Lumen::Void> done) = 0;
 
   struct AsyncServiceBinder {

@@ -115,34 +115,34 @@ void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
   }
 }
 
-void EndorsementKeysImpl::Create(const CreateSpec& spec, Callback<Lumen::Void> done) {
-  if (spec.name.empty()) {
+void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
+  if (args.name.empty()) {
     done(Errors::InvalidArgument(kEmptyName));
     return;
   }
-  if (!spec.public_key && !spec.certificate) {
+  if (!args.public_key && !args.certificate) {
     Log_Level(kLogError, "Endorsement Key create requires public key or certificate\n");
     done(Errors::InvalidArgument(kNoEk));
     return;
   }
   std::string key;
-  if (!spec.certificate) {
-    key = *spec.public_key;
+  if (!args.certificate) {
+    key = *args.public_key;
     if (!SslUtils::StandardizePemPubKey(key) || !SslUtils::ValidatePemKey(key)) {
-      Log_Level(kLogError, "Public Endorsement Key validation failed for '%s'\n", spec.name.c_str());
+      Log_Level(kLogError, "Public Endorsement Key validation failed for '%s'\n", args.name.c_str());
       done(Errors::InvalidArgument(kInvalidKey));
       return;
     }
-  } else if (auto error = KeyFromCertificate(spec.name, *spec.certificate, spec.public_key, key)) {
+  } else if (auto error = KeyFromCertificate(args.name, *args.certificate, args.public_key, key)) {
     done(std::move(*error));
     return;
   }
-  switch (Config::Tpm2::AddEndorsementKey(spec.name, key)) {
+  switch (Config::Tpm2::AddEndorsementKey(args.name, key)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;
     case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(kAlreadyExists, {spec.name}));
+      done(Errors::AlreadyExists(kAlreadyExists, {args.name}));
       return;
     case ConfigResult::kConfigDuplicate:
       done(Errors::AlreadyExists(kAlreadyExistsEk));

@@ -10,7 +10,7 @@ class EndorsementKeysImpl : public EndorsementKeysSvc {
  public:
   void List(Callback<std::vector<Summary>> done) override;
   void Get(const std::string& name, Callback<Info> done) override;
-  void Create(const CreateSpec& spec, Callback<Lumen::Void> done) override;
+  void Create(const CreateSpec& args, Callback<Lumen::Void> done) override;
   void Delete(const std::string& name, Callback<Lumen::Void> done) override;
 };
 

@@ -23,13 +23,13 @@ void EndorsementKeysSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<
       by_name, [impl](const std::string& name, Callback<Info> done) { impl->Get(name, std::move(done)); });
   iface->operations["create"] = Binding::MakeOperation<CreateSpec, Void>(
       [](Binding::InputReader& r) {
-        CreateSpec spec;
-        spec.name = r.Name("name");
-        spec.public_key = r.OptString("public_key");
-        spec.certificate = r.OptString("certificate");
-        return spec;
+        CreateSpec args;
+        args.name = r.Name("name");
+        args.public_key = r.OptString("public_key");
+        args.certificate = r.OptString("certificate");
+        return args;
       },
-      [impl](const CreateSpec& spec, Callback<Void> done) { impl->Create(spec, std::move(done)); });
+      [impl](const CreateSpec& args, Callback<Void> done) { impl->Create(args, std::move(done)); });
   iface->operations["delete"] = Binding::MakeOperation<std::string, Void>(
       by_name, [impl](const std::string& name, Callback<Void> done) { impl->Delete(name, std::move(done)); });
   interfaces->push_back(iface);

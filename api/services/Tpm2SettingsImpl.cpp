@@ -14,13 +14,13 @@ void Tpm2SettingsImpl::Get(Callback<Info> done) {
   done(info);
 }
 
-void Tpm2SettingsImpl::Update(const UpdateSpec& spec, Callback<Lumen::Void> done) {
-  if (!spec.require_endorsement_keys && !spec.require_certificate_validation) {
+void Tpm2SettingsImpl::Update(const UpdateSpec& args, Callback<Lumen::Void> done) {
+  if (!args.require_endorsement_keys && !args.require_certificate_validation) {
     Log_Level(kLogVerbose, "Neither input specified for tpm2 settings\n");
     done(Lumen::Void{});
     return;
   }
-  switch (Config::Tpm2::UpdateTpm2Settings(spec.require_endorsement_keys, spec.require_certificate_validation)) {
+  switch (Config::Tpm2::UpdateTpm2Settings(args.require_endorsement_keys, args.require_certificate_validation)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;

@@ -9,7 +9,7 @@ namespace Witnessd::AttestApi {
 class Tpm2SettingsImpl : public Tpm2SettingsSvc {
  public:
   void Get(Callback<Info> done) override;
-  void Update(const UpdateSpec& spec, Callback<Lumen::Void> done) override;
+  void Update(const UpdateSpec& args, Callback<Lumen::Void> done) override;
 };
 
 }  // namespace Witnessd::AttestApi

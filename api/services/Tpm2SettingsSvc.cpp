@@ -15,12 +15,12 @@ void Tpm2SettingsSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<Tpm
       Binding::DecodeNothing, [impl](const Binding::NoInput&, Callback<Info> done) { impl->Get(std::move(done)); });
   iface->operations["update"] = Binding::MakeOperation<UpdateSpec, Lumen::Void>(
       [](Binding::InputReader& r) {
-        UpdateSpec spec;
-        spec.require_endorsement_keys = r.OptBool("require_endorsement_keys");
-        spec.require_certificate_validation = r.OptBool("require_certificate_validation");
-        return spec;
+        UpdateSpec args;
+        args.require_endorsement_keys = r.OptBool("require_endorsement_keys");
+        args.require_certificate_validation = r.OptBool("require_certificate_validation");
+        return args;
       },
-      [impl](const UpdateSpec& spec, Callback<Lumen::Void> done) { impl->Update(spec, std::move(done)); });
+      [impl](const UpdateSpec& args, Callback<Lumen::Void> done) { impl->Update(args, std::move(done)); });
   interfaces->push_back(iface);
 }
 

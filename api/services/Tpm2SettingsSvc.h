@@ -24,7 +24,7 @@ class Tpm2SettingsSvc {
 
   virtual ~Tpm2SettingsSvc() = default;
   virtual void Get(Callback<Info> done) = 0;
-  virtual void Update(const UpdateSpec& spec, Callback<Lumen::Void> done) = 0;
+  virtual void Update(const UpdateSpec& args, Callback<Lumen::Void> done) = 0;
 
   struct AsyncServiceBinder {
     static void BindImplementation(std::shared_ptr<Tpm2SettingsSvc> impl,

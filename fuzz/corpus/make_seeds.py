@@ -70,9 +70,9 @@ write('verify_quote', 'real_sha1_quote',
 for name in ['event.bin', 'event-uefiservices.bin', 'event-sd-boot-fedora37.bin', 'short_no_action_eventlog',
              'event-uefi-sha1-log.bin']:
     write('event_log', name, open(f'{D}/eventlog/{name}', 'rb').read())
-spec = b'Spec ID Event03\x00' + le32(0) + bytes([0, 2, 0, 2]) + le32(2) + le16(4) + le16(20) + le16(11) + le16(32) \
+spec_id = b'Spec ID Event03\x00' + le32(0) + bytes([0, 2, 0, 2]) + le32(2) + le16(4) + le16(20) + le16(11) + le16(32) \
     + b'\x00'
-log = le32(0) + le32(3) + bytes(20) + le32(len(spec)) + spec
+log = le32(0) + le32(3) + bytes(20) + le32(len(spec_id)) + spec_id
 for pcr, hvk_id, payload in [(10, 5, b'uefiSecureBootEnabled = TRUE'), (12, 1, b'k.b00'), (12, 1, b's.v00'),
                              (12, 2, b'sb.v00'), (11, 2, b'hyvupdt.v00'), (17, 2, b'b'), (19, 1, b'k.b00'),
                              (4, 1, b'boot')]:

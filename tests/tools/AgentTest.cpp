@@ -365,7 +365,7 @@ TEST(BootLog, ParsesBackToTheEventsWithTaggedPayloads) {
     Bytes log = WriteEventLog(events);
     std::vector<Entry> entries;
     ASSERT_TRUE(HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), log.size(), &entries));
-    ASSERT_EQ(events.size() + 1, entries.size());  // the Spec ID header comes first
+    ASSERT_EQ(events.size() + 1, entries.size());  // the Spec ID Event03 header comes first
     for (size_t i = 0; i < events.size(); ++i) {
       const Entry& e = entries[i + 1];
       EXPECT_EQ(events[i].pcr, e.pcrIndex);

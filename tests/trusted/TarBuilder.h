@@ -23,30 +23,30 @@ struct TarHeaderSpec {
 
 class TarBuilder {
  public:
-  TarBuilder& Add(const TarHeaderSpec& spec) {
+  TarBuilder& Add(const TarHeaderSpec& entry) {
     uint8_t h[512] = {};
-    memcpy(h, spec.name.data(), std::min<size_t>(spec.name.size(), 100));
-    PutText(h + 100, spec.mode, 8);
+    memcpy(h, entry.name.data(), std::min<size_t>(entry.name.size(), 100));
+    PutText(h + 100, entry.mode, 8);
     PutText(h + 108, "0001750", 8);
     PutText(h + 116, "0001750", 8);
     char size[16];
-    snprintf(size, sizeof(size), "%011llo", static_cast<unsigned long long>(spec.data.size()));
-    PutText(h + 124, spec.size.empty() ? size : spec.size, 12);
+    snprintf(size, sizeof(size), "%011llo", static_cast<unsigned long long>(entry.data.size()));
+    PutText(h + 124, entry.size.empty() ? size : entry.size, 12);
     PutText(h + 136, "14567123456", 12);
-    h[156] = static_cast<uint8_t>(spec.type);
-    memcpy(h + 257, spec.magic.data(), std::min<size_t>(spec.magic.size(), 8));
-    h[345] = static_cast<uint8_t>(spec.prefix_first);
+    h[156] = static_cast<uint8_t>(entry.type);
+    memcpy(h + 257, entry.magic.data(), std::min<size_t>(entry.magic.size(), 8));
+    h[345] = static_cast<uint8_t>(entry.prefix_first);
     memset(h + 148, ' ', 8);
     unsigned sum = 0;
     for (uint8_t b : h) {
       sum += b;
     }
-    sum += spec.checksum_delta;
+    sum += entry.checksum_delta;
     char chk[8];
     snprintf(chk, sizeof(chk), "%06o", sum);
     memcpy(h + 148, chk, 7);  // six digits, NUL, then the blank left in place
     bytes_.insert(bytes_.end(), h, h + 512);
-    bytes_.insert(bytes_.end(), spec.data.begin(), spec.data.end());
+    bytes_.insert(bytes_.end(), entry.data.begin(), entry.data.end());
     bytes_.resize((bytes_.size() + 511) / 512 * 512, 0);
     return *this;
   }

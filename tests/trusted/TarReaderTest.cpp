@@ -69,16 +69,16 @@ TEST(TarReaderPopulate, StrictnessRules) {
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
-    TarHeaderSpec spec;
-    spec.name = "file";
-    spec.data = "hello";
-    c.mutate(&spec);
+    TarHeaderSpec entry;
+    entry.name = "file";
+    entry.data = "hello";
+    c.mutate(&entry);
     TarBuilder b;
-    b.Add(spec).End();
+    b.Add(entry).End();
     auto archive = Populate(b.Bytes());
     EXPECT_EQ(c.ok, archive != nullptr);
     if (archive) {
-      EXPECT_EQ(spec.name, archive->entries.at(0)->name);
+      EXPECT_EQ(entry.name, archive->entries.at(0)->name);
     }
   }
 }

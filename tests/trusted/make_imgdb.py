@@ -191,8 +191,8 @@ def main():
         {"name": "b", "checksums": [(a.mle_digest, "sha-256", "txt-mle"), ("cc" * 32, "sha-256", "gunzip")]},
     ]
     base_profile = [("hvkernel.gz", "k"), ("boot.b00", "b")]
-    for spec in a.payload:
-        name, file_name, digest = spec.split(":")
+    for item in a.payload:
+        name, file_name, digest = item.split(":")
         base_payloads.append({"name": name, "checksums": [(digest, "sha-256", "gunzip")]})
         base_profile.append((file_name, name))
     if a.checksum_len:

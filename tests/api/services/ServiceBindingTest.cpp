@@ -24,9 +24,9 @@ struct FakeEk : EndorsementKeysSvc {
   int calls = 0;
   void List(Callback<std::vector<Summary>> done) override { done(std::vector<Summary>{{"ek1"}, {"ek2"}}); }
   void Get(const std::string& name, Callback<Info> done) override { done(Info{name, "PEM"}); }
-  void Create(const CreateSpec& spec, Callback<Lumen::Void> done) override {
+  void Create(const CreateSpec& args, Callback<Lumen::Void> done) override {
     ++calls;
-    created = spec;
+    created = args;
     done(Lumen::Void{});
   }
   void Delete(const std::string&, Callback<Lumen::Void> done) override {

@@ -211,23 +211,23 @@ struct AgileLog {
   bool zero_header_digest = true;
 
   Bytes Build() const {
-    Bytes spec;
+    Bytes spec_id;
     auto u8 = [](Bytes* b, uint8_t x) { b->push_back(x); };
     auto u16 = [](Bytes* b, uint16_t x) { b->push_back(x & 0xff); b->push_back(x >> 8); };
     auto u32 = [&](Bytes* b, uint32_t x) { u16(b, x & 0xffff); u16(b, x >> 16); };
     const char kSig[16] = "Spec ID Event03";
-    spec.insert(spec.end(), kSig, kSig + 16);
-    u32(&spec, 0);                                   // platformClass
-    u8(&spec, 0); u8(&spec, spec_major); u8(&spec, 0); u8(&spec, 2);  // minor, major, errata, uintnSize
-    u32(&spec, num_algorithms);
-    u16(&spec, 0x0004); u16(&spec, 20);
-    u16(&spec, second_alg); u16(&spec, sha256_size);
-    u8(&spec, vendor_size);
+    spec_id.insert(spec_id.end(), kSig, kSig + 16);
+    u32(&spec_id, 0);                                   // platformClass
+    u8(&spec_id, 0); u8(&spec_id, spec_major); u8(&spec_id, 0); u8(&spec_id, 2);  // minor, major, errata, uintnSize
+    u32(&spec_id, num_algorithms);
+    u16(&spec_id, 0x0004); u16(&spec_id, 20);
+    u16(&spec_id, second_alg); u16(&spec_id, sha256_size);
+    u8(&spec_id, vendor_size);
     Bytes log;
     u32(&log, 0); u32(&log, 3);                      // PCR 0, EV_NO_ACTION
     log.resize(log.size() + 20, zero_header_digest ? 0 : 1);
-    u32(&log, static_cast<uint32_t>(spec.size()));
-    log.insert(log.end(), spec.begin(), spec.end());
+    u32(&log, static_cast<uint32_t>(spec_id.size()));
+    log.insert(log.end(), spec_id.begin(), spec_id.end());
     u32(&log, 12); u32(&log, 6);                     // PCR 12, EV_EVENT_TAG
     u32(&log, event_digests);
     u16(&log, 0x0004); log.resize(log.size() + 20, 0xaa);

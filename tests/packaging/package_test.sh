@@ -12,7 +12,10 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 
 (cd "$build" && cpack -G DEB -B "$work/out" >/dev/null) || fail "cpack"
 deb=$(ls "$work"/out/witnessd_*.deb)
-dpkg-deb --info "$deb" | grep -q "Depends: .*libssl3" || fail "package does not depend on libssl3"
+# Whole outputs first: grep -q ends a pipe early, and pipefail would count
+# the writer's SIGPIPE as a failure.
+info=$(dpkg-deb --info "$deb")
+[[ "$info" == *"Depends: "*libssl3* ]] || fail "package does not depend on libssl3"
 root=$work/root
 dpkg-deb -x "$deb" "$root"
 for f in usr/sbin/witnessd usr/lib/quarro/lumen/attest_lumen_metadata.json \
@@ -45,7 +48,7 @@ grep -q "HTTP endpoint listening on TCP port $port" "$work/daemon.log" || { cat 
 reply=$(curl -s -X POST -H 'Content-Type: application/vnd.quarro.lumen.cleanjson' --data \
   '{"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":"com.quarro.lumen.std.introspection.provider","operationId":"get","input":{}}}' \
   "http://127.0.0.1:$port/api")
-echo "$reply" | grep -q '"id":"witnessd"' || fail "introspection answered: $reply"
+[[ "$reply" == *'"id":"witnessd"'* ]] || fail "introspection answered: $reply"
 kill -TERM "$pid"
 wait "$pid" || fail "daemon exit status $?"
 pid=""

@@ -1,6 +1,7 @@
 #include "api/services/CaCertificatesImpl.h"
 
 #include "api/errors/ErrorCatalogue.h"
+#include "api/services/ConfigOutcome.h"
 #include "config/tpm2/CaCertificates.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
@@ -50,15 +51,8 @@ bool ChainIsValid(const std::vector<std::string>& certificates) {
 
 void CaCertificatesImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> names;
-  if (Config::Tpm2::ListCaCertificates(names) != ConfigResult::kConfigOk) {
-    done(StdErrors::Error());
-    return;
-  }
-  std::vector<Summary> out;
-  for (std::string& name : names) {
-    out.push_back({std::move(name)});
-  }
-  done(std::move(out));
+  ConfigResult result = Config::Tpm2::ListCaCertificates(names);
+  done(ListOutcome<Summary>(result, std::move(names)));
 }
 
 void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
@@ -67,20 +61,8 @@ void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
     return;
   }
   Info info{name, {}};
-  switch (Config::Tpm2::GetCaCertificates(name, info.certificates)) {
-    case ConfigResult::kConfigOk:
-      done(std::move(info));
-      return;
-    case ConfigResult::kConfigNotFound:
-      done(StdErrors::NotFound({}));
-      return;
-    case ConfigResult::kConfigInvalidData:
-      done(Errors::Error(kInvalidData));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  ConfigResult result = Config::Tpm2::GetCaCertificates(name, info.certificates);
+  done(ReadOutcome(result, std::move(info), kInvalidData));
 }
 
 void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
@@ -117,17 +99,7 @@ void CaCertificatesImpl::Delete(const std::string& name, Callback<Lumen::Void> d
     done(std::move(*error));
     return;
   }
-  switch (Config::Tpm2::DeleteCaCertificates(name)) {
-    case ConfigResult::kConfigOk:
-      done(Lumen::Void{});
-      return;
-    case ConfigResult::kConfigNotFound:
-      done(StdErrors::NotFound({}));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  done(DeleteOutcome(Config::Tpm2::DeleteCaCertificates(name)));
 }
 
 }  // namespace Witnessd::AttestApi

@@ -1,6 +1,7 @@
 #include "api/services/EndorsementKeysImpl.h"
 
 #include "api/errors/ErrorCatalogue.h"
+#include "api/services/ConfigOutcome.h"
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "config/tpm2/Tpm2Settings.h"
@@ -82,15 +83,8 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
 
 void EndorsementKeysImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> names;
-  if (Config::Tpm2::ListEndorsementKeys(names) != ConfigResult::kConfigOk) {
-    done(StdErrors::Error());
-    return;
-  }
-  std::vector<Summary> out;
-  for (std::string& name : names) {
-    out.push_back({std::move(name)});
-  }
-  done(std::move(out));
+  ConfigResult result = Config::Tpm2::ListEndorsementKeys(names);
+  done(ListOutcome<Summary>(result, std::move(names)));
 }
 
 void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
@@ -99,20 +93,8 @@ void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
     return;
   }
   Info info{name, ""};
-  switch (Config::Tpm2::GetEndorsementKey(name, info.public_key)) {
-    case ConfigResult::kConfigOk:
-      done(std::move(info));
-      return;
-    case ConfigResult::kConfigNotFound:
-      done(StdErrors::NotFound({}));
-      return;
-    case ConfigResult::kConfigInvalidData:
-      done(Errors::Error(kInvalidData));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  ConfigResult result = Config::Tpm2::GetEndorsementKey(name, info.public_key);
+  done(ReadOutcome(result, std::move(info), kInvalidData));
 }
 
 void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
@@ -158,17 +140,7 @@ void EndorsementKeysImpl::Delete(const std::string& name, Callback<Lumen::Void> 
     done(Errors::InvalidArgument(kEmptyName));
     return;
   }
-  switch (Config::Tpm2::DeleteEndorsementKey(name)) {
-    case ConfigResult::kConfigOk:
-      done(Lumen::Void{});
-      return;
-    case ConfigResult::kConfigNotFound:
-      done(StdErrors::NotFound({}));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  done(DeleteOutcome(Config::Tpm2::DeleteEndorsementKey(name)));
 }
 
 }  // namespace Witnessd::AttestApi

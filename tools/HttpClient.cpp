@@ -67,9 +67,11 @@ bool HttpClient::Connect(std::string* error) {
 }
 
 bool HttpClient::SendAll(const std::string& data) {
+  // Sent in slices so that a large upload can report its progress.
+  constexpr size_t kSlice = 256 * 1024;
   size_t sent = 0;
   while (sent < data.size()) {
-    ssize_t n = send(fd_, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+    ssize_t n = send(fd_, data.data() + sent, std::min(kSlice, data.size() - sent), MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -77,6 +79,9 @@ bool HttpClient::SendAll(const std::string& data) {
       return false;
     }
     sent += static_cast<size_t>(n);
+    if (progress_) {
+      progress_(sent, data.size());
+    }
   }
   return true;
 }
@@ -203,13 +208,19 @@ bool HttpClient::Exchange(const std::string& request, int* out_status, std::stri
       return false;
     }
     bool close_after = false;
-    if (SendAll(request) && ReadReply(out_status, out_body, &close_after, error)) {
-      if (close_after) {
+    bool sent = SendAll(request);
+    // A server may answer before it has read the whole request (a body over
+    // its size limit) and then close: its reply is still worth reading.
+    if (ReadReply(out_status, out_body, &close_after, error)) {
+      if (close_after || !sent) {
         Close();
       }
       return true;
     }
     Close();
+    if (!sent) {
+      *error = "connection lost while sending the request";
+    }
     if (fresh) {
       return false;
     }

@@ -2,13 +2,18 @@
 // connection, reconnecting when the server closed it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace Witnessd::Agent {
 
 class HttpClient {
  public:
+  // Progress is told the bytes of a request sent so far and its total size.
+  using Progress = std::function<void(size_t sent, size_t total)>;
+
   HttpClient(std::string host, uint16_t port) : host_(std::move(host)), port_(port) {}
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;
@@ -20,6 +25,8 @@ class HttpClient {
   // Returns false with |error| set when no complete reply arrives.
   bool Post(const std::string& path, const std::string& content_type, const std::string& body, int* out_status,
             std::string* out_body, std::string* error);
+  // SetProgress reports the sending of every later request; null stops it.
+  void SetProgress(Progress progress) { progress_ = std::move(progress); }
 
  private:
   // Exchange sends one whole request and reads its reply.
@@ -35,6 +42,7 @@ class HttpClient {
   uint16_t port_;
   int fd_ = -1;
   std::string buf_;
+  Progress progress_;
 };
 
 }  // namespace Witnessd::Agent

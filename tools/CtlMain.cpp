@@ -1,0 +1,314 @@
+// witnessctl: administers a running witnessd. Its commands come from the
+// daemon's CLI metadata, so an operation added there is reachable here
+// without a new client.
+//
+//   witnessctl [--host H] [--port P] [--token-file F] [--json] [--output F]
+//              [--progress] WORDS... [--OPTION VALUE]...
+//   witnessctl WORDS... --help
+//   witnessctl token create --issuer-key FILE --subject NAME
+//              --entitlement PRIVILEGE... [--validity SECONDS]
+//
+// The token comes from --token-file or else WITNESSD_TOKEN; the port from
+// --port, else WITNESSD_PORT, else 7889. Exit status: 0 done, 1 the daemon
+// refused or could not be reached, 2 a usage error.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/lumen/Json.h"
+#include "tools/Ctl.h"
+
+namespace {
+
+using namespace Witnessd::Ctl;
+using nlohmann::json;
+
+constexpr const char* kGlobalUsage =
+    "usage: witnessctl [--host H] [--port P] [--token-file F] [--json] [--output F] [--progress]\n"
+    "                  WORDS... [--OPTION VALUE]...\n"
+    "       witnessctl WORDS... --help\n"
+    "       witnessctl token create --issuer-key FILE --subject NAME --entitlement PRIVILEGE...\n"
+    "                  [--validity SECONDS]\n"
+    "\n"
+    "The token comes from --token-file, else WITNESSD_TOKEN. A command can be called by any tail\n"
+    "of its words that names it alone (\"endorsement-keys list\" for \"tpm2 endorsement-keys list\").\n";
+
+// Uploads at least this large show their progress on a terminal.
+constexpr size_t kProgressThreshold = 1024 * 1024;
+
+struct Args {
+  std::string host = "127.0.0.1";
+  uint16_t port = 7889;
+  std::string token_file;
+  std::string output;
+  bool json = false;
+  bool help = false;
+  bool progress = false;
+  std::vector<std::string> words;
+  std::vector<std::pair<std::string, std::string>> options;  // command options, in order
+};
+
+int UsageError(const std::string& message) {
+  std::fprintf(stderr, "witnessctl: %s\n", message.c_str());
+  return kExitUsage;
+}
+
+bool ParsePort(const std::string& text, uint16_t* out) {
+  char* end = nullptr;
+  long v = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || v < 1 || v > 65535) {
+    return false;
+  }
+  *out = static_cast<uint16_t>(v);
+  return true;
+}
+
+// Parse splits the command line into global options, words and command
+// options ("--name value" or "--name=value").
+bool Parse(int argc, char** argv, Args* args, std::string* error) {
+  if (const char* env = std::getenv("WITNESSD_PORT"); env != nullptr && !ParsePort(env, &args->port)) {
+    *error = std::string("WITNESSD_PORT is not a port: ") + env;
+    return false;
+  }
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "-h" || a == "--help") {
+      args->help = true;
+      continue;
+    }
+    if (a == "--json") {
+      args->json = true;
+      continue;
+    }
+    if (a == "--progress") {
+      args->progress = true;
+      continue;
+    }
+    if (a.rfind("--", 0) != 0 || a.size() == 2) {
+      args->words.push_back(a);
+      continue;
+    }
+    std::string name = a.substr(2);
+    std::string value;
+    if (size_t eq = name.find('='); eq != std::string::npos) {
+      value = name.substr(eq + 1);
+      name.resize(eq);
+    } else if (i + 1 < argc) {
+      value = argv[++i];
+    } else {
+      *error = "--" + name + " needs a value";
+      return false;
+    }
+    if (name == "host") {
+      args->host = value;
+    } else if (name == "port") {
+      if (!ParsePort(value, &args->port)) {
+        *error = "--port: not a port: " + value;
+        return false;
+      }
+    } else if (name == "token-file") {
+      args->token_file = value;
+    } else if (name == "output") {
+      args->output = value;
+    } else {
+      args->options.emplace_back(name, value);
+    }
+  }
+  return true;
+}
+
+bool ReadFile(const std::string& path, std::string* out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    return false;
+  }
+  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return true;
+}
+
+std::string Trim(std::string s) {
+  s.erase(0, s.find_first_not_of(" \t\r\n"));
+  s.erase(s.find_last_not_of(" \t\r\n") + 1);
+  return s;
+}
+
+int TokenCreate(const Args& args) {
+  std::string key_file;
+  std::string subject;
+  std::vector<std::string> entitlements;
+  long validity = 3600;
+  for (const auto& [name, value] : args.options) {
+    if (name == "issuer-key") {
+      key_file = value;
+    } else if (name == "subject") {
+      subject = value;
+    } else if (name == "entitlement") {
+      entitlements.push_back(value);
+    } else if (name == "validity") {
+      char* end = nullptr;
+      validity = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || validity < 1 || validity > 366L * 24 * 3600) {
+        return UsageError("--validity: seconds from 1 to one year, got '" + value + "'");
+      }
+    } else {
+      return UsageError("unknown option --" + name + " of token create");
+    }
+  }
+  if (args.words.size() != 2 || args.words[1] != "create") {
+    return UsageError("the token command is: token create");
+  }
+  if (key_file.empty() || subject.empty() || entitlements.empty()) {
+    return UsageError("token create needs --issuer-key, --subject and at least one --entitlement");
+  }
+  std::string key_pem;
+  if (!ReadFile(key_file, &key_pem)) {
+    return UsageError("cannot read " + key_file);
+  }
+  std::string token;
+  std::string error;
+  if (!MintToken(key_pem, subject, entitlements, validity, &token, &error)) {
+    return UsageError(error);
+  }
+  std::printf("%s\n", token.c_str());
+  return kExitOk;
+}
+
+void ListCommands(const std::vector<std::string>& words) {
+  std::fprintf(stderr, "commands:\n");
+  for (const std::string& w : words) {
+    std::fprintf(stderr, "  %s\n", w.c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Args args;
+  std::string error;
+  if (!Parse(argc, argv, &args, &error)) {
+    return UsageError(error);
+  }
+  if (args.words.empty()) {
+    std::fputs(kGlobalUsage, args.help ? stdout : stderr);
+    return args.help ? kExitOk : kExitUsage;
+  }
+  if (args.words[0] == "token") {
+    return TokenCreate(args);
+  }
+
+  std::string token;
+  if (!args.token_file.empty()) {
+    if (!ReadFile(args.token_file, &token)) {
+      return UsageError("cannot read the token file " + args.token_file);
+    }
+  } else if (const char* env = std::getenv("WITNESSD_TOKEN"); env != nullptr) {
+    token = env;
+  }
+  ApiSession api(args.host, args.port, Trim(token));
+  Catalog catalog;
+  if (!catalog.Load(&api, &error)) {
+    std::fprintf(stderr, "witnessctl: %s\n", error.c_str());
+    return kExitApiError;
+  }
+  size_t index = 0;
+  std::vector<std::string> candidates;
+  std::string given;
+  for (const std::string& w : args.words) {
+    given += (given.empty() ? "" : " ") + w;
+  }
+  switch (catalog.Resolve(args.words, &index, &candidates)) {
+    case Catalog::Found::kOne:
+      break;
+    case Catalog::Found::kNone:
+      std::fprintf(stderr, "witnessctl: no command '%s'\n", given.c_str());
+      ListCommands(candidates);
+      return kExitUsage;
+    case Catalog::Found::kAmbiguous:
+      std::fprintf(stderr, "witnessctl: '%s' names several commands\n", given.c_str());
+      ListCommands(candidates);
+      return kExitUsage;
+  }
+  Command command;
+  if (!catalog.Describe(&api, index, &command, &error)) {
+    std::fprintf(stderr, "witnessctl: %s\n", error.c_str());
+    return kExitApiError;
+  }
+  std::string usage = Usage(command, catalog, catalog.DisplayWords(index));
+  if (args.help) {
+    std::fputs(usage.c_str(), stdout);
+    return kExitOk;
+  }
+  json input;
+  if (!BuildInput(command, catalog, args.options, &input, &error)) {
+    std::fprintf(stderr, "witnessctl: %s\n\n%s", error.c_str(), usage.c_str());
+    return kExitUsage;
+  }
+  std::vector<std::string> binary_path;
+  if (!args.output.empty() && !FindBinary(command.output_type, catalog, &binary_path)) {
+    return UsageError("--output: '" + given + "' answers no bytes to write");
+  }
+
+  size_t body_size = input.dump().size();
+  bool terminal = isatty(STDERR_FILENO) == 1;
+  if (args.progress || (terminal && body_size >= kProgressThreshold)) {
+    // One rewritten line on a terminal, a line per tenth otherwise.
+    int last_tenth = -1;
+    api.SetProgress([terminal, &last_tenth](size_t sent, size_t total) {
+      int tenth = total == 0 ? 10 : static_cast<int>(sent * 10 / total);
+      if (terminal) {
+        std::fprintf(stderr, "\ruploading: %3d%% (%zu of %zu bytes)", static_cast<int>(sent * 100 / total), sent,
+                     total);
+        if (sent == total) {
+          std::fprintf(stderr, "\n");
+        }
+      } else if (tenth != last_tenth) {
+        std::fprintf(stderr, "uploading: %d%% (%zu of %zu bytes)\n", tenth * 10, sent, total);
+      }
+      last_tenth = tenth;
+    });
+  }
+  Reply reply = api.Invoke(command.service_id, command.operation_id, input);
+  if (!reply.delivered) {
+    std::fprintf(stderr, "witnessctl: %s\n", reply.transport_error.c_str());
+    return kExitApiError;
+  }
+  if (!reply.ok) {
+    std::fprintf(stderr, "witnessctl: %s\n", reply.error_type.c_str());
+    for (const std::string& m : reply.messages) {
+      std::fprintf(stderr, "  %s\n", m.c_str());
+    }
+    return kExitApiError;
+  }
+
+  json output = reply.output;
+  if (!args.output.empty()) {
+    const json& field = binary_path.empty() ? output : output.value(binary_path[0], json());
+    std::vector<uint8_t> bytes;
+    if (!field.is_string() || !Lumen::Json::Base64Decode(field.get<std::string>(), &bytes)) {
+      std::fprintf(stderr, "witnessctl: the answer holds no bytes to write\n");
+      return kExitApiError;
+    }
+    // Exports hold the whole configuration: readable by the owner only.
+    umask(077);
+    std::ofstream out(args.output, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out.flush()) {
+      std::fprintf(stderr, "witnessctl: cannot write %s\n", args.output.c_str());
+      return kExitApiError;
+    }
+  }
+  if (args.json) {
+    std::printf("%s\n", output.dump(2).c_str());
+  } else {
+    std::fputs(Render(output, command.output_type, catalog).c_str(), stdout);
+  }
+  return kExitOk;
+}

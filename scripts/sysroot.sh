@@ -12,3 +12,11 @@ settings="$root/etc/quarro/cpservices/witnessd/config.xml"
 if [ -e "$top/api/provider/attest_lumen_metadata.json" ]; then
   cp "$top/api/provider/attest_lumen_metadata.json" "$root/usr/lib/quarro/lumen/"
 fi
+# A local administrator: an issuer key whose public half is the trusted
+# issuers file, for `witnessctl token create` (kept when already there).
+issuers="$root/etc/quarro/cpservices/witnessd/trusted_issuers.pem"
+issuer_key="$root/etc/quarro/cpservices/witnessd/admin-issuer.key"
+if [ ! -e "$issuers" ]; then
+  (umask 077 && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$issuer_key" 2>/dev/null)
+  openssl pkey -in "$issuer_key" -pubout -out "$issuers"
+fi

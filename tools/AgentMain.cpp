@@ -4,6 +4,13 @@
 //                  [--certificate] [--txt] [--no-secure-boot] [--incomplete]
 //                  [--document KMS_AUTH_JWT|REPORTING_JWT]... [--print-ek]
 //                  [--count N] [--concurrency C]
+//   witnessd-agent --swtpm-port P --ek-only
+//   witnessd-agent [--txt] [--no-secure-boot] --imgdb-flags
+//
+// --ek-only prints the TPM's EK public key (PEM) without attesting;
+// --imgdb-flags prints the image database generator's flags for a base
+// image that trusts this agent's synthetic boot. The port defaults to
+// WITNESSD_PORT when set.
 //
 // With --swtpm-port the host's TPM is the swtpm listening there (control
 // channel on P + 1). With --software each thread uses one software host (its
@@ -31,7 +38,9 @@ int Usage() {
   std::fprintf(stderr,
                "usage: witnessd-agent [--host H] [--port P] (--swtpm-port P | --software) [--certificate] [--txt]\n"
                "                      [--no-secure-boot] [--incomplete] [--document TYPE]... [--print-ek]\n"
-               "                      [--count N] [--concurrency C]\n");
+               "                      [--count N] [--concurrency C]\n"
+               "       witnessd-agent --swtpm-port P --ek-only\n"
+               "       witnessd-agent [--txt] [--no-secure-boot] --imgdb-flags\n");
   return 2;
 }
 
@@ -64,6 +73,11 @@ int main(int argc, char** argv) {
   int swtpm_port = -1;
   bool software = false;
   bool print_ek = false;
+  bool ek_only = false;
+  bool imgdb_flags = false;
+  if (const char* env = std::getenv("WITNESSD_PORT"); env != nullptr) {
+    port = static_cast<uint16_t>(std::atoi(env));
+  }
   int count = 1;
   int concurrency = 1;
   AttestOptions options;
@@ -92,6 +106,10 @@ int main(int argc, char** argv) {
       options.document_types.push_back(v);
     } else if (a == "--print-ek") {
       print_ek = true;
+    } else if (a == "--ek-only") {
+      ek_only = true;
+    } else if (a == "--imgdb-flags") {
+      imgdb_flags = true;
     } else if (a == "--count" && (v = next())) {
       count = std::max(1, std::atoi(v));
     } else if (a == "--concurrency" && (v = next())) {
@@ -100,7 +118,11 @@ int main(int argc, char** argv) {
       return Usage();
     }
   }
-  if (software == (swtpm_port >= 0)) {
+  if (imgdb_flags) {
+    std::printf("%s\n", ImageDatabaseFlags(options.boot).c_str());
+    return 0;
+  }
+  if (software == (swtpm_port >= 0) || (ek_only && software)) {
     return Usage();
   }
   if (options.document_types.empty()) {
@@ -113,6 +135,16 @@ int main(int argc, char** argv) {
     if (tpm == nullptr) {
       std::fprintf(stderr, "cannot open the TPM: %s\n", error.c_str());
       return 1;
+    }
+    if (ek_only) {
+      Bytes ek;
+      std::string pem;
+      if (!tpm->Boot() || !tpm->EkPublic(&ek) || !EkPublicPem(ek, &pem)) {
+        std::fprintf(stderr, "cannot read the EK: %s\n", tpm->LastError().c_str());
+        return 1;
+      }
+      std::printf("%s", pem.c_str());
+      return 0;
     }
     AttestResult r = Attest(tpm.get(), host, port, options);
     if (print_ek) {

@@ -139,4 +139,15 @@ bool MeasureBoot(HostTpm* tpm, const BootPlan& plan, const std::vector<BootEvent
   return true;
 }
 
+std::string ImageDatabaseFlags(const BootPlan& plan) {
+  std::string flags = "--kernel-digest " + Hex(PayloadDigest(plan, kKernelPayload)) +
+                      " --mle-digest " + Hex(LaunchDigest(plan));
+  const char* payloads[][2] = {
+      {"kb", kKernelPayload}, {"sv", kSystemPayload}, {"sb", kSystemBootPayload}, {"hu", kUpdatePayload}};
+  for (const auto& p : payloads) {
+    flags += std::string(" --payload ") + p[0] + ":" + p[1] + ":" + Hex(PayloadDigest(plan, p[1]));
+  }
+  return flags;
+}
+
 }  // namespace Witnessd::Agent

@@ -58,6 +58,11 @@ Bytes PayloadDigest(const BootPlan& plan, const std::string& name);
 // LaunchDigest is the TXT MLE digest of |plan|: SHA-256 of the launch data.
 Bytes LaunchDigest(const BootPlan& plan);
 
+// ImageDatabaseFlags gives the flags of the test image database generator
+// (tests/trusted/make_imgdb.py) for a base image whose Hvkernel digest, TXT
+// MLE digest and payload checksums are what |plan| measures.
+std::string ImageDatabaseFlags(const BootPlan& plan);
+
 // TaggedEventData lays out an EV_EVENT_TAG payload: id and size (32-bit
 // little-endian), then |text| with its terminating zero.
 Bytes TaggedEventData(uint32_t id, const std::string& text);

@@ -103,7 +103,7 @@ class RawConfigService : public SwtpmHostTest {
     ASSERT_TRUE(api.Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek_pem_}}).ok);
     ASSERT_TRUE(api.Invoke(kEks, "create", {{"name", "spare"}, {"public_key", MakeKey().public_pem}}).ok);
     ImgdbFixture imgdb(host.sysroot);
-    std::string flags = ImgdbFlagsFor(Agent::BootPlan{});
+    std::string flags = Agent::ImageDatabaseFlags(Agent::BootPlan{});
     ApiReply r = api.Invoke(kBaseImages, "import", {{"imgdb", ApiClient::Base64(imgdb.Make(flags))}});
     ASSERT_TRUE(r.ok) << r.raw;
   }

@@ -83,7 +83,7 @@ class ReportService : public SwtpmHostTest {
 
   // ImportImage imports a base image whose payloads are what |plan| measures.
   void ImportImage(const Agent::BootPlan& plan) {
-    std::string flags = ImgdbFlagsFor(plan);
+    std::string flags = Agent::ImageDatabaseFlags(plan);
     ApiReply r = admin_->Invoke(kBaseImages, "import", {{"imgdb", ApiClient::Base64(imgdb_->Make(flags))}});
     ASSERT_TRUE(r.ok) << r.raw << daemon_->Log();
   }

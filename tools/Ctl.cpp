@@ -298,13 +298,20 @@ std::string Cell(const json& value, const json& type) {
   return value.dump();
 }
 
-std::string Table(const json& rows, const json& fields) {
+std::string Table(const json& rows, const json& fields, const std::vector<std::string>& columns) {
   if (rows.empty()) {
     return "(none)\n";
   }
   std::vector<std::string> names;
+  for (const std::string& c : columns) {
+    if (fields.contains(c)) {
+      names.push_back(c);
+    }
+  }
   for (const auto& [name, type] : fields.items()) {
-    names.push_back(name);
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      names.push_back(name);
+    }
   }
   std::vector<std::vector<std::string>> cells;
   std::vector<size_t> width(names.size());
@@ -579,6 +586,12 @@ bool Catalog::Describe(ApiSession* api, size_t index, Command* out, std::string*
   c.description = entry.output.value("description", "");
   c.service_id = entry.output.value("service_id", "");
   c.operation_id = entry.output.value("operation_id", "");
+  c.columns.clear();
+  for (const auto& column : entry.output.value("columns", json::array())) {
+    if (column.is_string()) {
+      c.columns.push_back(column.get<std::string>());
+    }
+  }
   Reply op = api->Invoke("com.quarro.lumen.std.introspection.operation", "get",
                          {{"service_id", c.service_id}, {"operation_id", c.operation_id}});
   if (!op.ok || !op.output.is_object()) {
@@ -733,7 +746,8 @@ std::string Usage(const Command& command, const Catalog& catalog, const std::str
   return out.str();
 }
 
-std::string Render(const json& value, const json& type, const Catalog& catalog) {
+std::string Render(const json& value, const json& type, const Catalog& catalog,
+                   const std::vector<std::string>& columns) {
   const json& t = Unwrap(type);
   std::string kind = Kind(t);
   if (value.is_null()) {
@@ -742,7 +756,7 @@ std::string Render(const json& value, const json& type, const Catalog& catalog) 
   if (kind == "list" && value.is_array()) {
     const json& element = Unwrap(t["list"]);
     if (Kind(element) == "structure" && Ref(element) != kMessageStructure) {
-      return Table(value, catalog.Structure(Ref(element)).value("fields", json::object()));
+      return Table(value, catalog.Structure(Ref(element)).value("fields", json::object()), columns);
     }
     std::string out;
     for (const auto& e : value) {

@@ -64,6 +64,9 @@ struct Command {
   std::string operation_id;
   std::vector<InputOption> inputs;  // types filled by Catalog::Describe
   nlohmann::json output_type;
+  // Table columns in the order the metadata gives; empty: every field of
+  // the row structure, by name.
+  std::vector<std::string> columns;
 };
 
 // Catalog holds the commands and namespaces the daemon's CLI metadata names.
@@ -131,7 +134,8 @@ std::string Usage(const Command& command, const Catalog& catalog, const std::str
 // Render writes an output for people: scalars as they are, a structure as
 // "field: value" lines, a list of structures as a table with a column per
 // field, localizable messages as their text. Binary fields show their size.
-std::string Render(const nlohmann::json& value, const nlohmann::json& type, const Catalog& catalog);
+std::string Render(const nlohmann::json& value, const nlohmann::json& type, const Catalog& catalog,
+                   const std::vector<std::string>& columns = {});
 
 // FindBinary returns the path of the first binary field in |type| (empty
 // for a binary output itself), or false when there is none.

@@ -308,7 +308,7 @@ int main(int argc, char** argv) {
   if (args.json) {
     std::printf("%s\n", output.dump(2).c_str());
   } else {
-    std::fputs(Render(output, command.output_type, catalog).c_str(), stdout);
+    std::fputs(Render(output, command.output_type, catalog, command.columns).c_str(), stdout);
   }
   return kExitOk;
 }

@@ -18,7 +18,7 @@ info=$(dpkg-deb --info "$deb")
 [[ "$info" == *"Depends: "*libssl3* ]] || fail "package does not depend on libssl3"
 root=$work/root
 dpkg-deb -x "$deb" "$root"
-for f in usr/sbin/witnessd usr/lib/quarro/lumen/attest_lumen_metadata.json \
+for f in usr/sbin/witnessd usr/bin/witnessctl usr/lib/quarro/lumen/attest_lumen_metadata.json \
          etc/quarro/cpservices/witnessd/config.xml usr/lib/systemd/system/witnessd.service \
          usr/lib/sysusers.d/witnessd.conf; do
   [ -e "$root/$f" ] || fail "missing /$f"
@@ -49,6 +49,8 @@ reply=$(curl -s -X POST -H 'Content-Type: application/vnd.quarro.lumen.cleanjson
   '{"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":"com.quarro.lumen.std.introspection.provider","operationId":"get","input":{}}}' \
   "http://127.0.0.1:$port/api")
 [[ "$reply" == *'"id":"witnessd"'* ]] || fail "introspection answered: $reply"
+cert=$(WITNESSD_PORT=$port "$root/usr/bin/witnessctl" certificate get) || fail "witnessctl certificate get"
+[[ "$cert" == *"-----BEGIN CERTIFICATE-----"* ]] || fail "witnessctl answered: $cert"
 kill -TERM "$pid"
 wait "$pid" || fail "daemon exit status $?"
 pid=""

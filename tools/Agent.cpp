@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "platform/lumen/Json.h"
 #include "tools/HttpClient.h"
 #include "tools/TpmBytes.h"
 #include "tpm2/proto/attestation.pb.h"
@@ -189,7 +190,7 @@ std::string MakeReportRequest(const std::string& id, const std::vector<std::stri
   }
   Json encoded = Json::array();
   for (const Bytes& c : contexts) {
-    encoded.push_back(Base64Encode(c));
+    encoded.push_back(Lumen::Json::Base64Encode(c));
   }
   Json request = {{"type", "TPM2"},
                   {"tpm2", {{"document_types", document_types}, {"contexts", encoded}, {"ek", ek}}}};
@@ -291,7 +292,7 @@ AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const 
     }
     if (!output.is_object() || !output.contains("contexts") || !output["contexts"].is_array() ||
         output["contexts"].size() != 1 || !output["contexts"][0].is_string() ||
-        !Base64Decode(output["contexts"][0].get<std::string>(), &out->context)) {
+        !Lumen::Json::Base64Decode(output["contexts"][0].get<std::string>(), &out->context)) {
       *failure = "reply holds neither contexts nor documents: " + reply;
       return false;
     }

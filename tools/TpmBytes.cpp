@@ -68,33 +68,6 @@ std::string Hex(const Bytes& data) {
   return out;
 }
 
-std::string Base64Encode(const Bytes& data) {
-  std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
-  int len = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(), static_cast<int>(data.size()));
-  out.resize(static_cast<size_t>(len));
-  return out;
-}
-
-bool Base64Decode(const std::string& text, Bytes* out) {
-  if (text.size() % 4 != 0) {
-    return false;
-  }
-  Bytes buf(text.size() / 4 * 3 + 1);
-  int len = EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                            static_cast<int>(text.size()));
-  if (len < 0) {
-    return false;
-  }
-  // EVP_DecodeBlock counts the padding as zero bytes; drop them.
-  size_t size = static_cast<size_t>(len);
-  for (size_t i = text.size(); i > 0 && text[i - 1] == '=' && size > 0; --i) {
-    --size;
-  }
-  buf.resize(size);
-  *out = std::move(buf);
-  return true;
-}
-
 bool DerCertificateToPem(const Bytes& der, std::string* out) {
   const unsigned char* p = der.data();
   std::unique_ptr<X509, decltype(&X509_free)> cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())), X509_free);

@@ -20,9 +20,6 @@ TPM2B_PUBLIC EkTemplate();
 Bytes Sha256(const Bytes& data);
 Bytes Sha256(const std::string& text);
 std::string Hex(const Bytes& data);
-std::string Base64Encode(const Bytes& data);
-// Base64Decode accepts standard base64 with padding; false on bad input.
-bool Base64Decode(const std::string& text, Bytes* out);
 
 // DerCertificateToPem re-encodes one DER X.509 certificate as PEM.
 bool DerCertificateToPem(const Bytes& der, std::string* out);

@@ -188,9 +188,24 @@ void ListCommands(const std::vector<std::string>& words) {
   }
 }
 
+int Main(int argc, char** argv);
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The daemon's metadata and answers are read as JSON of an expected shape;
+  // an answer of another shape ends the command, never the process by abort.
+  try {
+    return Main(argc, argv);
+  } catch (const nlohmann::json::exception& e) {
+    std::fprintf(stderr, "witnessctl: unexpected answer from the daemon: %s\n", e.what());
+    return kExitApiError;
+  }
+}
+
+namespace {
+
+int Main(int argc, char** argv) {
   Args args;
   std::string error;
   if (!Parse(argc, argv, &args, &error)) {
@@ -260,8 +275,7 @@ int main(int argc, char** argv) {
   bool terminal = isatty(STDERR_FILENO) == 1;
   if (args.progress || (terminal && body_size >= kProgressThreshold)) {
     // One rewritten line on a terminal, a line per tenth otherwise.
-    int last_tenth = -1;
-    api.SetProgress([terminal, &last_tenth](size_t sent, size_t total) {
+    api.SetProgress([terminal, last_tenth = -1](size_t sent, size_t total) mutable {
       int tenth = total == 0 ? 10 : static_cast<int>(sent * 10 / total);
       if (terminal) {
         std::fprintf(stderr, "\ruploading: %3d%% (%zu of %zu bytes)", static_cast<int>(sent * 100 / total), sent,
@@ -312,3 +326,5 @@ int main(int argc, char** argv) {
   }
   return kExitOk;
 }
+
+}  // namespace

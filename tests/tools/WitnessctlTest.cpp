@@ -43,12 +43,13 @@ class WitnessctlTest : public ::testing::Test {
   static void SetUpTestSuite() {
     dir_ = new std::string(MakeTempDir("witnessctl"));
     std::string d = *dir_;
-    // Two issuers (P-256 and RSA), an EK public key, a CA chain of a root
+    // Two issuers (P-256 and RSA), two EK public keys, a CA chain of a root
     // and an intermediate in one file.
     Shell("cd " + d +
           " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key 2>/dev/null"
           " && openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out rsa.key 2>/dev/null"
           " && openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null | openssl pkey -pubout > ek.pem"
+          " && openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null | openssl pkey -pubout > ek2.pem"
           " && printf 'basicConstraints=critical,CA:TRUE\\nkeyUsage=critical,keyCertSign,cRLSign\\n' > ca.ext"
           " && openssl req -x509 -newkey rsa:2048 -nodes -keyout root.key -out root.pem -subj /CN=root -days 30"
           "    -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign 2>/dev/null"
@@ -200,7 +201,7 @@ TEST_F(WitnessctlTest, TokensAndReachability) {
 // Export to a file, change the store, import the file: the configuration
 // and its hash are back. Base images go in from a file, with progress.
 TEST_F(WitnessctlTest, FilesInAndOut) {
-  Admin("endorsement-keys create --name keep --public-key @ek.pem");
+  ASSERT_EQ(0, Admin("endorsement-keys create --name keep --public-key @ek2.pem").status);
   CtlRun exported = Admin("config export --output saved.gz");
   ASSERT_EQ(0, exported.status) << exported.err;
   EXPECT_NE(std::string::npos, exported.out.find("config: <")) << exported.out;
@@ -252,6 +253,12 @@ TEST_F(WitnessctlTest, CommandsComeFromTheMetadata) {
                              {"service_id", "com.quarro.hyv.attestation.tpm2.settings"},
                              {"operation_id", "get"},
                              {"input", nlohmann::json::array()}});
+  // A command whose option names no input field of its operation.
+  cli["commands"].push_back({{"path", "attestation.tpm2.settings"},
+                             {"name", "broken"},
+                             {"service_id", "com.quarro.hyv.attestation.tpm2.settings"},
+                             {"operation_id", "update"},
+                             {"input", {{{"name", "x"}, {"field", "no_such_field"}}}}});
   for (auto& n : cli["namespaces"]) {
     if (n["name"] == "endorsement_keys") {
       n["aliases"] = {"ek"};
@@ -267,6 +274,9 @@ TEST_F(WitnessctlTest, CommandsComeFromTheMetadata) {
   EXPECT_NE(std::string::npos, show.out.find("require_endorsement_keys:")) << show.out;
   CtlRun ek = Ctl("ek list", *admin_token_, other.Port());
   EXPECT_EQ(0, ek.status) << ek.err;
+  CtlRun broken = Ctl("settings broken --x 1", *admin_token_, other.Port());
+  EXPECT_EQ(1, broken.status);
+  EXPECT_NE(std::string::npos, broken.err.find("names no input field no_such_field")) << broken.err;
   // The suite's daemon, with the shipped metadata, knows neither.
   EXPECT_EQ(2, Admin("settings show").status);
   EXPECT_EQ(2, Admin("ek list").status);

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/RatioReporter.h"
 #include "platform/Log.h"
 #include "platform/tcg/SecurityInfo.h"
 #include "tests/verify/VerifyTestUtil.h"
@@ -222,41 +223,14 @@ void BM_ParseTcgEventLog(benchmark::State& state) {
 }
 BENCHMARK(BM_ParseTcgEventLog);
 
-// Console output plus the CPU time per iteration of each benchmark, for
-// ratios (CPU time, as the build machine is shared).
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    // With --benchmark_repetitions the median is used, else the one run.
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0 && seconds_.count(run.run_name.str()) == 0) {
-        seconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
-      } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        seconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
-      }
-    }
-  }
-  double Rate(const std::string& name) const {
-    auto it = seconds_.find(name);
-    return it == seconds_.end() || it->second == 0 ? 0 : 1.0 / it->second;
-  }
-
- private:
-  std::map<std::string, double> seconds_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   Log_SetMaxLevel(kLogError);
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  Witnessd::Bench::RatioReporter reporter(Witnessd::Bench::RatioReporter::Clock::kCpu);
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  auto ratio = [&](const char* a, const char* b) {
-    double rb = reporter.Rate(b);
-    return rb == 0 ? 0 : reporter.Rate(a) / rb;
-  };
+  auto ratio = [&](const char* a, const char* b) { return reporter.RateRatio(a, b); };
   std::printf("VerifyQuote rate / bare RSA-2048 verify rate (key made once):     %.3f (goal >= 0.85)\n",
               ratio("BM_VerifyQuote", "BM_BareRsa2048Verify"));
   std::printf("VerifyQuote rate / bare RSA-2048 verify rate (key from modulus): %.3f\n",

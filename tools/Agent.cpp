@@ -5,6 +5,7 @@
 #include <random>
 
 #include "platform/lumen/Json.h"
+#include "platform/lumen/JsonRpc.h"
 #include "tools/HttpClient.h"
 #include "tools/TpmBytes.h"
 #include "tpm2/proto/attestation.pb.h"
@@ -194,15 +195,12 @@ std::string MakeReportRequest(const std::string& id, const std::vector<std::stri
   }
   Json request = {{"type", "TPM2"},
                   {"tpm2", {{"document_types", document_types}, {"contexts", encoded}, {"ek", ek}}}};
-  Json body = {{"jsonrpc", "2.0"},
-               {"id", id},
-               {"method", "invoke"},
-               {"params",
-                {{"serviceId", kReportService},
-                 {"operationId", "create"},
-                 {"ctx", {{"securityCtx", Json::object()}, {"appCtx", Json::object()}}},
-                 {"input", {{"request", request}}}}}};
-  return body.dump();
+  Lumen::JsonRpc::Call call;
+  call.id = id;
+  call.service_id = kReportService;
+  call.operation_id = "create";
+  call.input = {{"request", request}};
+  return Lumen::JsonRpc::CallBody(call);
 }
 
 AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const ReportTransport& transport) {

@@ -17,7 +17,9 @@
 #include <sstream>
 
 #include "platform/lumen/Json.h"
+#include "platform/lumen/JsonRpc.h"
 #include "platform/lumen/Localizer.h"
+#include "platform/lumen/TokenHandler.h"
 
 namespace Witnessd::Ctl {
 
@@ -28,7 +30,6 @@ using nlohmann::json;
 constexpr const char* kCliPrefix = "com.quarro.lumen.metadata.cli.";
 constexpr const char* kMetamodelPrefix = "com.quarro.lumen.metadata.metamodel.";
 constexpr const char* kMessageStructure = "com.quarro.lumen.std.localizable_message";
-constexpr const char* kTokenScheme = "com.quarro.hyv.security.token";
 
 std::vector<std::string> Split(const std::string& text, char sep) {
   std::vector<std::string> out;
@@ -130,19 +131,6 @@ std::string DefaultMessage(const std::string& error_type) {
   return it != kTexts.end() ? it->second : "The operation failed; the daemon's log has the reason.";
 }
 
-bool ReadSource(const std::string& name, std::string* out, std::string* error) {
-  if (name == "-") {
-    out->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    return true;
-  }
-  std::ifstream in(name, std::ios::binary);
-  if (!in) {
-    *error = "cannot read " + name + ": " + std::strerror(errno);
-    return false;
-  }
-  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return true;
-}
 
 // PemBlocks splits text holding several PEM blocks into one string per block.
 std::vector<std::string> PemBlocks(const std::string& text) {
@@ -210,7 +198,7 @@ bool Convert(const std::string& option, const std::string& value, const json& ty
   }
   if (kind == "binary") {
     std::string bytes;
-    if (!ReadSource(value, &bytes, error)) {
+    if (!ReadInput(value, &bytes, error)) {
       return bad(*error);
     }
     out->push_back(Lumen::Json::Base64Encode(std::vector<uint8_t>(bytes.begin(), bytes.end())));
@@ -233,7 +221,7 @@ bool Convert(const std::string& option, const std::string& value, const json& ty
     return bad("expected one of " + Join(allowed, 0, allowed.size(), ", ") + ", got '" + value + "'");
   }
   std::string text = value;
-  if (!value.empty() && value[0] == '@' && !ReadSource(value.substr(1), &text, error)) {
+  if (!value.empty() && value[0] == '@' && !ReadInput(value.substr(1), &text, error)) {
     return bad(*error);
   }
   if (kind == "string") {
@@ -361,6 +349,20 @@ std::string Normalize(std::string word) {
   return word;
 }
 
+bool ReadInput(const std::string& name, std::string* out, std::string* error) {
+  if (name == "-") {
+    out->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    return true;
+  }
+  std::ifstream in(name, std::ios::binary);
+  if (!in) {
+    *error = "cannot read " + name + ": " + std::strerror(errno);
+    return false;
+  }
+  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // ApiSession
 
@@ -368,22 +370,18 @@ ApiSession::ApiSession(std::string host, uint16_t port, std::string token)
     : http_(std::move(host), port), token_(std::move(token)) {}
 
 Reply ApiSession::Invoke(const std::string& service_id, const std::string& operation_id, const json& input) {
-  json security = json::object();
+  Lumen::JsonRpc::Call call;
+  call.id = std::to_string(next_id_++);
+  call.service_id = service_id;
+  call.operation_id = operation_id;
   if (!token_.empty()) {
-    security = {{"schemeId", kTokenScheme}, {"token", token_}};
+    call.security_ctx = Hyv::Authn::TokenSecurityContext(token_);
   }
-  json request = {{"jsonrpc", "2.0"},
-                  {"id", std::to_string(next_id_++)},
-                  {"method", "invoke"},
-                  {"params",
-                   {{"serviceId", service_id},
-                    {"operationId", operation_id},
-                    {"ctx", {{"securityCtx", security}, {"appCtx", json::object()}}},
-                    {"input", input}}}};
+  call.input = input;
   Reply reply;
   int status = 0;
   std::string body;
-  if (!http_.Post("/api", "application/vnd.quarro.lumen.cleanjson", request.dump(), &status, &body,
+  if (!http_.Post("/api", "application/vnd.quarro.lumen.cleanjson", Lumen::JsonRpc::CallBody(call), &status, &body,
                   &reply.transport_error)) {
     return reply;
   }
@@ -431,12 +429,22 @@ bool Catalog::Load(ApiSession* api, std::string* error) {
   if (!list.ok || !list.output.is_array()) {
     return fail(list, "command namespaces");
   }
+  // The words that call each namespace, by its full path: its aliases,
+  // then its name.
+  std::map<std::string, std::vector<std::string>> words_of;
   for (const auto& n : list.output) {
     Reply entry = api->Invoke(std::string(kCliPrefix) + "namespace", "get", n);
     if (!entry.ok || !entry.output.is_object()) {
       return fail(entry, "command namespaces");
     }
-    namespaces_.push_back(entry.output);
+    std::string parent = entry.output.value("path", "");
+    std::string name = entry.output.value("name", "");
+    std::vector<std::string>& words = words_of[parent.empty() ? name : parent + "." + name];
+    for (const auto& a : entry.output.value("aliases", json::array())) {
+      if (a.is_string()) {
+        words.push_back(Normalize(a.get<std::string>()));
+      }
+    }
   }
   Reply commands = api->Invoke(std::string(kCliPrefix) + "command", "list");
   if (!commands.ok || !commands.output.is_array()) {
@@ -446,30 +454,14 @@ bool Catalog::Load(ApiSession* api, std::string* error) {
     Command command;
     command.path = Split(c.value("path", ""), '.');
     command.name = c.value("name", "");
+    for (size_t i = 0; i < command.path.size(); ++i) {
+      std::vector<std::string> words = words_of[Join(command.path, 0, i + 1, ".")];
+      words.push_back(Normalize(command.path[i]));
+      command.segment_words.push_back(std::move(words));
+    }
     commands_.push_back(std::move(command));
   }
   return true;
-}
-
-std::vector<std::string> Catalog::WordsOf(const std::string& parent, const std::string& name) const {
-  std::vector<std::string> words;
-  for (const auto& n : namespaces_) {
-    if (n.value("path", "") == parent && n.value("name", "") == name && n.contains("aliases") &&
-        n["aliases"].is_array()) {
-      for (const auto& a : n["aliases"]) {
-        if (a.is_string()) {
-          words.push_back(Normalize(a.get<std::string>()));
-        }
-      }
-    }
-  }
-  words.push_back(Normalize(name));
-  return words;
-}
-
-bool Catalog::SegmentMatches(const Command& c, size_t segment, const std::string& word) const {
-  std::vector<std::string> words = WordsOf(Join(c.path, 0, segment, "."), c.path[segment]);
-  return std::find(words.begin(), words.end(), Normalize(word)) != words.end();
 }
 
 Catalog::Found Catalog::Resolve(const std::vector<std::string>& words, size_t* index,
@@ -480,7 +472,8 @@ Catalog::Found Catalog::Resolve(const std::vector<std::string>& words, size_t* i
     }
     size_t first = c.path.size() - count;
     for (size_t j = 0; j < count; ++j) {
-      if (!SegmentMatches(c, first + j, words[j])) {
+      const std::vector<std::string>& accepted = c.segment_words[first + j];
+      if (std::find(accepted.begin(), accepted.end(), Normalize(words[j])) == accepted.end()) {
         return false;
       }
     }
@@ -530,7 +523,7 @@ std::string Catalog::DisplayWords(size_t index) const {
   const Command& c = commands_[index];
   std::vector<std::string> segments;
   for (size_t i = 0; i < c.path.size(); ++i) {
-    segments.push_back(WordsOf(Join(c.path, 0, i, "."), c.path[i]).front());
+    segments.push_back(c.segment_words[i].front());
   }
   for (size_t k = c.path.empty() ? 0 : 1; k <= c.path.size(); ++k) {
     std::vector<std::string> words(segments.end() - static_cast<long>(k), segments.end());

@@ -58,6 +58,9 @@ struct InputOption {
 
 struct Command {
   std::vector<std::string> path;  // namespace segments, root first
+  // Per segment, the words that call it: its namespace's aliases, then its
+  // name, all with '-' for '_'.
+  std::vector<std::vector<std::string>> segment_words;
   std::string name;
   std::string description;
   std::string service_id;
@@ -101,17 +104,15 @@ class Catalog {
   const nlohmann::json& Enumeration(const std::string& id) const;
 
  private:
-  // Segment words: the namespace at |path| prefix + |name| can be called by
-  // these words.
-  std::vector<std::string> WordsOf(const std::string& parent, const std::string& name) const;
-  bool SegmentMatches(const Command& c, size_t segment, const std::string& word) const;
   bool FetchTypes(ApiSession* api, const nlohmann::json& type, std::string* error);
 
   std::vector<Command> commands_;
-  nlohmann::json namespaces_ = nlohmann::json::array();
   nlohmann::json structures_ = nlohmann::json::object();
   nlohmann::json enumerations_ = nlohmann::json::object();
 };
+
+// ReadInput reads the whole file |name|, or standard input for "-".
+bool ReadInput(const std::string& name, std::string* out, std::string* error);
 
 // Normalize writes a command word or option name with '-' for '_'.
 std::string Normalize(std::string word);

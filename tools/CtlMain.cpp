@@ -18,7 +18,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -125,15 +124,6 @@ bool Parse(int argc, char** argv, Args* args, std::string* error) {
   return true;
 }
 
-bool ReadFile(const std::string& path, std::string* out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    return false;
-  }
-  out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return true;
-}
-
 std::string Trim(std::string s) {
   s.erase(0, s.find_first_not_of(" \t\r\n"));
   s.erase(s.find_last_not_of(" \t\r\n") + 1);
@@ -169,11 +159,11 @@ int TokenCreate(const Args& args) {
     return UsageError("token create needs --issuer-key, --subject and at least one --entitlement");
   }
   std::string key_pem;
-  if (!ReadFile(key_file, &key_pem)) {
-    return UsageError("cannot read " + key_file);
+  std::string error;
+  if (!ReadInput(key_file, &key_pem, &error)) {
+    return UsageError(error);
   }
   std::string token;
-  std::string error;
   if (!MintToken(key_pem, subject, entitlements, validity, &token, &error)) {
     return UsageError(error);
   }
@@ -221,8 +211,8 @@ int Main(int argc, char** argv) {
 
   std::string token;
   if (!args.token_file.empty()) {
-    if (!ReadFile(args.token_file, &token)) {
-      return UsageError("cannot read the token file " + args.token_file);
+    if (!ReadInput(args.token_file, &token, &error)) {
+      return UsageError("cannot read the token file: " + error);
     }
   } else if (const char* env = std::getenv("WITNESSD_TOKEN"); env != nullptr) {
     token = env;

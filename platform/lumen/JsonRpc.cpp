@@ -80,6 +80,22 @@ std::string ResultBody(const Call& call, const Provider::MethodResult& result, b
   return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+std::string CallBody(const Call& call) {
+  nlohmann::json app = nlohmann::json::object();
+  if (!call.op_id.empty()) {
+    app["opId"] = call.op_id;
+  }
+  nlohmann::json doc = {{"jsonrpc", "2.0"},
+                        {"id", call.id},
+                        {"method", "invoke"},
+                        {"params",
+                         {{"serviceId", call.service_id},
+                          {"operationId", call.operation_id},
+                          {"ctx", {{"securityCtx", call.security_ctx}, {"appCtx", std::move(app)}}},
+                          {"input", call.input}}}};
+  return doc.dump();
+}
+
 std::string FrameworkErrorBody(const std::string& message_id) {
   nlohmann::json doc = {{"jsonrpc", "2.0"},
                         {"id", nullptr},

@@ -32,6 +32,10 @@ bool ParseCall(std::string_view body, bool decorated, Call* out);
 std::string ResultBody(const Call& call, const Provider::MethodResult& result, bool decorated,
                        const Json::TypeRegistry* types);
 
+// CallBody renders |call| as a request body, the client side of ParseCall:
+// clean JSON, appCtx.opId only when |call.op_id| is set.
+std::string CallBody(const Call& call);
+
 // FrameworkErrorBody renders an error found before dispatch:
 // {"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"<message id>"}}.
 std::string FrameworkErrorBody(const std::string& message_id);

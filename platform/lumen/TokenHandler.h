@@ -17,6 +17,11 @@ namespace Hyv::Authn {
 
 inline constexpr const char* kTokenSchemeId = "com.quarro.hyv.security.token";
 
+// TokenSecurityContext is the security context a client sends with |token|.
+inline nlohmann::json TokenSecurityContext(const std::string& token) {
+  return {{"schemeId", kTokenSchemeId}, {"token", token}};
+}
+
 class TokenHandler {
  public:
   enum class Status {

@@ -110,8 +110,4 @@ inline nlohmann::json Claims(const std::string& sub, std::vector<std::string> en
   return {{"sub", sub}, {"entitlements", entitlements}, {"exp", static_cast<int64_t>(std::time(nullptr)) + exp_from_now}};
 }
 
-inline nlohmann::json TokenContext(const std::string& token) {
-  return {{"schemeId", "com.quarro.hyv.security.token"}, {"token", token}};
-}
-
 }  // namespace Witnessd::Testing

@@ -1,9 +1,10 @@
 #include "tests/support/ApiClient.h"
 
-#include <openssl/evp.h>
-
 #include <fstream>
 
+#include "platform/lumen/Json.h"
+#include "platform/lumen/JsonRpc.h"
+#include "platform/lumen/TokenHandler.h"
 #include "tests/api/TestTokens.h"
 #include "tools/HttpClient.h"
 
@@ -30,19 +31,17 @@ ApiClient::ApiClient(uint16_t port, std::string token)
 ApiClient::~ApiClient() = default;
 
 ApiReply ApiClient::Invoke(const std::string& service, const std::string& operation, const nlohmann::json& input) {
-  nlohmann::json security = token_.empty() ? nlohmann::json::object() : TokenContext(token_);
-  nlohmann::json request = {
-      {"jsonrpc", "2.0"},
-      {"id", std::to_string(next_id_++)},
-      {"method", "invoke"},
-      {"params",
-       {{"serviceId", service},
-        {"operationId", operation},
-        {"ctx", {{"securityCtx", security}, {"appCtx", nlohmann::json::object()}}},
-        {"input", input}}}};
+  Lumen::JsonRpc::Call call;
+  call.id = std::to_string(next_id_++);
+  call.service_id = service;
+  call.operation_id = operation;
+  if (!token_.empty()) {
+    call.security_ctx = Hyv::Authn::TokenSecurityContext(token_);
+  }
+  call.input = input;
   ApiReply reply;
   std::string error;
-  if (!http_->Post("/api", "application/vnd.quarro.lumen.cleanjson", request.dump(), &reply.http_status, &reply.raw,
+  if (!http_->Post("/api", "application/vnd.quarro.lumen.cleanjson", Lumen::JsonRpc::CallBody(call), &reply.http_status, &reply.raw,
                    &error)) {
     reply.error_type = "TRANSPORT: " + error;
     return reply;
@@ -68,15 +67,9 @@ ApiReply ApiClient::Invoke(const std::string& service, const std::string& operat
 }
 
 std::string ApiClient::Base64(const std::string& bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                          reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-  out.resize(static_cast<size_t>(n));
-  return out;
+  return Lumen::Json::Base64Encode(std::vector<uint8_t>(bytes.begin(), bytes.end()));
 }
 
-std::string ApiClient::Base64(const std::vector<uint8_t>& bytes) {
-  return Base64(std::string(bytes.begin(), bytes.end()));
-}
+std::string ApiClient::Base64(const std::vector<uint8_t>& bytes) { return Lumen::Json::Base64Encode(bytes); }
 
 }  // namespace Witnessd::Testing

@@ -166,7 +166,7 @@ TEST_F(ProviderTest, UnknownAndUnboundOperationsAreNotFound) {
       {"com.quarro.hyv.attestation.status.put", json::object()},
       {"com.quarro.nothing.get", json::object()},
       {"com.quarro.hyv.attestation.report.create", json::object()},  // open but unbound
-      {"com.quarro.hyv.attestation.tpm2.endorsement_keys.delete", TokenContext(token)},  // unbound
+      {"com.quarro.hyv.attestation.tpm2.endorsement_keys.delete", Hyv::Authn::TokenSecurityContext(token)},  // unbound
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.op);
@@ -186,20 +186,20 @@ TEST_F(ProviderTest, TokensAndPrivileges) {
     json ctx;
     std::optional<StdErrors::Kind> want;  // nullopt: reaches the service
   } kCases[] = {
-      {"valid with privilege", TokenContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Read"}))),
+      {"valid with privilege", Hyv::Authn::TokenSecurityContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Read"}))),
        std::nullopt},
-      {"valid with both", TokenContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Administer", "Attestation.Read"}))),
+      {"valid with both", Hyv::Authn::TokenSecurityContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Administer", "Attestation.Read"}))),
        std::nullopt},
       {"no token", json::object(), StdErrors::Kind::kUnauthenticated},
-      {"missing privilege", TokenContext(MakeToken("RS256", good.get(), Claims("bob", {"Attestation.Administer"}))),
+      {"missing privilege", Hyv::Authn::TokenSecurityContext(MakeToken("RS256", good.get(), Claims("bob", {"Attestation.Administer"}))),
        StdErrors::Kind::kUnauthorized},
-      {"expired", TokenContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Read"}, -10))),
+      {"expired", Hyv::Authn::TokenSecurityContext(MakeToken("RS256", good.get(), Claims("alice", {"Attestation.Read"}, -10))),
        StdErrors::Kind::kUnauthenticated},
-      {"alg none", TokenContext(MakeToken("none", good.get(), Claims("alice", {"Attestation.Read"}))),
+      {"alg none", Hyv::Authn::TokenSecurityContext(MakeToken("none", good.get(), Claims("alice", {"Attestation.Read"}))),
        StdErrors::Kind::kUnauthenticated},
-      {"HS256", TokenContext(MakeToken("HS256", good.get(), Claims("alice", {"Attestation.Read"}))),
+      {"HS256", Hyv::Authn::TokenSecurityContext(MakeToken("HS256", good.get(), Claims("alice", {"Attestation.Read"}))),
        StdErrors::Kind::kUnauthenticated},
-      {"untrusted issuer", TokenContext(MakeToken("RS256", TestKeys().untrusted.get(), Claims("alice", {"Attestation.Read"}))),
+      {"untrusted issuer", Hyv::Authn::TokenSecurityContext(MakeToken("RS256", TestKeys().untrusted.get(), Claims("alice", {"Attestation.Read"}))),
        StdErrors::Kind::kUnauthenticated},
       {"other scheme", json({{"schemeId", "com.quarro.other"}, {"token", "x"}}), StdErrors::Kind::kUnauthenticated},
   };
@@ -218,7 +218,7 @@ TEST_F(ProviderTest, TokensAndPrivileges) {
   }
   // A token on an open operation is checked all the same.
   MethodResult open = Invoke(*provider, "com.quarro.lumen.std.introspection.provider.get", json::object(),
-                             TokenContext("not.a.token"));
+                             Hyv::Authn::TokenSecurityContext("not.a.token"));
   EXPECT_EQ(StdErrors::Kind::kUnauthenticated, open.error->kind);
 }
 
@@ -227,11 +227,11 @@ TEST_F(ProviderTest, AuditSwitchOnWritesCallAndRefusalEntries) {
   auto provider = Assemble();
   ASSERT_EQ(AuditSwitch::State::kEnabled, AuditSwitch::Get());
   std::string reader = MakeToken("RS256", TestKeys().trusted.get(), Claims("alice", {"Attestation.Read"}));
-  Invoke(*provider, "com.quarro.hyv.attestation.status.get", json::object(), TokenContext(reader));
-  Invoke(*provider, "com.quarro.hyv.attestation.tpm2.settings.update", json::object(), TokenContext(reader));
+  Invoke(*provider, "com.quarro.hyv.attestation.status.get", json::object(), Hyv::Authn::TokenSecurityContext(reader));
+  Invoke(*provider, "com.quarro.hyv.attestation.tpm2.settings.update", json::object(), Hyv::Authn::TokenSecurityContext(reader));
   Invoke(*provider, "com.quarro.hyv.attestation.status.get", json::object(),
-         TokenContext(MakeToken("RS256", TestKeys().untrusted.get(), Claims("mallory", {}))));
-  Invoke(*provider, "com.quarro.hyv.attestation.status.get", json::object(), TokenContext("garbage"));
+         Hyv::Authn::TokenSecurityContext(MakeToken("RS256", TestKeys().untrusted.get(), Claims("mallory", {}))));
+  Invoke(*provider, "com.quarro.hyv.attestation.status.get", json::object(), Hyv::Authn::TokenSecurityContext("garbage"));
 
   std::vector<json> lines = AuditLines();
   for (const auto& l : lines) {
@@ -287,7 +287,7 @@ TEST_F(ProviderTest, AnonymousIdentity) {
   EXPECT_EQ("AnonymousAuthentication", out.name);
   EXPECT_EQ("<ANONYMOUS>", out.username);
   EXPECT_EQ(std::vector<std::string>{"@ANONYMOUS"}, out.values);
-  EXPECT_FALSE(handler.Authenticate(TokenContext("t"), &out));
+  EXPECT_FALSE(handler.Authenticate(Hyv::Authn::TokenSecurityContext("t"), &out));
 }
 
 // The metadata file as authored: every operation of the API has its

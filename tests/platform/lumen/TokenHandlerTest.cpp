@@ -101,7 +101,7 @@ TEST(TokenHandlerAuthenticate, NeedsTheTokenScheme) {
   TokenHandler handler = MakeHandler();
   std::string token = MakeToken("RS256", TestKeys().rsa.get(), ClaimsAt(kNow + 60));
   Lumen::Provider::AuthnResult out;
-  EXPECT_EQ(Status::kOk, handler.Authenticate(TokenContext(token), &out, nullptr));
+  EXPECT_EQ(Status::kOk, handler.Authenticate(Hyv::Authn::TokenSecurityContext(token), &out, nullptr));
   EXPECT_EQ(Status::kMalformed, handler.Authenticate({{"schemeId", "other"}, {"token", token}}, &out, nullptr));
   EXPECT_EQ(Status::kMalformed, handler.Authenticate({{"schemeId", Hyv::Authn::kTokenSchemeId}}, &out, nullptr));
 }

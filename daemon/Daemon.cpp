@@ -72,6 +72,7 @@ int Main() {
   scratch->SetInt("maxSessionsPerEk", 5);
   scratch->SetInt("sessionTimeoutSeconds", 300);
   scratch->SetInt("tokenValiditySeconds", 0);
+  scratch->SetBool("strictQuoteChecks", true);
 
   Hearth::Service::SetAppInfo({"witnessd", WITNESSD_VERSION, WITNESSD_BUILD_NUMBER, 0});
   try {

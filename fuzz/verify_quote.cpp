@@ -36,7 +36,8 @@ bool TakeLen(const uint8_t** data, size_t* size, size_t width, size_t* out) {
 bool Known(VerifyStatus s) {
   for (VerifyStatus k : {kVerifyOk, kAkInvalid, kQuoteUndecodable, kSignatureInvalid, kEvidenceInvalid, kNonceAbsent,
                          kAttestHashFailed, kSignatureMismatch, kNonceLengthMismatch, kNonceMismatch,
-                         kPcrDigestLengthMismatch, kPcrDigestMismatch, kPcrHashFailed}) {
+                         kPcrDigestLengthMismatch, kPcrDigestMismatch, kPcrHashFailed, kMagicMismatch,
+                         kPcrSelectionMismatch}) {
     if (s == k) return true;
   }
   return false;
@@ -58,7 +59,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   std::memset(evidence.pcrs, 0, sizeof(evidence.pcrs));
   std::memcpy(evidence.pcrs, data, size < sizeof(evidence.pcrs) ? size : sizeof(evidence.pcrs));
-  if (!Known(VerifyQuote(&evidence, ak, nonce, nullptr)) || !Known(VerifyQuoteNonce(&evidence, nonce)) ||
+  // The strict requirements: SHA-256 PCRs 8-15 and 17-22.
+  static const QuoteRequirements required = {{1, {{kTpmAlgSha256, 3, {0x00, 0xff, 0x7e, 0x00}}}}};
+  if (!Known(VerifyQuote(&evidence, ak, nonce, nullptr)) || !Known(VerifyQuote(&evidence, ak, nonce, &required)) ||
+      !Known(VerifyQuoteNonce(&evidence, nonce)) || !Known(VerifyQuoteOrigin(&evidence, required)) ||
       !Known(VerifyQuotePcrDigest(&evidence))) {
     std::abort();
   }

@@ -197,6 +197,11 @@ SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings) {
                                 "Invalid session timeout configured: %d\n");
   limits.timeout_us = timeout_s * kUsPerSecond;
   Log_Level(kLogInfo, "Session timeout: %ld us\n", limits.timeout_us);
+  limits.strict_quote_checks = settings.GetBool("strictQuoteChecks", defaults.strict_quote_checks);
+  if (!limits.strict_quote_checks) {
+    Log_Level(kLogWarning,
+              "Strict quote checks disabled: a quote need not carry the TPM's magic nor cover every PCR used\n");
+  }
   return limits;
 }
 
@@ -264,7 +269,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     return Fail(code);
   }
 
-  auto session = std::make_shared<Session>(ek_digest, clock_());
+  auto session = std::make_shared<Session>(ek_digest, clock_(), limits_.strict_quote_checks);
   bool inserted = false;
   {
     MXUser::WriteGuard guard(table_lock_);

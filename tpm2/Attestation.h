@@ -29,11 +29,15 @@ struct SessionLimits {
   int32_t max_sessions = 1000;
   int32_t max_sessions_per_ek = 5;
   int64_t timeout_us = 300LL * 1000000;
+  // Quotes must be the TPM's own attestation over exactly the requested
+  // PCRs (see Session); false accepts any selection the quote binds.
+  bool strict_quote_checks = true;
 };
 
-// ReadSessionLimits reads "maxSessions", "maxSessionsPerEk" and
-// "sessionTimeoutSeconds" from |settings|; a value out of its range is
-// logged and replaced by the default. Each limit in use is logged.
+// ReadSessionLimits reads "maxSessions", "maxSessionsPerEk",
+// "sessionTimeoutSeconds" and "strictQuoteChecks" from |settings|; a limit
+// out of its range is logged and replaced by the default. Each limit in use
+// is logged, and lenient quote checks with a warning.
 SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings);
 
 // Cumulative for the life of the manager.

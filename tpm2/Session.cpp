@@ -74,9 +74,15 @@ std::string Hex(const uint8_t* bytes, size_t len) {
   return out;
 }
 
-// FillPcrSlots copies one PCR read (TPML_PCR_SELECTION of SHA-256 and its
-// TPML_DIGEST) into the SHA-256 bank of |evidence|, by PCR number.
-bool FillPcrSlots(const Bytes& selection_bytes, const Bytes& values_bytes, QuoteEvidence* evidence) {
+// PcrRead is one TPM2_PCR_Read result: one SHA-256 selection and its values.
+struct PcrRead {
+  TPMS_PCR_SELECTION selection;
+  TPML_DIGEST values;
+};
+
+// ParsePcrRead decodes one PCR read (TPML_PCR_SELECTION of SHA-256 and its
+// TPML_DIGEST).
+bool ParsePcrRead(const Bytes& selection_bytes, const Bytes& values_bytes, PcrRead* out) {
   TPML_PCR_SELECTION selection = {};
   if (Tpm2_Unmarshal_TPML_PCR_SELECTION(selection_bytes.data(), static_cast<uint32_t>(selection_bytes.size()),
                                         &selection) == 0) {
@@ -87,16 +93,25 @@ bool FillPcrSlots(const Bytes& selection_bytes, const Bytes& values_bytes, Quote
     Log_Level(kLogError, "Expected one PCR selection but found %d\n", static_cast<int>(selection.count));
     return false;
   }
-  const TPMS_PCR_SELECTION& sel = selection.pcrSelections[0];
-  if (sel.hash != PcrHashAlgorithm()) {
-    Log_Level(kLogError, "Expected PCR hash algorithm %d but found %d\n", PcrHashAlgorithm(), sel.hash);
+  out->selection = selection.pcrSelections[0];
+  if (out->selection.hash != PcrHashAlgorithm()) {
+    Log_Level(kLogError, "Expected PCR hash algorithm %d but found %d\n", PcrHashAlgorithm(), out->selection.hash);
     return false;
   }
-  TPML_DIGEST values = {};
-  if (Tpm2_Unmarshal_TPML_DIGEST(values_bytes.data(), static_cast<uint32_t>(values_bytes.size()), &values) == 0) {
+  out->values = {};
+  if (Tpm2_Unmarshal_TPML_DIGEST(values_bytes.data(), static_cast<uint32_t>(values_bytes.size()), &out->values) ==
+      0) {
     Log_Level(kLogError, "Failed to extract PCR values\n");
     return false;
   }
+  return true;
+}
+
+// FillPcrSlots copies one PCR read into the SHA-256 bank of |evidence|, by
+// PCR number, until the values run out.
+bool FillPcrSlots(const PcrRead& read, QuoteEvidence* evidence) {
+  const TPMS_PCR_SELECTION& sel = read.selection;
+  const TPML_DIGEST& values = read.values;
   uint32_t bank = PcrBankIndex(kTpmAlgSha256);
   uint32_t next = 0;
   for (uint32_t byte = 0; byte < sel.sizeofSelect && next < values.count; byte++) {
@@ -119,11 +134,61 @@ bool FillPcrSlots(const Bytes& selection_bytes, const Bytes& values_bytes, Quote
   return true;
 }
 
+// Required holds the selection every quote request names.
+const QuoteRequirements& Required() {
+  static const QuoteRequirements required = [] {
+    QuoteRequirements r = {};
+    Bytes bytes = RequiredPcrSelection();
+    VERIFY(Tpm2_Unmarshal_TPML_PCR_SELECTION(bytes.data(), static_cast<uint32_t>(bytes.size()), &r.selection) != 0);
+    return r;
+  }();
+  return required;
+}
+
+// ReadsCoverRequired establishes that the PCR reads name every PCR of the
+// required selection exactly once, name no other, and carry one value per
+// PCR named: then each value event-log validation uses is one the quote's
+// digest binds.
+bool ReadsCoverRequired(const std::vector<Bytes>& selections, const std::vector<Bytes>& values) {
+  uint32_t required[kNumPcrBanks];
+  VERIFY(PcrSelectionMasks(Required().selection, required));
+  uint32_t bank = PcrBankIndex(kTpmAlgSha256);
+  uint32_t seen = 0;
+  for (size_t i = 0; i < selections.size(); i++) {
+    PcrRead read;
+    if (!ParsePcrRead(selections[i], values[i], &read)) {
+      return false;
+    }
+    TPML_PCR_SELECTION one = {1, {read.selection}};
+    uint32_t masks[kNumPcrBanks];
+    if (!PcrSelectionMasks(one, masks)) {
+      Log_Level(kLogError, "Failed to extract PCR selections\n");
+      return false;
+    }
+    uint32_t named = static_cast<uint32_t>(__builtin_popcount(masks[bank]));
+    if (read.values.count != named) {
+      Log_Level(kLogError, "PCR read names %u PCRs but holds %u values\n", named, read.values.count);
+      return false;
+    }
+    if ((seen & masks[bank]) != 0) {
+      Log_Level(kLogError, "PCR read repeats PCRs 0x%06x\n", seen & masks[bank]);
+      return false;
+    }
+    seen |= masks[bank];
+  }
+  if (seen != required[bank]) {
+    Log_Level(kLogError, "PCR reads cover PCRs 0x%06x instead of the requested 0x%06x\n", seen, required[bank]);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-Session::Session(Bytes ek_digest, uint64_t created_us)
+Session::Session(Bytes ek_digest, uint64_t created_us, bool strict_quote_checks)
     : lock_(MXUser_CreateRWLock("tpm2Session", kRankUnranked)),
       created_us_(created_us),
+      strict_quote_checks_(strict_quote_checks),
       ek_digest_(std::move(ek_digest)),
       nonce_(kNonceBytes) {
   VERIFY(lock_ != nullptr);
@@ -236,6 +301,10 @@ SessionResult Session::SetQuote(const Bytes& quoted, const Bytes& signature, con
     Log_Level(kLogError, "Session not ready for quote data: %d\n", static_cast<int>(state_));
     return SessionResult::kInvalidState;
   }
+  if (strict_quote_checks_ && !ReadsCoverRequired(pcr_selections, pcr_values)) {
+    Log_Level(kLogError, "Invalid PCR selection data\n");
+    return SessionResult::kInvalidInput;
+  }
   quoted_ = quoted;
   signature_ = signature;
   pcr_selections_ = pcr_selections;
@@ -304,7 +373,8 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
   auto evidence = std::make_unique<QuoteEvidence>();
   std::memset(evidence.get(), 0, sizeof(QuoteEvidence));
   for (size_t i = 0; i < pcr_selections_.size(); i++) {
-    if (!FillPcrSlots(pcr_selections_[i], pcr_values_[i], evidence.get())) {
+    PcrRead read;
+    if (!ParsePcrRead(pcr_selections_[i], pcr_values_[i], &read) || !FillPcrSlots(read, evidence.get())) {
       Log_Level(kLogError, "Failed to extract PCR digests\n");
       return SessionResult::kInvalidInput;
     }
@@ -314,7 +384,7 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
   evidence->quote = {quoted_.size(), quoted_.data()};
   evidence->signature = {signature_.size(), signature_.data()};
   VerifyStatus status = VerifyQuote(evidence.get(), {ak_public_.size(), ak_public_.data()},
-                                    {nonce_.size(), nonce_.data()}, nullptr);
+                                    {nonce_.size(), nonce_.data()}, strict_quote_checks_ ? &Required() : nullptr);
   if (status != kVerifyOk) {
     Log_Level(kLogError, "Quote validation failed for session %lu; error = {%d, %d}\n", id_,
               static_cast<int>(StatusCategory(status)), static_cast<int>(StatusCode(status)));

@@ -60,8 +60,11 @@ class Session {
   // Session draws its id and nonce from the cryptographic random source (a
   // failure there ends the process) and keeps |ek_digest|, the digest of the
   // EK that opened it. |created_us| is the monotonic time of creation in
-  // microseconds, from which expiry counts.
-  Session(Bytes ek_digest, uint64_t created_us);
+  // microseconds, from which expiry counts. With |strict_quote_checks| the
+  // quote must be the TPM's own attestation over exactly the required PCR
+  // selection, and the PCR reads must cover that selection, each PCR once;
+  // without, any selection the quote binds is accepted.
+  Session(Bytes ek_digest, uint64_t created_us, bool strict_quote_checks = true);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -86,7 +89,8 @@ class Session {
   // hold the credential secret.
   SessionResult ActivateAttestationKey(const Bytes& cert_info);
   // SetQuote keeps the quote, its signature and the PCR reads (selections
-  // and values pairwise), replacing earlier ones.
+  // and values pairwise), replacing earlier ones. Under strict checks the
+  // reads must cover the required selection exactly.
   SessionResult SetQuote(const Bytes& quoted, const Bytes& signature, const std::vector<Bytes>& pcr_selections,
                          const std::vector<Bytes>& pcr_values);
   // SetEventLog parses the TCG event log, detects a TXT launch and finds the
@@ -109,6 +113,7 @@ class Session {
   SessionState state_ = SessionState::kInitialized;
   uint64_t id_ = 0;
   uint64_t created_us_;
+  const bool strict_quote_checks_;
   Bytes ek_digest_;
   Bytes credential_secret_;
   Bytes ak_public_;

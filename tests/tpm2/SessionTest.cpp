@@ -283,9 +283,11 @@ TEST_F(SessionTest, UnparsableEventLogIsInvalidInput) {
   EXPECT_NE(std::string::npos, out.find("Failed to parse event log data"));
 }
 
-// PCR reads that a quote-signing TPM would never return fail before the
-// quote is checked.
-TEST_F(SessionTest, PcrReadsMustBeSingleSha256Selections) {
+// PCR reads must cover the requested selection, each PCR once, with one
+// value per PCR: otherwise event-log validation could use values the
+// quote's digest does not bind. Strict sessions refuse such reads when they
+// arrive; lenient ones fill what they can and let the quote decide.
+TEST_F(SessionTest, PcrReadsMustCoverTheRequestedSelectionOnce) {
   using namespace Verify;
   auto selection = [](std::vector<std::pair<uint16_t, std::vector<uint8_t>>> sels) {
     TPML_PCR_SELECTION s = {};
@@ -299,33 +301,79 @@ TEST_F(SessionTest, PcrReadsMustBeSingleSha256Selections) {
     uint32_t len = Tpm2_Marshal_TPML_PCR_SELECTION(&s, buf, sizeof(buf));
     return Bytes(buf, buf + len);
   };
+  Agent::HostTpm* host = host_.get();
+  const Bytes pcr0 = selection({{kTpmAlgSha256, {1, 0, 0}}});
   const struct {
     const char* name;
-    Bytes selection;
-    const char* log;
+    std::function<void(Quote&)> change;
+    const char* strict_log;
+    SessionResult lenient;  // the final step's code without strict checks
+    const char* lenient_log;
   } kCases[] = {
-      {"SHA-1 bank", selection({{kTpmAlgSha1, {0, 0xff, 0}}}), "Expected PCR hash algorithm 11 but found 4"},
-      {"two selections", selection({{kTpmAlgSha256, {0, 0xff, 0}}, {kTpmAlgSha256, {0, 0, 0x7e}}}),
+      {"SHA-1 bank", [&](Quote& q) { q.selections[0] = selection({{kTpmAlgSha1, {0, 0xff, 0}}}); },
+       "Expected PCR hash algorithm 11 but found 4", SessionResult::kInvalidInput,
+       "Expected PCR hash algorithm 11 but found 4"},
+      {"two selections in one read",
+       [&](Quote& q) { q.selections[0] = selection({{kTpmAlgSha256, {0, 0xff, 0}}, {kTpmAlgSha256, {0, 0, 0x7e}}}); },
+       "Expected one PCR selection but found 2", SessionResult::kInvalidInput,
        "Expected one PCR selection but found 2"},
-      {"PCR beyond 23", selection({{kTpmAlgSha256, {0, 0, 0, 1}}}), "Expected PCR index below 24 but found 24"},
-      {"undecodable", Bytes{0, 0, 0, 1, 0}, "Failed to extract PCR selections"},
+      {"PCR beyond 23", [&](Quote& q) { q.selections[0] = selection({{kTpmAlgSha256, {0, 0, 0, 1}}}); },
+       "PCR read names 1 PCRs but holds 8 values", SessionResult::kInvalidInput,
+       "Expected PCR index below 24 but found 24"},
+      {"undecodable", [&](Quote& q) { q.selections[0] = Bytes{0, 0, 0, 1, 0}; }, "Failed to extract PCR selections",
+       SessionResult::kInvalidInput, "Failed to extract PCR selections"},
+      {"a read repeated",
+       [&](Quote& q) {
+         q.selections.push_back(q.selections[0]);
+         q.values.push_back(q.values[0]);
+       },
+       "PCR read repeats PCRs 0x00ff00", SessionResult::kSuccess, ""},
+      {"PCRs 17-22 not read",
+       [&](Quote& q) {
+         q.selections.pop_back();
+         q.values.pop_back();
+       },
+       "PCR reads cover PCRs 0x00ff00 instead of the requested 0x7eff00", SessionResult::kVerificationFailed,
+       "Quote validation failed for session"},
+      {"PCR 0 read as well",
+       [&](Quote& q) {
+         std::vector<Agent::PcrReadResult> extra;
+         ASSERT_TRUE(host->ReadPcrs(pcr0, &extra));
+         q.selections.push_back(extra[0].selection_out);
+         q.values.push_back(extra[0].values);
+       },
+       "PCR reads cover PCRs 0x7eff01 instead of the requested 0x7eff00", SessionResult::kSuccess, ""},
+      {"more values than PCRs named", [&](Quote& q) { q.values[1] = q.values[0]; },
+       "PCR read names 6 PCRs but holds 8 values", SessionResult::kVerificationFailed,
+       "Quote validation failed for session"},
   };
   BootPlan plan;
+  Bytes log = Agent::WriteEventLog(Agent::HypervisorBootEvents(plan));
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
-    Activate();
-    Quote q = MeasureAndQuote(plan);
-    q.selections[0] = c.selection;
-    std::string log = Capture([&] {
-      ASSERT_EQ(SessionResult::kSuccess, session_->SetQuote(q.quoted, q.signature, q.selections, q.values));
-      ASSERT_EQ(SessionResult::kSuccess,
-                session_->SetEventLog(Agent::WriteEventLog(Agent::HypervisorBootEvents(plan)), true));
-      EXPECT_EQ(SessionResult::kInvalidInput, session_->Attest(Expected(plan)));
-    });
-    EXPECT_NE(std::string::npos, log.find(c.log)) << log;
-    EXPECT_NE(std::string::npos, log.find("Failed to extract PCR digests")) << log;
-    EXPECT_EQ(SessionState::kReadyForAttestation, session_->State());
+    for (bool strict : {true, false}) {
+      SCOPED_TRACE(std::string(c.name) + (strict ? ", strict" : ", lenient"));
+      session_ = std::make_unique<Session>(ek_digest_, 0, strict);
+      Activate();
+      Quote q = MeasureAndQuote(plan);
+      ASSERT_EQ(2u, q.selections.size());
+      c.change(q);
+      SessionResult code = SessionResult::kSuccess;
+      std::string out = Capture([&] {
+        code = session_->SetQuote(q.quoted, q.signature, q.selections, q.values);
+        if (code == SessionResult::kSuccess) {
+          ASSERT_EQ(SessionResult::kSuccess, session_->SetEventLog(log, true));
+          code = session_->Attest(Expected(plan));
+        }
+      });
+      if (strict) {
+        EXPECT_EQ(SessionResult::kInvalidInput, code);
+        EXPECT_EQ(SessionState::kAkActivated, session_->State()) << "refused when the reads arrive";
+        EXPECT_NE(std::string::npos, out.find(c.strict_log)) << out;
+      } else {
+        EXPECT_EQ(c.lenient, code) << out;
+        EXPECT_NE(std::string::npos, out.find(c.lenient_log)) << out;
+      }
+    }
   }
 }
 

@@ -120,7 +120,6 @@ TEST(VerifyQuote, BuiltQuoteEdgeCases) {
       {"PCR value read differs", [](QuoteBuilder* b) { b->pcr_value_flip = true; }, v::kPcrDigestMismatch},
       {"certify attestation", [](QuoteBuilder* b) { b->attest_type = v::kTpmStAttestCertify; },
        v::kEvidenceInvalid},
-      {"magic not compared", [](QuoteBuilder* b) { b->magic = 0; }, v::kVerifyOk},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.name);
@@ -128,6 +127,49 @@ TEST(VerifyQuote, BuiltQuoteEdgeCases) {
     row.mutate(&b);
     b.Build();
     EXPECT_EQ(Pair(row.expected), Pair(v::VerifyQuote(b.evidence.get(), b.Ak(), b.Nonce(), nullptr)));
+  }
+}
+
+// Under the strict requirements a quote must be the TPM's own attestation
+// (a host can have its AK sign a structure it wrote, but not one that starts
+// with the magic) over exactly the requested PCRs, compared as sets per
+// bank. Without them, these quotes verify.
+TEST(VerifyQuote, StrictRequirementsOnMagicAndSelection) {
+  using Sel = v::TPMS_PCR_SELECTION;
+  const Sel kRequested = {v::kTpmAlgSha256, 3, {0x00, 0xff, 0x7e, 0}};  // PCRs 8-15, 17-22
+  v::QuoteRequirements required = {};
+  required.selection.count = 1;
+  required.selection.pcrSelections[0] = kRequested;
+  const struct {
+    const char* name;
+    std::vector<Sel> selections;
+    uint32_t magic;
+    v::VerifyStatus strict;
+  } kRows[] = {
+      {"the requested PCRs", {kRequested}, v::kTpmGeneratedValue, v::kVerifyOk},
+      {"split over two selections of the bank",
+       {{v::kTpmAlgSha256, 2, {0x00, 0xff}}, {v::kTpmAlgSha256, 3, {0x00, 0x00, 0x7e}}}, v::kTpmGeneratedValue,
+       v::kVerifyOk},
+      {"magic off by one bit", {kRequested}, v::kTpmGeneratedValue ^ 1, v::kMagicMismatch},
+      {"magic zero", {kRequested}, 0, v::kMagicMismatch},
+      {"PCR 22 missing", {{v::kTpmAlgSha256, 3, {0x00, 0xff, 0x3e}}}, v::kTpmGeneratedValue,
+       v::kPcrSelectionMismatch},
+      {"PCR 8 only", {{v::kTpmAlgSha256, 3, {0x00, 0x01, 0x00}}}, v::kTpmGeneratedValue, v::kPcrSelectionMismatch},
+      {"PCR 0 extra", {{v::kTpmAlgSha256, 3, {0x01, 0xff, 0x7e}}}, v::kTpmGeneratedValue, v::kPcrSelectionMismatch},
+      {"PCR 8 in the SHA-1 bank",
+       {{v::kTpmAlgSha256, 3, {0x00, 0xfe, 0x7e}}, {v::kTpmAlgSha1, 3, {0x00, 0x01, 0x00}}}, v::kTpmGeneratedValue,
+       v::kPcrSelectionMismatch},
+      {"a SHA-1 bank besides", {kRequested, {v::kTpmAlgSha1, 3, {0x00, 0xff, 0x00}}}, v::kTpmGeneratedValue,
+       v::kPcrSelectionMismatch},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    QuoteBuilder b;
+    b.selections = row.selections;
+    b.magic = row.magic;
+    b.Build();
+    EXPECT_EQ(Pair(row.strict), Pair(v::VerifyQuote(b.evidence.get(), b.Ak(), b.Nonce(), &required)));
+    EXPECT_EQ(Pair(v::kVerifyOk), Pair(v::VerifyQuote(b.evidence.get(), b.Ak(), b.Nonce(), nullptr)));
   }
 }
 

@@ -142,7 +142,11 @@ TEST_F(SwtpmQuoteTest, RealQuoteVerifiesAndOneChangeBreaksIt) {
   evidence->signature = {sig.size(), sig.data()};
   v::ByteView ak_view{ak.size(), ak.data()};
   v::ByteView nonce_view{nonce.size, nonce.buffer};
-  EXPECT_EQ(Pair(v::kVerifyOk), Pair(v::VerifyQuote(evidence.get(), ak_view, nonce_view, nullptr)));
+  // The TPM's own quote carries its magic and the selection asked for.
+  v::QuoteRequirements required = {};
+  required.selection.count = 1;
+  required.selection.pcrSelections[0] = {TPM2_ALG_SHA256, 3, {0xff, 0xff, 0xff}};
+  EXPECT_EQ(Pair(v::kVerifyOk), Pair(v::VerifyQuote(evidence.get(), ak_view, nonce_view, &required)));
 
   nonce.buffer[5] ^= 1;
   EXPECT_EQ(Pair(v::kNonceMismatch), Pair(v::VerifyQuote(evidence.get(), ak_view, nonce_view, nullptr)));

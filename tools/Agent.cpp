@@ -1,6 +1,10 @@
 #include "tools/Agent.h"
 
+#include <tss2/tss2_mu.h>
+
 #include <chrono>
+#include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 
@@ -63,7 +67,8 @@ class Conversation {
   bool Prepare() {
     std::vector<BootEvent> events = HypervisorBootEvents(options_.boot);
     event_log_ = WriteEventLog(events);
-    if (options_.measure_boot && !MeasureBoot(tpm_, options_.boot, events)) {
+    const BootPlan& measured = options_.measured_boot.value_or(options_.boot);
+    if (options_.measure_boot && !MeasureBoot(tpm_, measured, HypervisorBootEvents(measured))) {
       return Fail("boot measurement: " + tpm_->LastError());
     }
     if (options_.fault == Fault::kPcrAfterLog) {
@@ -134,9 +139,13 @@ class Conversation {
     Bytes quoted;
     Bytes signature;
     std::vector<PcrReadResult> reads;
-    if (!tpm_->Quote(AsBytes(request.qualifying_data()), AsBytes(request.sig_scheme()), selection, &quoted,
-                     &signature) ||
-        !tpm_->ReadPcrs(selection, &reads)) {
+    if (options_.fault == Fault::kForgedAttest || options_.fault == Fault::kPartialQuote) {
+      if (!ForgeQuote(request, &quoted, &signature, &reads)) {
+        return false;
+      }
+    } else if (!tpm_->Quote(AsBytes(request.qualifying_data()), AsBytes(request.sig_scheme()), selection, &quoted,
+                            &signature) ||
+               !tpm_->ReadPcrs(selection, &reads)) {
       return Fail("quote: " + tpm_->LastError());
     }
     auto* r = answer->mutable_quote_response();
@@ -147,6 +156,84 @@ class Conversation {
       entry->set_pcr_selection_out(AsString(read.selection_out));
       entry->set_pcr_values(AsString(read.values));
     }
+    return true;
+  }
+
+  // ForgeQuote makes the evidence of a compromised host: PCR reads with the
+  // values its event log replays to, and a quote the real TPM signed that
+  // agrees with them (see Fault).
+  bool ForgeQuote(const attestation::proto::QuoteRequest& request, Bytes* quoted, Bytes* signature,
+                  std::vector<PcrReadResult>* reads) {
+    Bytes selection = AsBytes(request.pcr_selection());
+    std::unique_ptr<HostTpm> replica = MakeSoftwareHost();
+    if (!MeasureBoot(replica.get(), options_.boot, HypervisorBootEvents(options_.boot)) ||
+        !replica->ReadPcrs(selection, reads)) {
+      return Fail("replaying the log: " + replica->LastError());
+    }
+    if (options_.fault == Fault::kPartialQuote) {
+      TPML_PCR_SELECTION pcr8 = {};
+      pcr8.count = 1;
+      pcr8.pcrSelections[0] = {TPM2_ALG_SHA256, 3, {0x00, 0x01, 0x00}};
+      Bytes pcr8_bytes(sizeof(pcr8));
+      size_t len = 0;
+      if (Tss2_MU_TPML_PCR_SELECTION_Marshal(&pcr8, pcr8_bytes.data(), pcr8_bytes.size(), &len) != TSS2_RC_SUCCESS) {
+        return Fail("marshalling the PCR 8 selection");
+      }
+      pcr8_bytes.resize(len);
+      if (!tpm_->Quote(AsBytes(request.qualifying_data()), AsBytes(request.sig_scheme()), pcr8_bytes, quoted,
+                       signature)) {
+        return Fail("quote: " + tpm_->LastError());
+      }
+      return true;
+    }
+    // A genuine quote gives the signer's name and clock; the host rewrites
+    // the magic and the PCR digest and has the AK sign the result.
+    Bytes genuine;
+    if (!tpm_->Quote(AsBytes(request.qualifying_data()), AsBytes(request.sig_scheme()), selection, &genuine,
+                     signature)) {
+      return Fail("quote: " + tpm_->LastError());
+    }
+    TPM2B_ATTEST wrapped = {};
+    TPMS_ATTEST attest = {};
+    size_t offset = 0;
+    size_t inner = 0;
+    if (Tss2_MU_TPM2B_ATTEST_Unmarshal(genuine.data(), genuine.size(), &offset, &wrapped) != TSS2_RC_SUCCESS ||
+        Tss2_MU_TPMS_ATTEST_Unmarshal(wrapped.attestationData, wrapped.size, &inner, &attest) != TSS2_RC_SUCCESS) {
+      return Fail("cannot read the TPM's quote");
+    }
+    Bytes values;
+    for (const PcrReadResult& read : *reads) {
+      TPML_DIGEST digests = {};
+      offset = 0;
+      if (Tss2_MU_TPML_DIGEST_Unmarshal(read.values.data(), read.values.size(), &offset, &digests) !=
+          TSS2_RC_SUCCESS) {
+        return Fail("cannot read the replayed PCR values");
+      }
+      for (uint32_t i = 0; i < digests.count; ++i) {
+        values.insert(values.end(), digests.digests[i].buffer, digests.digests[i].buffer + digests.digests[i].size);
+      }
+    }
+    Bytes digest = Sha256(values);
+    attest.magic = 0;
+    attest.attested.quote.pcrDigest.size = static_cast<uint16_t>(digest.size());
+    std::memcpy(attest.attested.quote.pcrDigest.buffer, digest.data(), digest.size());
+    Bytes body(sizeof(TPMS_ATTEST));
+    offset = 0;
+    if (Tss2_MU_TPMS_ATTEST_Marshal(&attest, body.data(), body.size(), &offset) != TSS2_RC_SUCCESS) {
+      return Fail("cannot write the attestation structure");
+    }
+    body.resize(offset);
+    if (!tpm_->SignWithAk(body, signature)) {
+      return Fail("sign: " + tpm_->LastError());
+    }
+    wrapped.size = static_cast<uint16_t>(body.size());
+    std::memcpy(wrapped.attestationData, body.data(), body.size());
+    quoted->assign(sizeof(TPM2B_ATTEST), 0);
+    offset = 0;
+    if (Tss2_MU_TPM2B_ATTEST_Marshal(&wrapped, quoted->data(), quoted->size(), &offset) != TSS2_RC_SUCCESS) {
+      return Fail("cannot wrap the attestation structure");
+    }
+    quoted->resize(offset);
     return true;
   }
 

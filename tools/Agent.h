@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,13 @@ enum class Fault {
   kUnknownSession,     // the second call names a session id the daemon never gave
   kPcrAfterLog,        // a core PCR is extended after the log was written
   kBothResponsesInOne, // quote and event log responses in one message holder
+  // A compromised host that makes its PCR reads say what its event log
+  // says (the values |boot| gives, whatever the TPM measured) and has the
+  // TPM vouch for them:
+  kForgedAttest,  // an attestation structure the host wrote (magic 0, the
+                  // requested PCRs, the digest of the logged values), signed
+                  // by the AK through TPM2_Hash and TPM2_Sign
+  kPartialQuote,  // a genuine quote over PCR 8 only, which neither boot touches
 };
 
 struct AttestOptions {
@@ -40,6 +48,9 @@ struct AttestOptions {
   // already hold |boot|'s measurements.
   bool measure_boot = true;
   BootPlan boot;
+  // What the TPM really measures when it differs from |boot|, the boot the
+  // event log tells.
+  std::optional<BootPlan> measured_boot;
   // The agent's statement that the event log is whole.
   bool log_complete = true;
   Fault fault = Fault::kNone;

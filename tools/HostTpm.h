@@ -52,6 +52,12 @@ class HostTpm {
   virtual bool Quote(const Bytes& qualifying_data, const Bytes& sig_scheme, const Bytes& selection,
                      Bytes* out_quoted, Bytes* out_signature) = 0;
 
+  // SignWithAk signs |data| with the AK (RSASSA, SHA-256) the way a host
+  // may have any data signed by its restricted AK: TPM2_Hash for a ticket,
+  // then TPM2_Sign. The TPM refuses only data that starts with its own
+  // TPM_GENERATED_VALUE. |out_signature| is a TPMT_SIGNATURE.
+  virtual bool SignWithAk(const Bytes& data, Bytes* out_signature) = 0;
+
   // LastError describes the most recent failure.
   const std::string& LastError() const { return error_; }
 

@@ -8,6 +8,7 @@
 #include <openssl/rsa.h>
 #include <tss2/tss2_mu.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
@@ -270,18 +271,16 @@ class SoftwareHost : public HostTpm {
     quoted.size = static_cast<uint16_t>(body.size());
     std::memcpy(quoted.attestationData, body.data(), body.size());
 
-    TPMT_SIGNATURE signature = {};
-    signature.sigAlg = TPM2_ALG_RSASSA;
-    signature.signature.rsassa.hash = TPM2_ALG_SHA256;
-    size_t sig_len = sizeof(signature.signature.rsassa.sig.buffer);
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    if (md == nullptr || EVP_DigestSignInit(md.get(), nullptr, EVP_sha256(), nullptr, ak_.get()) != 1 ||
-        EVP_DigestSign(md.get(), signature.signature.rsassa.sig.buffer, &sig_len, body.data(), body.size()) != 1) {
-      return Fail("quote signing failed");
+    return Marshal(Tss2_MU_TPM2B_ATTEST_Marshal, quoted, out_quoted) && Sign(body, out_signature);
+  }
+
+  bool SignWithAk(const Bytes& data, Bytes* out_signature) override {
+    // A TPM gives no hash ticket for data that claims to be its own.
+    static const Bytes kGenerated = {0xff, 0x54, 0x43, 0x47};
+    if (data.size() >= kGenerated.size() && std::equal(kGenerated.begin(), kGenerated.end(), data.begin())) {
+      return Fail("TPM2_Hash: data starts with TPM_GENERATED_VALUE");
     }
-    signature.signature.rsassa.sig.size = static_cast<uint16_t>(sig_len);
-    return Marshal(Tss2_MU_TPM2B_ATTEST_Marshal, quoted, out_quoted) &&
-           Marshal(Tss2_MU_TPMT_SIGNATURE_Marshal, signature, out_signature);
+    return Sign(data, out_signature);
   }
 
  private:
@@ -300,6 +299,24 @@ class SoftwareHost : public HostTpm {
   bool Unmarshal(UnmarshalFn fn, const Bytes& bytes, T* out) {
     size_t offset = 0;
     return fn(bytes.data(), bytes.size(), &offset, out) == TSS2_RC_SUCCESS;
+  }
+
+  // Sign makes the AK's RSASSA/SHA-256 TPMT_SIGNATURE over |data|.
+  bool Sign(const Bytes& data, Bytes* out_signature) {
+    if (ak_ == nullptr) {
+      return Fail("no AK loaded");
+    }
+    TPMT_SIGNATURE signature = {};
+    signature.sigAlg = TPM2_ALG_RSASSA;
+    signature.signature.rsassa.hash = TPM2_ALG_SHA256;
+    size_t sig_len = sizeof(signature.signature.rsassa.sig.buffer);
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    if (md == nullptr || EVP_DigestSignInit(md.get(), nullptr, EVP_sha256(), nullptr, ak_.get()) != 1 ||
+        EVP_DigestSign(md.get(), signature.signature.rsassa.sig.buffer, &sig_len, data.data(), data.size()) != 1) {
+      return Fail("signing failed");
+    }
+    signature.signature.rsassa.sig.size = static_cast<uint16_t>(sig_len);
+    return Marshal(Tss2_MU_TPMT_SIGNATURE_Marshal, signature, out_signature);
   }
 
   // DecryptSeed opens the seed with the EK: RSA-OAEP, SHA-256, label

@@ -255,6 +255,35 @@ class SwtpmHost : public HostTpm {
            Marshal(Tss2_MU_TPMT_SIGNATURE_Marshal, *signature, out_signature);
   }
 
+  bool SignWithAk(const Bytes& data, Bytes* out_signature) override {
+    TPM2B_MAX_BUFFER buffer = {};
+    if (ak_ == ESYS_TR_NONE || data.size() > sizeof(buffer.buffer)) {
+      return Fail("no AK loaded, or data too long to hash");
+    }
+    buffer.size = static_cast<uint16_t>(data.size());
+    std::memcpy(buffer.buffer, data.data(), data.size());
+    TPM2B_DIGEST* digest_raw = nullptr;
+    TPMT_TK_HASHCHECK* ticket_raw = nullptr;
+    if (!Check(Esys_Hash(esys_, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &buffer, TPM2_ALG_SHA256, ESYS_TR_RH_OWNER,
+                         &digest_raw, &ticket_raw),
+               "TPM2_Hash")) {
+      return false;
+    }
+    EsysPtr<TPM2B_DIGEST> digest(digest_raw);
+    EsysPtr<TPMT_TK_HASHCHECK> ticket(ticket_raw);
+    TPMT_SIG_SCHEME scheme = {};
+    scheme.scheme = TPM2_ALG_RSASSA;
+    scheme.details.rsassa.hashAlg = TPM2_ALG_SHA256;
+    TPMT_SIGNATURE* signature_raw = nullptr;
+    if (!Check(Esys_Sign(esys_, ak_, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, digest.get(), &scheme, ticket.get(),
+                         &signature_raw),
+               "TPM2_Sign")) {
+      return false;
+    }
+    EsysPtr<TPMT_SIGNATURE> signature(signature_raw);
+    return Marshal(Tss2_MU_TPMT_SIGNATURE_Marshal, *signature, out_signature);
+  }
+
  private:
   bool Check(TSS2_RC rc, const char* what) {
     if (rc == TSS2_RC_SUCCESS) {

@@ -171,6 +171,8 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
       {"session limit not a number", "<config><maxSessions>many</maxSessions></config>", "maxSessions"},
       {"token validity not a number", "<config><tokenValiditySeconds>1h</tokenValiditySeconds></config>",
        "tokenValiditySeconds"},
+      {"strict quote checks not a boolean", "<config><strictQuoteChecks>maybe</strictQuoteChecks></config>",
+       "strictQuoteChecks"},
   };
   for (const auto& tc : kCases) {
     SCOPED_TRACE(tc.name);

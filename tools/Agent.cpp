@@ -337,15 +337,15 @@ AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const Report
   }
 }
 
-AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options) {
-  HttpClient client(host, port);
-  auto over_http = [&client, &options](const ReportCall& call, ReportAnswer* out, std::string* failure) {
+ReportTransport OverHttp(const std::string& host, uint16_t port, const std::string& content_type) {
+  auto client = std::make_shared<HttpClient>(host, port);
+  return [client, content_type](const ReportCall& call, ReportAnswer* out, std::string* failure) {
     std::string body = MakeReportRequest(std::to_string(call.turn + 1), call.document_types, call.contexts,
                                          call.ek_certificate_pem, call.ek_public_pem);
     int status = 0;
     std::string reply;
     std::string error;
-    if (!client.Post("/api", options.content_type, body, &status, &reply, &error)) {
+    if (!client->Post("/api", content_type, body, &status, &reply, &error)) {
       *failure = "HTTP: " + error;
       return false;
     }
@@ -383,7 +383,10 @@ AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const 
     }
     return true;
   };
-  return AttestWith(tpm, options, over_http);
+}
+
+AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const AttestOptions& options) {
+  return AttestWith(tpm, options, OverHttp(host, port, options.content_type));
 }
 
 }  // namespace Witnessd::Agent

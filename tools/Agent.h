@@ -102,6 +102,10 @@ using ReportTransport = std::function<bool(const ReportCall& call, ReportAnswer*
 // |transport|; Attest is AttestWith over HTTP.
 AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const ReportTransport& transport);
 
+// OverHttp makes each Report call as a POST of |content_type| to
+// http://|host|:|port|/api.
+ReportTransport OverHttp(const std::string& host, uint16_t port, const std::string& content_type);
+
 // MakeReportRequest builds the JSON-RPC body of one Report create call.
 std::string MakeReportRequest(const std::string& id, const std::vector<std::string>& document_types,
                               const std::vector<Bytes>& contexts, const std::string& ek_certificate_pem,

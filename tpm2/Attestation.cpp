@@ -387,6 +387,21 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
   return Reply(out, session);
 }
 
+void Attestation::EndRefusedSession(const std::string& ek_pem, const Bytes& context) {
+  Bytes ek_digest;
+  Context in;
+  if (!EkDigestOf(ek_pem, ek_digest) || context.size() > static_cast<size_t>(INT_MAX) ||
+      !in.ParseFromArray(context.data(), static_cast<int>(context.size())) || !in.has_session_id()) {
+    return;
+  }
+  std::shared_ptr<Session> session = FindSession(in.session_id());
+  if (session == nullptr || session->EkDigest() != ek_digest) {
+    return;
+  }
+  Log_Level(kLogError, "Failed attestation for session ID: %lu\n", session->Id());
+  EndSession(session, false);
+}
+
 ProcessResult Attestation::Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session) {
   ProcessResult result;
   if (!Serialize(out, result.out_context)) {

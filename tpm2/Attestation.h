@@ -83,6 +83,11 @@ class Attestation {
   // and the outcome is set. Any other code is the failure; nothing throws.
   ProcessResult ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context);
 
+  // EndRefusedSession ends, as failed, the session that |context| names when
+  // |ek_pem| is that session's EK: for a later call that EK identification
+  // refused. Any other call leaves every session as it is.
+  void EndRefusedSession(const std::string& ek_pem, const Bytes& context);
+
   // CleanupExpiredSessions removes every session older than the timeout.
   void CleanupExpiredSessions();
   // LogStatistics writes the "TPM2 STATS" line.

@@ -34,13 +34,14 @@ bool IsConfiguredEk(const std::string& pem) {
     Log_Level(kLogError, "Failed to compute hash for endorsement key\n");
     return false;
   }
-  return Config::Tpm2::GetEkReferenceCount(digest).has_value();
+  return Config::Tpm2::IsEkConfigured(digest);
 }
 
 // IdentifyEk establishes, from the TPM settings, that the host's EK is one
 // this daemon trusts: a configured key, a certificate that chains to a
-// configured CA, or both, as the settings require. On success |out_ek_pem|
-// is the EK public key to attest with.
+// configured CA, or both, as the settings require. |out_ek_pem| is the EK
+// public key the host presented, as soon as it is known (also when it is
+// then refused); on success it is the key to attest with.
 std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& out_ek_pem) {
   bool require_eks = false;
   bool require_validation = false;
@@ -52,6 +53,9 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
     Log_Level(kLogError, "Tpm2 settings Endorsement Key and EK Certificate validation unset\n");
     return StdErrors::Error();
   }
+  if (ek.public_key) {
+    out_ek_pem = *ek.public_key;
+  }
   if (ek.public_key && require_validation) {
     Log_Level(kLogError, "EK public key provided when EK certificate required\n");
     return Errors::Error(kTpmCertRequired);
@@ -62,6 +66,7 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
       Log_Level(kLogError, "Invalid EK certificate format\n");
       return StdErrors::InvalidArgument({});
     }
+    out_ek_pem = key;
     if (require_validation) {
       Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
       if (cas == nullptr) {
@@ -76,7 +81,6 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
       Log_Level(kLogError, "Failed to validate EK certificate with configured EKs\n");
       return Errors::Error(kUnknownTpm);
     }
-    out_ek_pem = std::move(key);
     return std::nullopt;
   }
   if (!SslUtils::ValidatePemKey(*ek.public_key)) {
@@ -87,7 +91,6 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
     Log_Level(kLogError, "Failed to validate EK Pub with configured EKs\n");
     return Errors::Error(kUnknownTpm);
   }
-  out_ek_pem = *ek.public_key;
   return std::nullopt;
 }
 
@@ -168,18 +171,24 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
     return;
   }
 
+  std::optional<Tpm2::Bytes> context;
+  if (!tpm.contexts.empty()) {
+    context = tpm.contexts[0];
+  }
   std::string ek_pem;
   if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, ek_pem)) {
     Log_Level(kLogError, "Invalid Tpm2 identifier\n");
+    // A host whose EK is no longer trusted (settings, EKs or CAs changed
+    // under it) cannot finish its session: end it now rather than let it
+    // hold the EK's session slot until it expires.
+    if (context && !ek_pem.empty()) {
+      sessions_->EndRefusedSession(ek_pem, *context);
+    }
     CountAttestation(&*error);
     done(std::move(*error));
     return;
   }
 
-  std::optional<Tpm2::Bytes> context;
-  if (!tpm.contexts.empty()) {
-    context = tpm.contexts[0];
-  }
   Tpm2::ProcessResult turn = sessions_->ProcessRequest(ek_pem, context);
   if (turn.code != SessionResult::kSuccess) {
     Log_Level(kLogError, "TPM 2 attestation failure: %d\n", static_cast<int>(turn.code));

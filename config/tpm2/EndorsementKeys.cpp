@@ -20,8 +20,17 @@ using Orm::Common::SslUtils;
 constexpr std::string_view kCanonicalBegin = "-----BEGINPUBLICKEY-----";
 constexpr std::string_view kCanonicalEnd = "-----ENDPUBLICKEY-----";
 
+// An EK map entry: the live sessions of the EK, and whether the EK is one
+// an administrator configured. Entries that are not configured exist only
+// while sessions hold them (EKs are then not required) and go when their
+// count falls to 0; configured entries stay at 0.
+struct EkEntry {
+  int32_t count = 0;
+  bool configured = false;
+};
+
 // Guarded by the EK map lock.
-std::map<EkDigest, int32_t> g_ek_map;
+std::map<EkDigest, EkEntry> g_ek_map;
 
 std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
   return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
@@ -106,10 +115,13 @@ ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem) 
     return ConfigResult::kConfigError;
   }
   MXUser::WriteGuard ek_map(EkMapLock());
-  if (!g_ek_map.emplace(digest, 0).second) {
+  // An entry that only live sessions hold becomes configured, count kept.
+  auto [entry, inserted] = g_ek_map.try_emplace(digest);
+  if (entry->second.configured) {
     Log_Level(kLogError, "Failed to add EK public key digest to map. Already exists\n");
     return ConfigResult::kConfigDuplicate;
   }
+  entry->second.configured = true;
   try {
     ConfigStoreObject object(MakeId(kKeyEndorsementKeys, name));
     object.SetValue("name", name);
@@ -118,7 +130,11 @@ ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem) 
     Store()->SetObject(object, status);
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception writing EK '%s' to configstore: %s\n", name.c_str(), e.what());
-    g_ek_map.erase(digest);
+    if (inserted) {
+      g_ek_map.erase(entry);
+    } else {
+      entry->second.configured = false;
+    }
     return ConfigResult::kConfigError;
   }
   return ConfigResult::kConfigOk;
@@ -135,9 +151,8 @@ ConfigResult DeleteEndorsementKey(const std::string& name) {
   if (!ComputeEkDigest(pem, digest)) {
     return ConfigResult::kConfigError;
   }
-  // Sessions still holding a reference find the entry gone when they end.
+  // The store first: when it fails, the EK stays configured in both.
   MXUser::WriteGuard ek_map(EkMapLock());
-  g_ek_map.erase(digest);
   try {
     auto store = Store();
     if (store->GetObject(MakeId(kKeyEndorsementKeys, name)) == nullptr) {
@@ -149,6 +164,8 @@ ConfigResult DeleteEndorsementKey(const std::string& name) {
     Log_Level(kLogError, "Failed to delete EK %s from configstore: %s\n", name.c_str(), e.what());
     return ConfigResult::kConfigError;
   }
+  // Sessions still holding a reference find the entry gone when they end.
+  g_ek_map.erase(digest);
   return ConfigResult::kConfigOk;
 }
 
@@ -158,41 +175,41 @@ ConfigResult IncrementEkReference(const EkDigest& digest, int32_t max_count) {
   GetTpm2Settings(require_eks, require_certs);
   MXUser::WriteGuard ek_map(EkMapLock());
   auto it = g_ek_map.find(digest);
+  // Sessions of an EK that is not configured do not make it one.
+  if (require_eks && (it == g_ek_map.end() || !it->second.configured)) {
+    Log_Level(kLogError, "Failed to locate EK in public key map\n");
+    return ConfigResult::kConfigNotFound;
+  }
   if (it == g_ek_map.end()) {
-    if (require_eks) {
-      Log_Level(kLogError, "Failed to locate EK in public key map\n");
-      return ConfigResult::kConfigNotFound;
-    }
-    g_ek_map.emplace(digest, 1);
+    g_ek_map.emplace(digest, EkEntry{1, false});
     Log_Level(kLogVerbose, "Added EK in the map and set reference count to 1\n");
     return ConfigResult::kConfigOk;
   }
-  if (it->second >= max_count) {
-    Log_Level(kLogError, "Reached max EK reference count: %d\n", it->second);
+  if (it->second.count >= max_count) {
+    Log_Level(kLogError, "Reached max EK reference count: %d\n", it->second.count);
     return ConfigResult::kConfigLimitReached;
   }
-  ++it->second;
-  Log_Level(kLogVerbose, "EK reference count after increment: %d\n", it->second);
+  ++it->second.count;
+  Log_Level(kLogVerbose, "EK reference count after increment: %d\n", it->second.count);
   return ConfigResult::kConfigOk;
 }
 
 void DecrementEkReference(const EkDigest& digest) {
-  bool require_eks = false;
-  bool require_certs = false;
-  GetTpm2Settings(require_eks, require_certs);
   MXUser::WriteGuard ek_map(EkMapLock());
   auto it = g_ek_map.find(digest);
   if (it == g_ek_map.end()) {
     Log_Level(kLogWarning, "Cannot decrement EK reference count: Not in map\n");
     return;
   }
-  if (it->second == 0) {
+  if (it->second.count == 0) {
     Log_Level(kLogWarning, "Cannot decrement EK reference count: Already 0\n");
   } else {
-    --it->second;
-    Log_Level(kLogVerbose, "EK reference count after decrement: %d\n", it->second);
+    --it->second.count;
+    Log_Level(kLogVerbose, "EK reference count after decrement: %d\n", it->second.count);
   }
-  if (!require_eks && it->second == 0) {
+  // Whatever the settings: a configured EK stays, one that only sessions
+  // held goes with its last session, so it never counts as configured.
+  if (!it->second.configured && it->second.count == 0) {
     g_ek_map.erase(it);
   }
 }
@@ -203,7 +220,13 @@ std::optional<int32_t> GetEkReferenceCount(const EkDigest& digest) {
   if (it == g_ek_map.end()) {
     return std::nullopt;
   }
-  return it->second;
+  return it->second.count;
+}
+
+bool IsEkConfigured(const EkDigest& digest) {
+  MXUser::WriteGuard ek_map(EkMapLock());
+  auto it = g_ek_map.find(digest);
+  return it != g_ek_map.end() && it->second.configured;
 }
 
 void LoadEndorsementKeys() {
@@ -233,10 +256,10 @@ void LoadEndorsementKeys() {
     MXUser::WriteGuard ek_map(EkMapLock());
     // Counts of EKs that stay configured carry over; dynamic entries of
     // sessions in progress are dropped.
-    std::map<EkDigest, int32_t> fresh;
+    std::map<EkDigest, EkEntry> fresh;
     for (const EkDigest& digest : digests) {
       auto it = g_ek_map.find(digest);
-      fresh[digest] = it != g_ek_map.end() ? it->second : 0;
+      fresh[digest] = EkEntry{it != g_ek_map.end() ? it->second.count : 0, true};
     }
     g_ek_map.swap(fresh);
     Log_Level(kLogInfo, "Loaded %ld EKs from configuration\n", static_cast<long>(g_ek_map.size()));

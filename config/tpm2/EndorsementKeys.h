@@ -30,21 +30,24 @@ ConfigResult ListEndorsementKeys(std::vector<std::string>& out_names);
 // the map with count 0. kConfigAlreadyExists for a known name,
 // kConfigDuplicate when the same key is stored under another name.
 ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem);
-// DeleteEndorsementKey removes the record and its map entry, whatever its
-// count.
+// DeleteEndorsementKey removes the record, then its map entry whatever its
+// count; when the store fails, both stay.
 ConfigResult DeleteEndorsementKey(const std::string& name);
 
 // IncrementEkReference counts one more session for |digest|. kConfigNotFound
-// for an unknown EK when configured EKs are required (otherwise it is added
-// with count 1); kConfigLimitReached, count unchanged, at |max_count|.
+// for an EK that is not configured when configured EKs are required
+// (otherwise it is added with count 1, not configured); kConfigLimitReached,
+// count unchanged, at |max_count|.
 ConfigResult IncrementEkReference(const EkDigest& digest, int32_t max_count);
 // DecrementEkReference counts one session less; never below 0. An entry of an
-// EK that is not configured goes when its count reaches 0 while configured
-// EKs are not required.
+// EK that is not configured goes when its count reaches 0.
 void DecrementEkReference(const EkDigest& digest);
 // GetEkReferenceCount returns the count of |digest|, or nothing when it is not
 // in the map.
 std::optional<int32_t> GetEkReferenceCount(const EkDigest& digest);
+// IsEkConfigured tells whether |digest| is the digest of a configured EK
+// (not merely of one that live sessions hold).
+bool IsEkConfigured(const EkDigest& digest);
 
 // LoadEndorsementKeys rebuilds the map from the stored EKs, keeping the counts
 // of EKs that stay configured, then reloads the cached TPM settings and

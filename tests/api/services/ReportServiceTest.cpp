@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 
 #include "tests/support/ApiClient.h"
@@ -254,6 +255,90 @@ TEST_F(ReportService, CompromisedHostCannotPassOffATrustedLog) {
     }
     Agent::AttestResult honest = Attest({});
     EXPECT_TRUE(honest.ok) << honest.failure << honest.error_id;
+  }
+}
+
+// The EK map tells the EKs an administrator configured from those that only
+// live sessions hold, whatever the order of sessions and settings changes.
+TEST_F(ReportService, OnlyConfiguredEksCountAsConfigured) {
+  auto require = [&](bool eks) {
+    ApiReply r = admin_->Invoke(kSettings, "update", {{"require_endorsement_keys", eks}});
+    ASSERT_TRUE(r.ok) << r.raw;
+  };
+  Agent::AttestOptions by_certificate;
+  by_certificate.use_certificate = true;
+
+  // A configured EK attests while EKs are not required; it stays configured
+  // after its session ended.
+  Ready({false, true, true, true});
+  ASSERT_TRUE(Attest(by_certificate).ok);
+  require(true);
+  Agent::AttestResult r = Attest(by_certificate);
+  EXPECT_TRUE(r.ok) << r.error_id;
+
+  // An EK that is not configured, with a session in progress when EKs become
+  // required: neither a new attestation nor the session's next call passes.
+  Ready({false, true, false, true});
+  ApiClient anonymous(daemon_->Port(), "");
+  std::string first_error;
+  Agent::ReportTransport http = Agent::OverHttp("127.0.0.1", daemon_->Port(), by_certificate.content_type);
+  auto switch_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
+    if (call.turn == 1) {
+      require(true);
+      ApiReply other = anonymous.Invoke(
+          kReport, "create",
+          {{"request",
+            {{"type", "TPM2"},
+             {"tpm2",
+              {{"document_types", {"KMS_AUTH_JWT"}},
+               {"contexts", nlohmann::json::array()},
+               {"ek", {{"certificate", call.ek_certificate_pem}}}}}}}});
+      first_error = other.raw;
+    }
+    return http(call, out, failure);
+  };
+  r = Agent::AttestWith(tpm_.get(), by_certificate, switch_then_call);
+  EXPECT_EQ(std::string(kReportErrors) + "unknown_tpm", r.error_id) << r.failure;
+  EXPECT_NE(std::string::npos, first_error.find(std::string(kReportErrors) + "unknown_tpm")) << first_error;
+  EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
+}
+
+// A session whose next call EK identification refuses (its EK deleted, or
+// certificates required while it presents its key) ends at once: the EK's
+// session slots are free for its next attestation, not held until expiry.
+TEST_F(ReportService, RefusedContinuationEndsItsSession) {
+  const struct {
+    const char* name;
+    std::function<void(ApiClient&, const std::string&)> refuse;
+    std::function<void(ApiClient&, const std::string&)> restore;
+    const char* error;
+  } kCases[] = {
+      {"certificates required",
+       [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", true}}); },
+       [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", false}}); },
+       "tpm_cert_required"},
+      {"EK deleted", [](ApiClient& a, const std::string&) { a.Invoke(kEks, "delete", {{"name", "swtpm"}}); },
+       [](ApiClient& a, const std::string& ek) { a.Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek}}); },
+       "unknown_tpm"},
+  };
+  Ready({});
+  Agent::ReportTransport http = Agent::OverHttp("127.0.0.1", daemon_->Port(), Agent::AttestOptions{}.content_type);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    for (int i = 0; i < 5; ++i) {
+      auto refuse_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
+        if (call.turn == 2) {
+          c.refuse(*admin_, ek_pem_);
+        }
+        return http(call, out, failure);
+      };
+      Agent::AttestResult r = Agent::AttestWith(tpm_.get(), {}, refuse_then_call);
+      EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id) << r.failure;
+      EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
+      c.restore(*admin_, ek_pem_);
+    }
+    Agent::AttestResult sixth = Attest({});
+    EXPECT_TRUE(sixth.ok) << sixth.error_id << sixth.failure;
   }
 }
 

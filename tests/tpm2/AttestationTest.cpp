@@ -324,6 +324,15 @@ TEST_F(ManualConversation, RequestsThatNameNoUsableSessionLeaveItAlive) {
   one_message.set_session_id(id);
   one_message.add_messages()->mutable_activate_ak_response()->set_cert_info(std::string(34, '\0'));
 
+  // A refused call ends only its own EK's session.
+  auto serialized = [](const Context& c) {
+    std::string text = c.SerializeAsString();
+    return Bytes(text.begin(), text.end());
+  };
+  manager_->EndRefusedSession(other_pem, serialized(one_message));
+  manager_->EndRefusedSession(ek_pem_, serialized(no_id));
+  EXPECT_EQ(1u, manager_->SessionCount());
+
   const struct {
     const char* name;
     std::string ek;

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
 #include "tools/HttpClient.h"
@@ -266,7 +267,7 @@ AttestResult Attest(HostTpm* tpm, const std::string& host, uint16_t port, const 
       *failure = "HTTP status " + std::to_string(status) + ": " + reply;
       return false;
     }
-    Json json = Json::parse(reply, nullptr, false);
+    Json json = Hearth::ParseJson(reply);
     if (json.is_discarded() || !json.contains("result")) {
       *failure = "malformed reply: " + reply;
       return false;

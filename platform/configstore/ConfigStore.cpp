@@ -7,6 +7,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "platform/JsonParse.h"
 #include "platform/System.h"
 
 namespace HyvConfig {
@@ -129,7 +130,7 @@ class ObjectCodec {
 
   static ConfigStoreObjectPtr Parse(const ConfigStoreObjectId& id, const std::string& text) {
     auto object = std::make_shared<ConfigStoreObject>(id);
-    Json json = Json::parse(text, nullptr, false);
+    Json json = Hearth::ParseJson(text);
     if (json.is_discarded()) {
       throw HostCtlException("stored record is not valid JSON");
     }
@@ -513,8 +514,9 @@ std::string HyvConfigStore::Export(const std::vector<FilterSpecObject>& filters)
   return ObjectCodec::Dump({{"format", kExportFormat}, {"keys", keys}, {"records", records}});
 }
 
-bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& errors) {
-  Json doc = Json::parse(text, nullptr, false);
+bool HyvConfigStore::Import(const std::string& text, const std::vector<FilterSpecObject>& allowed,
+                            const RecordCheck& check, std::vector<ErrorInfo>& errors) {
+  Json doc = Hearth::ParseJson(text);
   if (doc.is_discarded() || !doc.is_object() || !doc.contains("format") || doc["format"] != kExportFormat ||
       !doc.contains("keys") || !doc["keys"].is_array() || !doc.contains("records") ||
       !doc["records"].is_array()) {
@@ -529,6 +531,15 @@ bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& err
       return false;
     }
     keys.emplace_back(key[0].get<std::string>(), key[1].get<std::string>(), key[2].get<std::string>());
+    // A listed key is emptied by the import, so a key outside |allowed| is
+    // refused even without records: listing it alone would delete it.
+    const ConfigStoreObjectId& listed = keys.back();
+    if (std::none_of(allowed.begin(), allowed.end(), [&](const FilterSpecObject& f) {
+          return f.id.key == listed.key && f.id.component == listed.component && f.id.group == listed.group;
+        })) {
+      errors.push_back({listed.key, "key may not be imported"});
+      return false;
+    }
   }
   // Decode every record before touching the store, so a bad one changes nothing.
   std::vector<std::pair<ConfigStoreObjectId, std::string>> rows;
@@ -548,6 +559,9 @@ bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& err
       }
       ConfigStoreObject object(id);
       ObjectCodec::Decode(record.at("object"), &object);
+      if (std::string why = check ? check(object) : std::string(); !why.empty()) {
+        throw HostCtlException(why);
+      }
       rows.emplace_back(id, ObjectCodec::Dump(ObjectCodec::Encode(object)));
     } catch (const HostCtlException& e) {
       errors.push_back({item, e.what()});

@@ -1,13 +1,19 @@
 #include "platform/configstore/ConfigStore.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "platform/JsonParse.h"
+#include "platform/Log.h"
 #include "platform/System.h"
 
 namespace HyvConfig {
@@ -46,6 +52,37 @@ std::string ReadBootId() {
   std::string id;
   std::getline(in, id);
   return id.empty() ? "unknown-boot" : id;
+}
+
+// The database holds the report-signing private key: it and SQLite's -wal
+// and -shm files are readable by the owner only, whatever the umask.
+constexpr mode_t kStoreFileMode = 0600;
+
+// OwnerOnly creates |path| with kStoreFileMode when |create| and it is
+// missing, and tightens an existing file with wider modes, with a warning.
+void OwnerOnly(const std::string& path, bool create) {
+  int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), kStoreFileMode);
+  if (fd < 0) {
+    if (errno == ENOENT && !create) {
+      return;
+    }
+    throw HostCtlException("cannot open " + path + ": " + strerror(errno));
+  }
+  struct stat st;
+  int rc = fstat(fd, &st);
+  if (rc == 0 && (st.st_mode & 07777) != kStoreFileMode) {
+    // A file created just now can only lack bits (the umask); wider is news.
+    if ((st.st_mode & 07777 & ~kStoreFileMode) != 0) {
+      Warning("Config store file %s had mode %04o; tightened to %04o\n", path.c_str(),
+              static_cast<unsigned>(st.st_mode & 07777), static_cast<unsigned>(kStoreFileMode));
+    }
+    rc = fchmod(fd, kStoreFileMode);
+  }
+  int saved = errno;
+  close(fd);
+  if (rc != 0) {
+    throw HostCtlException("cannot restrict " + path + ": " + strerror(saved));
+  }
 }
 
 [[noreturn]] void WrongType(const std::string& field, const char* type) {
@@ -288,6 +325,9 @@ std::shared_ptr<HyvConfigStore> HyvConfigStore::Open(const std::string& path, co
       throw HostCtlException("cannot create directory " + parent.string() + ": " + ec.message());
     }
   }
+  OwnerOnly(path, true);
+  OwnerOnly(path + "-wal", false);
+  OwnerOnly(path + "-shm", false);
   std::shared_ptr<HyvConfigStore> store(new HyvConfigStore());
   store->boot_id_ = boot_id.empty() ? ReadBootId() : boot_id;
   int rc = sqlite3_open_v2(path.c_str(), &store->db_,

@@ -45,8 +45,6 @@ TEST(ParseJson, RefusesNestingPastTheLimit) {
     std::istringstream in(c.text);
     EXPECT_EQ(c.ok, !Hearth::ParseJson(in).is_discarded());
   }
-  EXPECT_EQ(nlohmann::json::parse(R"({"a": [1, 2, {"b": null}], "c": "d"})"),
-            Hearth::ParseJson(R"({"a": [1, 2, {"b": null}], "c": "d"})"));
 }
 
 }  // namespace

@@ -636,9 +636,6 @@ bool Endpoint::Listen(Listener* l, const char* family_name) {
 
 namespace {
 
-// Accept keeps accepting on |weak|. Handlers hold neither the endpoint nor
-// the I/O context: the endpoint owns the listener, and a handler that runs
-// after the endpoint is gone finds it expired and stops.
 void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared);
 
 // AcceptLater retries Accept after the back-off delay, unless the endpoint
@@ -658,6 +655,9 @@ void AcceptLater(const std::shared_ptr<Endpoint::Listener>& listener, std::share
   });
 }
 
+// Accept keeps accepting on |listener|. Handlers hold neither the endpoint
+// nor the I/O context: the endpoint owns the listener, and a handler that
+// runs after the endpoint is gone finds it expired and stops.
 void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
   // At the cap, leave new clients in the listen backlog: accepting them
   // would only spend descriptors the open connections need.

@@ -160,10 +160,6 @@ TEST_F(Daemon, SettingsFileChoosesTheLogLevel) {
 }
 
 TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
-  std::string nested_xml = "<config>";
-  for (int i = 0; i < 1000; ++i) {
-    nested_xml += "<a>";
-  }
   const struct {
     const char* name;
     const char* xml;
@@ -179,9 +175,6 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
       {"token validity not a number", "<config><tokenValiditySeconds>1h</tokenValiditySeconds></config>",
        "tokenValiditySeconds"},
       {"connection cap not a number", "<config><maxConnections>many</maxConnections></config>", "maxConnections"},
-      // The reader's recursion stays within the parser's own depth limit.
-      {"nested past the parser's depth", nested_xml.c_str(), "Excessive depth"},
-      {"entities", "<!DOCTYPE config [<!ENTITY l 'info'>]><config><log><level>&l;</level></log></config>", "DTD"},
   };
   for (const auto& tc : kCases) {
     SCOPED_TRACE(tc.name);

@@ -1,5 +1,7 @@
 #include "config/SigningKey.h"
 
+#include <stdexcept>
+
 #include "config/Configuration.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
@@ -59,10 +61,37 @@ bool SaveSigningKey(const std::string& certificate, const std::string& key) {
   }
 }
 
+namespace {
+
+// ReadStoredPair reads the "certificate" record. False when no such record
+// exists. Any other problem (the store fails or is busy, the record is
+// malformed or holds no key) throws std::runtime_error naming it: only a
+// missing record may lead to a new pair, never one that could not be read.
+bool ReadStoredPair(std::string& out_key, std::string& out_certificate) {
+  MXUser::ReadGuard guard(ConfigLock());
+  try {
+    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
+    HyvConfig::ConfigStoreObjectPtr object = store->GetObject(MakeId(kKeyCertificate));
+    if (object == nullptr) {
+      return false;
+    }
+    object->GetValue("private_key", &out_key);
+    object->GetValue("certificate", &out_certificate);
+  } catch (const HostCtlException& e) {
+    throw std::runtime_error(std::string("cannot read the report signing key from configstore: ") + e.what());
+  }
+  if (out_key.empty()) {
+    throw std::runtime_error("the stored report signing key record holds no private key");
+  }
+  return true;
+}
+
+}  // namespace
+
 void EnsureSigningKey() {
   std::string key;
   std::string certificate;
-  if (!ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key) || key.empty()) {
+  if (!ReadStoredPair(key, certificate)) {
     Log_Level(kLogInfo, "Generating private key and certificate\n");
     if (!SslUtils::GenerateKeyAndCert(key, certificate)) {
       Log_Level(kLogError, "Error while generating attestation key and certificate\n");
@@ -75,7 +104,7 @@ void EnsureSigningKey() {
   } else {
     Log_Level(kLogVerbose, "Existing report signing private key available\n");
     // A stored key without its certificate is a fatal inconsistency.
-    if (!ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", certificate) || certificate.empty()) {
+    if (certificate.empty()) {
       Stop(kLineCertificateUnreadable);
     }
   }

@@ -7,7 +7,11 @@
 namespace Witnessd::Config {
 
 // EnsureSigningKey loads the stored pair into memory, generating and storing
-// one first when none is stored. Every failure stops the process.
+// one first only when no record exists. A record that cannot be read (store
+// failure, malformed record) throws std::runtime_error naming the problem and
+// is left as it is; the daemon then ends its start with status 1. Failing to
+// generate or save a new pair, or a stored key without its certificate,
+// stops the process.
 void EnsureSigningKey();
 
 // GetSigningKey and GetSigningCertificate copy the PEM held in memory; false

@@ -73,6 +73,7 @@ int Main() {
   scratch->SetInt("sessionTimeoutSeconds", 300);
   scratch->SetInt("tokenValiditySeconds", 0);
   scratch->SetBool("strictQuoteChecks", true);
+  scratch->SetInt("maxConnections", AttestApi::DefaultMaxConnections());
 
   Hearth::Service::SetAppInfo({"witnessd", WITNESSD_VERSION, WITNESSD_BUILD_NUMBER, 0});
   try {
@@ -108,6 +109,11 @@ int Main() {
       throw std::runtime_error("tokenValiditySeconds must not be negative");
     }
     Document::SetTokenValiditySeconds(token_validity);
+    int64_t max_connections = app.GetConfig().GetInt("maxConnections", AttestApi::kDefaultMaxConnections);
+    if (max_connections < 1 || max_connections > kMaxConnectionsLimit) {
+      throw std::runtime_error("maxConnections must be between 1 and " + std::to_string(kMaxConnectionsLimit));
+    }
+    Log_Level(kLogInfo, "Max connections: %d\n", static_cast<int>(max_connections));
 
     auto logger = std::make_shared<AttestApi::LumenLoggerWrapper>(&Log_Level);
 
@@ -127,7 +133,9 @@ int Main() {
 
     auto io = std::make_shared<boost::asio::io_context>();
     auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, provider,
-                                                          [](const std::string&) {}, localizer, logger);
+                                                          [](const std::string&) {}, localizer, logger,
+                                                          AttestApi::Endpoint::Timeouts(),
+                                                          static_cast<int>(max_connections));
 
     bool serving = false;
     if (!endpoint->Start()) {

@@ -6,6 +6,8 @@ namespace Witnessd::Daemon {
 
 inline constexpr const char* kSettingsPath = "/etc/quarro/cpservices/witnessd/config.xml";
 inline constexpr int kDefaultPort = 7889;
+// The "maxConnections" setting may not exceed this.
+inline constexpr int kMaxConnectionsLimit = 65536;
 
 // Main never returns: it ends the process with status 0 or 1.
 [[noreturn]] int Main();

@@ -176,6 +176,10 @@ void Config::LoadXmlFile(const std::string& path) {
     }
     throw SettingsError("settings file " + path + ": " + why);
   }
+  // Entities would be expanded when leaves are read; settings never need them.
+  if (doc->intSubset != nullptr) {
+    throw SettingsError("settings file " + path + ": a DTD is not allowed");
+  }
   xmlNode* root = xmlDocGetRootElement(doc.get());
   if (root == nullptr) {
     throw SettingsError("settings file " + path + ": no root element");

@@ -3,7 +3,7 @@
 # Idempotent: apt is only called when a package is missing.
 set -euo pipefail
 packages=(
-  build-essential cmake pkg-config python3 clang
+  build-essential cmake pkg-config python3 clang libclang-rt-14-dev
   libssl-dev openssl libxml2-dev zlib1g-dev libprotobuf-dev protobuf-compiler
   libjwt-dev libjansson-dev libboost-dev libboost-system-dev libsqlite3-dev
   libtpms-dev libtss2-dev swtpm swtpm-tools tpm2-tools nlohmann-json3-dev

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
 #include "tools/HttpClient.h"
@@ -353,7 +354,7 @@ ReportTransport OverHttp(const std::string& host, uint16_t port, const std::stri
       *failure = "HTTP status " + std::to_string(status) + ": " + reply;
       return false;
     }
-    Json json = Json::parse(reply, nullptr, false);
+    Json json = Hearth::ParseJson(reply);
     if (json.is_discarded() || !json.contains("result")) {
       *failure = "malformed reply: " + reply;
       return false;

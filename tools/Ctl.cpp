@@ -16,6 +16,7 @@
 #include <map>
 #include <sstream>
 
+#include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
 #include "platform/lumen/Localizer.h"
@@ -233,7 +234,7 @@ bool Convert(const std::string& option, const std::string& value, const json& ty
     }
     return true;
   }
-  json parsed = json::parse(text, nullptr, false);
+  json parsed = Hearth::ParseJson(text);
   if (parsed.is_discarded()) {
     return bad("expected JSON text or @FILE of JSON");
   }
@@ -385,7 +386,7 @@ Reply ApiSession::Invoke(const std::string& service_id, const std::string& opera
                   &reply.transport_error)) {
     return reply;
   }
-  json answer = json::parse(body, nullptr, false);
+  json answer = Hearth::ParseJson(body);
   if (answer.is_object() && answer.contains("result") && answer["result"].is_object()) {
     const json& result = answer["result"];
     reply.delivered = true;

@@ -63,6 +63,7 @@ bool Decompress(const std::vector<uint8_t>& compressed, std::string& tar) {
 
 // ToPakEntry copies the properties and the payload table into the stored
 // form, payloads ordered by file name so that equal imports store equally.
+// False for too many checksums or one that is not a well-formed digest.
 bool ToPakEntry(const PakProperties& properties, const PayloadTable& table, PakEntry& out) {
   PakEntry pak{properties.name, properties.version, properties.vendor, properties.type, properties.summary, {}};
   std::vector<const PayloadRecord*> records;
@@ -84,6 +85,10 @@ bool ToPakEntry(const PakProperties& properties, const PayloadTable& table, PakE
     for (uint32_t i = 0; i < record->checksum_count; ++i) {
       const auto& sum = record->checksums[i];
       payload.checksums.push_back({sum.checksum, sum.checksum_type, sum.verify_process});
+      if (!ChecksumWellFormed(payload.checksums.back())) {
+        Log_Level(kLogError, "Checksum of payload %s is not a well-formed digest\n", record->name);
+        return false;
+      }
     }
   }
   out = std::move(pak);

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <algorithm>
+#include <cctype>
 #include <map>
 #include <optional>
 
@@ -203,6 +205,17 @@ void ClearLocked() {
 }
 
 }  // namespace
+
+bool ChecksumWellFormed(const ChecksumEntry& checksum) {
+  constexpr size_t kMaxChecksumChars = 255;
+  constexpr size_t kSha256HexChars = 64;
+  const std::string& hex = checksum.checksum;
+  if (hex.empty() || hex.size() > kMaxChecksumChars ||
+      (checksum.checksum_type == kSha256 && hex.size() != kSha256HexChars)) {
+    return false;
+  }
+  return std::all_of(hex.begin(), hex.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
+}
 
 bool AddPakToBaseImage(HyvConfig::ConfigStoreObject& image, const PakEntry& pak) {
   ConfigStoreObjectPtr pak_object = image.CreateSubObject(SubObjectId(kSubPaks, pak.name));

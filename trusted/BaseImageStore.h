@@ -41,6 +41,12 @@ struct PakEntry {
   std::vector<PayloadEntry> payloads;
 };
 
+// ChecksumWellFormed: |checksum| is non-empty hexadecimal of at most 255
+// characters, and exactly 64 when its type is "sha-256" (the digests that
+// attestation compares). Both the image import and the configuration import
+// store only checksums that pass.
+bool ChecksumWellFormed(const ChecksumEntry& checksum);
+
 // AddPakToBaseImage writes |pak| as a new package sub-object of |image| in the
 // layout above. Returns false when a sub-object cannot be created.
 bool AddPakToBaseImage(HyvConfig::ConfigStoreObject& image, const PakEntry& pak);

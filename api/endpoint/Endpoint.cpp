@@ -2,6 +2,9 @@
 // the in-memory classifier and the listeners.
 #include "api/endpoint/Endpoint.h"
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -273,12 +276,24 @@ RequestVerdict ClassifyHttpRequest(std::string_view bytes) {
   return Classify(parser.get()).verdict;
 }
 
+int DefaultMaxConnections() {
+  struct rlimit limit {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return kDefaultMaxConnections;
+  }
+  rlim_t room = limit.rlim_cur > static_cast<rlim_t>(kReservedDescriptors) ? limit.rlim_cur - kReservedDescriptors : 1;
+  return static_cast<int>(std::min<rlim_t>(room, kDefaultMaxConnections));
+}
+
 struct Endpoint::Shared {
   std::shared_ptr<Lumen::Provider::ApiProvider> provider;
   std::shared_ptr<Lumen::Log::Logger> logger;
   std::chrono::nanoseconds read_timeout;
   std::chrono::nanoseconds write_timeout;
   size_t body_limit;
+  int max_connections;
+  std::atomic<int> connections{0};  // open HttpSessions
+  std::atomic<bool> at_cap{false};  // for logging the change only
 };
 
 namespace {
@@ -288,7 +303,10 @@ namespace {
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(tcp::socket socket, std::shared_ptr<Endpoint::Shared> shared)
-      : stream_(std::move(socket)), shared_(std::move(shared)) {}
+      : stream_(std::move(socket)), shared_(std::move(shared)) {
+    ++shared_->connections;
+  }
+  ~HttpSession() { --shared_->connections; }
 
   void Run() {
     asio::dispatch(stream_.get_executor(), beast::bind_front_handler(&HttpSession::DoReadHeader, shared_from_this()));
@@ -563,7 +581,7 @@ struct Endpoint::Listener {
 Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
                    std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
                    std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,
-                   Timeouts timeouts)
+                   Timeouts timeouts, int max_connections)
     : io_(std::move(io)),
       callback_(std::move(callback)),
       listener4_(std::make_shared<Listener>(*io_)),
@@ -574,8 +592,13 @@ Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
   config_.localizer = localizer ? std::move(localizer) : Lumen::L10n::LocalizerHelpers::GetDefaultLocalizer();
   config_.read_timeout = timeouts.read;
   config_.write_timeout = timeouts.write;
-  shared_ = std::make_shared<Shared>(
-      Shared{std::move(provider), std::move(logger), timeouts.read, timeouts.write, kHttpBodySizeLimitInBytes});
+  shared_ = std::make_shared<Shared>();
+  shared_->provider = std::move(provider);
+  shared_->logger = std::move(logger);
+  shared_->read_timeout = timeouts.read;
+  shared_->write_timeout = timeouts.write;
+  shared_->body_limit = kHttpBodySizeLimitInBytes;
+  shared_->max_connections = std::max(1, max_connections);
 }
 
 Endpoint::~Endpoint() {
@@ -613,10 +636,40 @@ bool Endpoint::Listen(Listener* l, const char* family_name) {
 
 namespace {
 
-// Accept keeps accepting on |weak|. Handlers hold neither the endpoint nor
-// the I/O context: the endpoint owns the listener, and a handler that runs
-// after the endpoint is gone finds it expired and stops.
+void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared);
+
+// AcceptLater retries Accept after the back-off delay, unless the endpoint
+// is gone or stopped by then.
+void AcceptLater(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
+  std::weak_ptr<Endpoint::Listener> weak = listener;
+  listener->delay.expires_after(kAcceptRetryDelay);
+  listener->delay.async_wait([weak, shared](const boost::system::error_code& timer_ec) {
+    auto again = weak.lock();
+    if (timer_ec || !again) {
+      if (timer_ec != asio::error::operation_aborted) {
+        LUMEN_LOG(*shared->logger, kLumenError) << "Delay timer Accept Error:" << timer_ec.message();
+      }
+      return;
+    }
+    Accept(again, shared);
+  });
+}
+
+// Accept keeps accepting on |listener|. Handlers hold neither the endpoint
+// nor the I/O context: the endpoint owns the listener, and a handler that
+// runs after the endpoint is gone finds it expired and stops.
 void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
+  // At the cap, leave new clients in the listen backlog: accepting them
+  // would only spend descriptors the open connections need.
+  bool full = shared->connections.load() >= shared->max_connections;
+  if (shared->at_cap.exchange(full) != full) {
+    LUMEN_LOG(*shared->logger, full ? kLumenWarning : kLumenInfo)
+        << ".Acceptor info:" << (full ? ";ConnectionLimit " : ";ConnectionLimitCleared ") << shared->max_connections;
+  }
+  if (full) {
+    AcceptLater(listener, std::move(shared));
+    return;
+  }
   std::weak_ptr<Endpoint::Listener> weak = listener;
   auto& io = static_cast<asio::io_context&>(listener->acceptor.get_executor().context());
   listener->acceptor.async_accept(asio::make_strand(io), [weak, shared](const boost::system::error_code& ec,
@@ -640,17 +693,7 @@ void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr
     if (ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space || ec == asio::error::no_memory ||
         ec.value() == ENFILE) {
       LUMEN_LOG(log, kLumenWarning) << ".Acceptor info:" << ";DelayAcceptError " << ec.message();
-      l->delay.expires_after(kAcceptRetryDelay);
-      l->delay.async_wait([weak, shared](const boost::system::error_code& timer_ec) {
-        auto again = weak.lock();
-        if (timer_ec || !again) {
-          if (timer_ec != asio::error::operation_aborted) {
-            LUMEN_LOG(*shared->logger, kLumenError) << "Delay timer Accept Error:" << timer_ec.message();
-          }
-          return;
-        }
-        Accept(again, shared);
-      });
+      AcceptLater(l, shared);
       return;
     }
     LUMEN_LOG(log, kLumenError) << ".Acceptor info:" << ";TerminalAcceptError " << ec.message();

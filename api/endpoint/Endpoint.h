@@ -72,17 +72,30 @@ struct EndpointTimeouts {
   std::chrono::nanoseconds write = std::chrono::seconds(1800);
 };
 
+// The most connections served at once when the settings do not say.
+inline constexpr int kDefaultMaxConnections = 512;
+// Descriptors kept free for everything but connections (store, logs,
+// listeners, files read per request).
+inline constexpr int kReservedDescriptors = 64;
+
+// DefaultMaxConnections returns kDefaultMaxConnections, lowered so that
+// connections never take more than the open-files limit leaves after
+// kReservedDescriptors; at least 1.
+int DefaultMaxConnections();
+
 class Endpoint {
  public:
   using Timeouts = EndpointTimeouts;
   using NotificationCallback = std::function<void(const std::string& event)>;
 
   // Builds the configuration; opens nothing. |port| 0 binds an ephemeral
-  // port per family (tests); BoundPort4/6 report it.
+  // port per family (tests); BoundPort4/6 report it. While |max_connections|
+  // connections are open no further one is accepted; clients wait in the
+  // listen backlog until one closes.
   Endpoint(uint16_t port, std::shared_ptr<boost::asio::io_context> io,
            std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
            std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,
-           Timeouts timeouts = Timeouts());
+           Timeouts timeouts = Timeouts(), int max_connections = kDefaultMaxConnections);
   ~Endpoint();
 
   // Start listens on 127.0.0.1 then ::1 and starts the serving tasks on the

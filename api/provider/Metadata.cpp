@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 
 namespace Witnessd::AttestApi {
@@ -27,7 +28,7 @@ bool LoadSection(const std::string& path, const std::string& component, json* ou
     *error = "cannot open " + path;
     return false;
   }
-  json doc = json::parse(in, nullptr, false);
+  json doc = Hearth::ParseJson(in);
   if (doc.is_discarded() || !doc.is_object()) {
     *error = path + " is not a JSON object";
     return false;
@@ -271,7 +272,7 @@ InterfaceList AuthnInterfaces(const json& authn) {
 namespace LoadAuthzInfoMetadata {
 
 bool Load(std::istream& in, json* out) {
-  json doc = json::parse(in, nullptr, false);
+  json doc = Hearth::ParseJson(in);
   if (doc.is_discarded() || !doc.is_object()) {
     return false;
   }

@@ -1,5 +1,7 @@
 #include "config/transfer/ConfigTransfer.h"
 
+#include <algorithm>
+
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "platform/Log.h"
@@ -13,14 +15,88 @@ using HostCtl::Lib::HostCtlException;
 using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObjectPtr;
 using HyvConfig::UserConfigView;
+using Orm::Common::SslUtils;
 
 std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
   return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
 }
 
-// The keys that travel with an export, in export order. The signing key
-// pair ("certificate") stays on its host.
+// The keys that travel with an export, in export order, and the only keys an
+// import may name. The signing key pair ("certificate") stays on its host and
+// an import can neither replace nor delete it.
 const char* const kExportedKeys[] = {kKeyTpm2Settings, kKeyEndorsementKeys, kKeyCaCertificates, kKeyBaseImages};
+
+std::vector<HyvConfig::FilterSpecObject> ExportedKeyFilters() {
+  std::vector<HyvConfig::FilterSpecObject> filters;
+  for (const char* key : kExportedKeys) {
+    filters.emplace_back(MakeId(key));
+  }
+  return filters;
+}
+
+std::string CheckNamedRecord(const HyvConfig::ConfigStoreObject& object) {
+  std::string name;
+  object.GetValue("name", &name);
+  return name.empty() || name != object.GetConfigStoreObjectId().instance_id ? "name does not match the record" : "";
+}
+
+std::string CheckBaseImage(const HyvConfig::ConfigStoreObject& image) {
+  std::string version;
+  image.GetValue("version", &version);
+  if (version.empty() || version != image.GetConfigStoreObjectId().instance_id) {
+    return "version does not match the record";
+  }
+  for (const ConfigStoreObjectPtr& pak : image.GetSubObjects(OsHyv::kSubPaks)) {
+    for (const ConfigStoreObjectPtr& payload : pak->GetSubObjects(OsHyv::kSubPayloads)) {
+      for (const ConfigStoreObjectPtr& sum : payload->GetSubObjects(OsHyv::kSubChecksums)) {
+        OsHyv::ChecksumEntry entry;
+        sum->GetValue("checksum", &entry.checksum);
+        sum->GetValue("checksum_type", &entry.checksum_type);
+        if (!OsHyv::ChecksumWellFormed(entry)) {
+          return "checksum is not a well-formed digest";
+        }
+      }
+    }
+  }
+  return "";
+}
+
+// CheckImportedRecord holds an imported record to what the create operations
+// accept, so an import cannot store what the API would refuse: consistent
+// settings, EKs that are public keys, CA chains of certificates, base images
+// with well-formed digests. Wrongly typed fields throw HostCtlException,
+// which the store reports as a refused record too.
+std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
+  const std::string& key = object.GetConfigStoreObjectId().key;
+  if (key == kKeyTpm2Settings) {
+    bool require_eks = false, require_certs = false;
+    object.GetValue("require_endorsement_keys", &require_eks);
+    object.GetValue("require_certificate_validation", &require_certs);
+    return require_eks || require_certs ? "" : "settings require neither endorsement keys nor certificates";
+  }
+  if (key == kKeyEndorsementKeys) {
+    std::string why = CheckNamedRecord(object);
+    std::string pem;
+    object.GetValue("public_key", &pem);
+    if (why.empty() && (!SslUtils::StandardizePemPubKey(pem) || !SslUtils::ValidatePemKey(pem))) {
+      why = "public_key is not a usable public key";
+    }
+    return why;
+  }
+  if (key == kKeyCaCertificates) {
+    std::string why = CheckNamedRecord(object);
+    ConfigStoreObjectPtr chain = object.GetSubObject(HyvConfig::SubObjectId("cert_chain"));
+    std::vector<std::string> certs;
+    if (chain != nullptr) {
+      chain->GetValue("certs", &certs);
+    }
+    if (why.empty() && (certs.empty() || !std::all_of(certs.begin(), certs.end(), SslUtils::ValidatePemCert))) {
+      why = "cert_chain is not a list of certificates";
+    }
+    return why;
+  }
+  return CheckBaseImage(object);  // the only other key an import may name
+}
 
 }  // namespace
 
@@ -71,14 +147,10 @@ void InitConfiguration() {
 }
 
 bool ExportConfiguration(std::string& out_text, std::string& out_hash) {
-  std::vector<HyvConfig::FilterSpecObject> filters;
-  for (const char* key : kExportedKeys) {
-    filters.emplace_back(MakeId(key));
-  }
   std::string text;
   try {
     MXUser::ReadGuard guard(ConfigLock());
-    text = Store()->Export(filters);
+    text = Store()->Export(ExportedKeyFilters());
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception exporting configuration from configstore: %s\n", e.what());
     return false;
@@ -98,9 +170,12 @@ ConfigResult ImportConfiguration(const std::string& text) {
   std::vector<HyvConfig::ErrorInfo> errors;
   bool imported = false;
   try {
-    imported = Store()->Import(text, errors);
+    imported = Store()->Import(text, ExportedKeyFilters(), CheckImportedRecord, errors);
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception importing configuration into configstore: %s\n", e.what());
+  }
+  for (const HyvConfig::ErrorInfo& error : errors) {
+    Log_Level(kLogError, "Import refused: %s: %s\n", error.item.c_str(), error.message.c_str());
   }
   if (!imported) {
     Log_Level(kLogError, "Failed to import configuration\n");

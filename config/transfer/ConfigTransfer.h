@@ -26,8 +26,10 @@ void InitConfiguration();
 // SHA-256 hash in hex. False (logged) when it cannot.
 bool ExportConfiguration(std::string& out_text, std::string& out_hash);
 // ImportConfiguration replaces the exported keys by |text|, all or nothing,
-// and reloads the caches. kConfigError (logged) when the text is refused or
-// the store fails; nothing has changed then.
+// and reloads the caches. The text may name only the four exported keys, and
+// every record must be one the create operations would store. kConfigError
+// (logged, with each reason) when the text is refused or the store fails;
+// nothing has changed then.
 ConfigResult ImportConfiguration(const std::string& text);
 
 }  // namespace Witnessd::Config

@@ -3,7 +3,7 @@
 root. Real logs are copied from tests/data/verify/; the signed quote seed
 (verify_quote/built_rsa2048_sha256) was written once with the test helper
 QuoteBuilder (tests/verify/VerifyTestUtil.h) and is not regenerated here."""
-import base64, hashlib, json, os, struct
+import base64, hashlib, json, os, struct, subprocess
 
 D = 'tests/data/verify'
 C = 'fuzz/corpus'
@@ -111,3 +111,71 @@ write('attestation_context', 'create_ak_response', context([field(3, field(1, si
 write('attestation_context', 'activate_and_unknown_field_1', context([
     field(5, field(1, sized(bytes(32)))), field(1, b'ignored') + field(8, b''),
 ]))
+
+
+# http_request: deeply nested JSON-RPC bodies, at the parser's depth limit
+# (64) and far past it, in both JSON forms, as requests and as bare bodies.
+def nested_input(depth, decorated):
+    if decorated:
+        inner = '{"STRUCTURE": {"s": ' * depth + '{"a": 1}' + '}}' * depth
+    else:
+        inner = '[' * depth + ']' * depth
+    return ('{"jsonrpc": "2.0", "id": 1, "method": "invoke", "params": {"serviceId": '
+            '"com.quarro.lumen.std.introspection.provider", "operationId": "get", "input": '
+            + inner + '}}').encode()
+
+
+def post(content_type, body):
+    return (f'POST /api HTTP/1.1\r\nHost: l\r\nContent-Type: {content_type}\r\n'
+            f'Content-Length: {len(body)}\r\n\r\n').encode() + body
+
+
+write('http_request', 'post_nested_arrays', post('application/json', nested_input(5000, False)))
+write('http_request', 'post_nested_clean', post('application/vnd.quarro.lumen.cleanjson', nested_input(5000, False)))
+write('http_request', 'body_nested_at_limit', nested_input(29, True))
+write('http_request', 'body_nested_past_limit', nested_input(40, True))
+
+# config_import: an export with every key, the same with the signing key pair
+# planted, and deeply nested sub-objects. The EK and the CA are the maker
+# certificate of fuzz/data and its public key.
+ca = open('fuzz/data/imgdb_maker_ca.pem').read()
+ek_pem = subprocess.run(['openssl', 'x509', '-pubkey', '-noout'], input=ca.encode(),
+                        capture_output=True, check=True).stdout.decode()
+
+
+def record(key, instance, obj):
+    return {'key': key, 'component': 'attestation', 'group': 'hyv', 'instance': instance, 'object': obj}
+
+
+def checksum(digest, kind, process):
+    return {'fields': {'checksum': digest, 'checksum_type': kind, 'verify_process': process}}
+
+
+payload = {'fields': {'name': 'k', 'file_name': 'k.gz'},
+           'subs': [['checksums', '0', checksum('ab' * 32, 'sha-256', 'gunzip')],
+                    ['checksums', '1', checksum('cd' * 20, 'sha-1', '')]]}
+image = {'fields': {'version': '8.0.1-1'},
+         'subs': [['paks', 'hyv-base', {'fields': {'name': 'hyv-base'}, 'subs': [['payloads', 'k', payload]]}]]}
+export = {
+    'format': 'witnessd-configstore-1',
+    'keys': [[k, 'attestation', 'hyv'] for k in
+             ('tpm2_settings', 'tpm2_endorsement_keys', 'tpm2_ca_certificates', 'hyv_base_images')],
+    'records': [
+        record('tpm2_settings', '', {'fields': {'require_endorsement_keys': True,
+                                                'require_certificate_validation': True}}),
+        record('tpm2_endorsement_keys', 'ek1', {'fields': {'name': 'ek1', 'public_key': ek_pem}}),
+        record('tpm2_ca_certificates', 'ca1', {'fields': {'name': 'ca1'},
+                                               'subs': [['cert_chain', '', {'fields': {'certs': [ca]}}]]}),
+        record('hyv_base_images', '8.0.1-1', image),
+    ],
+}
+write('config_import', 'every_key', json.dumps(export, indent=2).encode())
+planted = json.loads(json.dumps(export))
+planted['keys'].append(['certificate', 'attestation', 'hyv'])
+planted['records'].append(record('certificate', '', {'fields': {'certificate': ca, 'private_key': 'planted'}}))
+write('config_import', 'planted_signing_key', json.dumps(planted).encode())
+deep = '{"fields":{},"subs":[["paks","",' * 1000 + '{"fields":{}}' + ']]}' * 1000
+write('config_import', 'nested_sub_objects',
+      ('{"format":"witnessd-configstore-1","keys":[["hyv_base_images","attestation","hyv"]],"records":['
+       '{"key":"hyv_base_images","component":"attestation","group":"hyv","instance":"1","object":'
+       + deep + '}]}').encode())

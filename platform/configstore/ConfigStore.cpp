@@ -1,12 +1,19 @@
 #include "platform/configstore/ConfigStore.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "platform/JsonParse.h"
+#include "platform/Log.h"
 #include "platform/System.h"
 
 namespace HyvConfig {
@@ -45,6 +52,37 @@ std::string ReadBootId() {
   std::string id;
   std::getline(in, id);
   return id.empty() ? "unknown-boot" : id;
+}
+
+// The database holds the report-signing private key: it and SQLite's -wal
+// and -shm files are readable by the owner only, whatever the umask.
+constexpr mode_t kStoreFileMode = 0600;
+
+// OwnerOnly creates |path| with kStoreFileMode when |create| and it is
+// missing, and tightens an existing file with wider modes, with a warning.
+void OwnerOnly(const std::string& path, bool create) {
+  int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), kStoreFileMode);
+  if (fd < 0) {
+    if (errno == ENOENT && !create) {
+      return;
+    }
+    throw HostCtlException("cannot open " + path + ": " + strerror(errno));
+  }
+  struct stat st;
+  int rc = fstat(fd, &st);
+  if (rc == 0 && (st.st_mode & 07777) != kStoreFileMode) {
+    // A file created just now can only lack bits (the umask); wider is news.
+    if ((st.st_mode & 07777 & ~kStoreFileMode) != 0) {
+      Warning("Config store file %s had mode %04o; tightened to %04o\n", path.c_str(),
+              static_cast<unsigned>(st.st_mode & 07777), static_cast<unsigned>(kStoreFileMode));
+    }
+    rc = fchmod(fd, kStoreFileMode);
+  }
+  int saved = errno;
+  close(fd);
+  if (rc != 0) {
+    throw HostCtlException("cannot restrict " + path + ": " + strerror(saved));
+  }
 }
 
 [[noreturn]] void WrongType(const std::string& field, const char* type) {
@@ -129,7 +167,7 @@ class ObjectCodec {
 
   static ConfigStoreObjectPtr Parse(const ConfigStoreObjectId& id, const std::string& text) {
     auto object = std::make_shared<ConfigStoreObject>(id);
-    Json json = Json::parse(text, nullptr, false);
+    Json json = Hearth::ParseJson(text);
     if (json.is_discarded()) {
       throw HostCtlException("stored record is not valid JSON");
     }
@@ -287,6 +325,9 @@ std::shared_ptr<HyvConfigStore> HyvConfigStore::Open(const std::string& path, co
       throw HostCtlException("cannot create directory " + parent.string() + ": " + ec.message());
     }
   }
+  OwnerOnly(path, true);
+  OwnerOnly(path + "-wal", false);
+  OwnerOnly(path + "-shm", false);
   std::shared_ptr<HyvConfigStore> store(new HyvConfigStore());
   store->boot_id_ = boot_id.empty() ? ReadBootId() : boot_id;
   int rc = sqlite3_open_v2(path.c_str(), &store->db_,
@@ -513,8 +554,9 @@ std::string HyvConfigStore::Export(const std::vector<FilterSpecObject>& filters)
   return ObjectCodec::Dump({{"format", kExportFormat}, {"keys", keys}, {"records", records}});
 }
 
-bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& errors) {
-  Json doc = Json::parse(text, nullptr, false);
+bool HyvConfigStore::Import(const std::string& text, const std::vector<FilterSpecObject>& allowed,
+                            const RecordCheck& check, std::vector<ErrorInfo>& errors) {
+  Json doc = Hearth::ParseJson(text);
   if (doc.is_discarded() || !doc.is_object() || !doc.contains("format") || doc["format"] != kExportFormat ||
       !doc.contains("keys") || !doc["keys"].is_array() || !doc.contains("records") ||
       !doc["records"].is_array()) {
@@ -529,6 +571,15 @@ bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& err
       return false;
     }
     keys.emplace_back(key[0].get<std::string>(), key[1].get<std::string>(), key[2].get<std::string>());
+    // A listed key is emptied by the import, so a key outside |allowed| is
+    // refused even without records: listing it alone would delete it.
+    const ConfigStoreObjectId& listed = keys.back();
+    if (std::none_of(allowed.begin(), allowed.end(), [&](const FilterSpecObject& f) {
+          return f.id.key == listed.key && f.id.component == listed.component && f.id.group == listed.group;
+        })) {
+      errors.push_back({listed.key, "key may not be imported"});
+      return false;
+    }
   }
   // Decode every record before touching the store, so a bad one changes nothing.
   std::vector<std::pair<ConfigStoreObjectId, std::string>> rows;
@@ -548,6 +599,9 @@ bool HyvConfigStore::Import(const std::string& text, std::vector<ErrorInfo>& err
       }
       ConfigStoreObject object(id);
       ObjectCodec::Decode(record.at("object"), &object);
+      if (std::string why = check ? check(object) : std::string(); !why.empty()) {
+        throw HostCtlException(why);
+      }
       rows.emplace_back(id, ObjectCodec::Dump(ObjectCodec::Encode(object)));
     } catch (const HostCtlException& e) {
       errors.push_back({item, e.what()});

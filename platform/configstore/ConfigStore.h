@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -167,10 +168,17 @@ class HyvConfigStore {
   // sorted by key then instance, fields sorted by name, sub-objects in order.
   // Equal configurations give equal texts.
   std::string Export(const std::vector<FilterSpecObject>& filters);
+  // RecordCheck tells why |object| must not be stored, or returns an empty
+  // text when it may be.
+  using RecordCheck = std::function<std::string(const ConfigStoreObject& object)>;
   // Import replaces every key named in an exported text by the records in it,
-  // all or nothing. Returns false, with the problems in |errors|, when the
-  // text is malformed or the store fails; nothing is then changed.
-  bool Import(const std::string& text, std::vector<ErrorInfo>& errors);
+  // all or nothing. The text may name only keys selected by |allowed| (specs
+  // as Export takes them), and every record must pass |check| before anything
+  // is written. Returns false, with the problems in |errors|, when the text is
+  // malformed, names another key, holds a refused record or the store fails;
+  // nothing is then changed.
+  bool Import(const std::string& text, const std::vector<FilterSpecObject>& allowed, const RecordCheck& check,
+              std::vector<ErrorInfo>& errors);
 
   // Test seam: the SQLite call made after |calls_to_skip| further calls fails
   // with SQLITE_IOERR, as if the disk had failed. One shot.

@@ -1,5 +1,6 @@
 #include "platform/lumen/JsonRpc.h"
 
+#include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 
 namespace Lumen::JsonRpc {
@@ -20,7 +21,7 @@ bool StringField(const nlohmann::json& obj, const char* name, std::string* out) 
 }  // namespace
 
 bool ParseCall(std::string_view body, bool decorated, Call* out) {
-  nlohmann::json doc = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
+  nlohmann::json doc = Hearth::ParseJson(body);
   if (!doc.is_object()) {
     return false;
   }

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/JsonParse.h"
+
 namespace Hyv::Authn {
 
 namespace {
@@ -33,6 +35,18 @@ struct SigDeleter {
 struct BnDeleter {
   void operator()(BIGNUM* b) const { BN_free(b); }
 };
+// ValidityOf reads the certificate's validity period as Unix times.
+bool ValidityOf(const X509* cert, int64_t* out_not_before, int64_t* out_not_after) {
+  struct tm before {}, after {};
+  if (ASN1_TIME_to_tm(X509_get0_notBefore(cert), &before) != 1 ||
+      ASN1_TIME_to_tm(X509_get0_notAfter(cert), &after) != 1) {
+    return false;
+  }
+  *out_not_before = timegm(&before);
+  *out_not_after = timegm(&after);
+  return true;
+}
+
 struct OpensslFree {
   void operator()(void* p) const { OPENSSL_free(p); }
 };
@@ -134,11 +148,12 @@ size_t TokenHandler::AddTrustedPem(const std::string& pem) {
     std::unique_ptr<char, OpensslFree> own_name(name), own_header(header);
     std::unique_ptr<unsigned char, OpensslFree> own_data(data);
     const unsigned char* p = data;
-    KeyPtr key;
+    TrustedKey trusted;
+    KeyPtr& key = trusted.key;
     std::string type(name);
     if (type == "CERTIFICATE") {
       std::unique_ptr<X509, X509Deleter> cert(d2i_X509(nullptr, &p, len));
-      if (cert) {
+      if (cert && ValidityOf(cert.get(), &trusted.not_before, &trusted.not_after)) {
         key.reset(X509_get_pubkey(cert.get()));
       }
     } else if (type == "PUBLIC KEY") {
@@ -148,7 +163,7 @@ size_t TokenHandler::AddTrustedPem(const std::string& pem) {
       LUMEN_LOG(*logger_, kLumenWarning) << "Skipping unusable trusted issuer PEM block " << type;
       continue;
     }
-    keys_.push_back(std::move(key));
+    keys_.push_back(std::move(trusted));
     ++added;
   }
   ERR_clear_error();
@@ -173,8 +188,8 @@ TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provi
       !Base64UrlDecode(token.substr(dot2 + 1), &sig)) {
     return Status::kMalformed;
   }
-  auto header = nlohmann::json::parse(header_text, nullptr, false);
-  auto payload = nlohmann::json::parse(payload_text, nullptr, false);
+  auto header = Hearth::ParseJson(header_text);
+  auto payload = Hearth::ParseJson(payload_text);
   if (!header.is_object() || !payload.is_object()) {
     return Status::kMalformed;
   }
@@ -195,34 +210,48 @@ TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provi
     return Status::kBadSignature;
   }
   std::string signed_part = token.substr(0, dot2);
+  int64_t now = clock_();
   bool verified = false;
-  for (const auto& key : keys_) {
-    int id = EVP_PKEY_get_base_id(key.get());
-    bool usable = es256 ? id == EVP_PKEY_EC && IsP256(key.get()) : id == EVP_PKEY_RSA;
-    if (usable && VerifyWith(key.get(), signed_part, signature)) {
+  bool issuer_out_of_validity = false;
+  for (const auto& trusted : keys_) {
+    EVP_PKEY* key = trusted.key.get();
+    int id = EVP_PKEY_get_base_id(key);
+    bool usable = es256 ? id == EVP_PKEY_EC && IsP256(key) : id == EVP_PKEY_RSA;
+    if (usable && VerifyWith(key, signed_part, signature)) {
+      // An issuer certificate vouches for its key only within its validity.
+      if (now < trusted.not_before || now > trusted.not_after) {
+        issuer_out_of_validity = true;
+        continue;
+      }
       verified = true;
       break;
     }
   }
   ERR_clear_error();
   if (!verified) {
-    return Status::kBadSignature;
+    return issuer_out_of_validity ? Status::kIssuerNotValid : Status::kBadSignature;
   }
   auto exp = payload.find("exp");
   auto sub = payload.find("sub");
   if (exp == payload.end() || !exp->is_number() || sub == payload.end() || !sub->is_string()) {
     return Status::kBadClaims;
   }
-  int64_t now = clock_();
   if (exp->get<double>() <= static_cast<double>(now)) {
     return Status::kExpired;
   }
-  if (auto nbf = payload.find("nbf"); nbf != payload.end()) {
-    if (!nbf->is_number()) {
+  // "nbf" and "iat" may run ahead of our clock by the allowed skew only; a
+  // token issued further in the future comes from a wrong clock or a forger
+  // stockpiling tokens.
+  for (const char* claim : {"nbf", "iat"}) {
+    auto it = payload.find(claim);
+    if (it == payload.end()) {
+      continue;
+    }
+    if (!it->is_number()) {
       return Status::kBadClaims;
     }
-    if (nbf->get<double>() > static_cast<double>(now)) {
-      return Status::kExpired;
+    if (it->get<double>() > static_cast<double>(now + kMaxClockSkewSeconds)) {
+      return Status::kNotYetValid;
     }
   }
   std::vector<std::string> entitlements;
@@ -263,6 +292,8 @@ const char* TokenHandler::StatusText(Status status) {
     case Status::kBadAlgorithm: return "algorithm not accepted";
     case Status::kBadSignature: return "signature not verified by a trusted issuer";
     case Status::kExpired: return "token expired or not yet valid";
+    case Status::kNotYetValid: return "token nbf or iat more than 60 s in the future";
+    case Status::kIssuerNotValid: return "trusted issuer certificate outside its validity period";
     case Status::kBadClaims: return "missing or invalid claims";
   }
   return "unknown";

@@ -29,9 +29,14 @@ class TokenHandler {
     kMalformed,     // not three base64url parts of JSON objects
     kBadAlgorithm,  // "none", HS*, anything but RS256 and ES256
     kBadSignature,  // no trusted key verifies it
-    kExpired,       // "exp" reached, or "nbf" not yet
+    kExpired,       // "exp" reached
     kBadClaims,     // "exp" or "sub" missing, "entitlements" not a list of strings
+    kNotYetValid,   // "nbf" or "iat" more than kMaxClockSkewSeconds ahead
+    kIssuerNotValid,  // signed by a trusted issuer whose certificate is not valid now
   };
+
+  // How far a token's "nbf" and "iat" may lie ahead of the daemon's clock.
+  static constexpr int64_t kMaxClockSkewSeconds = 60;
 
   // Clock returns the current time in seconds since the Unix epoch.
   using Clock = std::function<int64_t()>;
@@ -39,7 +44,8 @@ class TokenHandler {
   explicit TokenHandler(std::shared_ptr<Lumen::Log::Logger> logger, Clock clock = nullptr);
 
   // LoadTrustedIssuers reads the trusted issuers file: PEM blocks, each a
-  // "CERTIFICATE" (its public key is trusted) or a "PUBLIC KEY". A missing
+  // "CERTIFICATE" (its public key is trusted within the certificate's
+  // validity period) or a "PUBLIC KEY" (trusted without time bounds). A missing
   // file trusts nothing and is not an error. Returns the number of keys
   // trusted; unreadable blocks are logged and skipped.
   size_t LoadTrustedIssuers(const std::string& path);
@@ -64,9 +70,17 @@ class TokenHandler {
   };
   using KeyPtr = std::unique_ptr<EVP_PKEY, KeyDeleter>;
 
+  // A trusted key, and the validity period of the certificate it came from
+  // (unbounded for a bare public key).
+  struct TrustedKey {
+    KeyPtr key;
+    int64_t not_before = INT64_MIN;
+    int64_t not_after = INT64_MAX;
+  };
+
   std::shared_ptr<Lumen::Log::Logger> logger_;
   Clock clock_;
-  std::vector<KeyPtr> keys_;
+  std::vector<TrustedKey> keys_;
 };
 
 }  // namespace Hyv::Authn

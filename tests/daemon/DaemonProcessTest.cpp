@@ -9,11 +9,14 @@
 
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
+#include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
 
 namespace {
 
+using Witnessd::Testing::ApiClient;
 using Witnessd::Testing::DaemonProcess;
 using Witnessd::Testing::FreePort;
 using Witnessd::Testing::MakeTempDir;
@@ -173,6 +176,7 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
        "tokenValiditySeconds"},
       {"strict quote checks not a boolean", "<config><strictQuoteChecks>maybe</strictQuoteChecks></config>",
        "strictQuoteChecks"},
+      {"connection cap not a number", "<config><maxConnections>many</maxConnections></config>", "maxConnections"},
   };
   for (const auto& tc : kCases) {
     SCOPED_TRACE(tc.name);
@@ -211,6 +215,57 @@ TEST_F(Daemon, BadPortVariableTakesTheErrorExit) {
   EXPECT_EQ(1, d.WaitExit()) << d.Log();
   EXPECT_EQ(1, d.CountInLog("Exiting with error: WITNESSD_PORT 'http' is not a TCP port")) << d.Log();
   EXPECT_EQ(1, d.CountInLog("Exiting with status 1"));
+}
+
+// A local client opens connections until the daemon can take no more,
+// under a low open-files limit: the daemon neither crashes nor wedges and
+// serves again once they close. Its default cap keeps it below the limit; a
+// cap set above the limit runs into accept errors, which back off.
+TEST_F(Daemon, ConnectionFloodNeitherCrashesNorWedges) {
+  const struct {
+    const char* name;
+    const char* settings;
+    const char* cap_line;
+    const char* acceptor_line;
+  } kCases[] = {
+      {"default cap under the limit", "<config/>", "Max connections: 64", ";ConnectionLimit 64"},
+      {"cap above the limit", "<config><maxConnections>1000</maxConnections></config>", "Max connections: 1000",
+       ";DelayAcceptError"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    WriteSettings(c.settings);
+    DaemonProcess d(sysroot_, FreePort());
+    d.SetLauncher({"prlimit", "--nofile=128"});
+    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+    EXPECT_EQ(1, d.CountInLog(c.cap_line)) << d.Log();
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(d.Port());
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::vector<int> flood;
+    for (int i = 0; i < 300; ++i) {
+      int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+      connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));  // pending or refused: both fine
+      flood.push_back(fd);
+    }
+    EXPECT_TRUE(d.WaitForLog(c.acceptor_line)) << d.Log();
+    EXPECT_TRUE(d.Running());
+    for (int fd : flood) {
+      close(fd);
+    }
+    bool served = false;
+    for (int i = 0; i < 100 && !served; ++i) {
+      served = ApiClient(d.Port(), "").Invoke("com.quarro.lumen.std.introspection.provider", "get").ok;
+      if (!served) {
+        usleep(100000);
+      }
+    }
+    EXPECT_TRUE(served) << d.Log();
+    d.Signal(SIGTERM);
+    EXPECT_EQ(0, d.WaitExit()) << d.Log();
+  }
 }
 
 }  // namespace

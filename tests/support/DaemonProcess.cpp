@@ -117,7 +117,17 @@ bool DaemonProcess::Start() {
     for (const auto& [name, value] : env_) {
       setenv(name.c_str(), value.c_str(), 1);
     }
-    execl(WITNESSD_BINARY, "witnessd", static_cast<char*>(nullptr));
+    if (launcher_.empty()) {
+      execl(WITNESSD_BINARY, "witnessd", static_cast<char*>(nullptr));
+    } else {
+      std::vector<char*> argv;
+      for (const std::string& a : launcher_) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+      }
+      argv.push_back(const_cast<char*>(WITNESSD_BINARY));
+      argv.push_back(nullptr);
+      execvp(argv[0], argv.data());
+    }
     _exit(127);
   }
   close(log_fd);

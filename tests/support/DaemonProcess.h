@@ -29,6 +29,9 @@ class DaemonProcess {
 
   // Extra environment variables for the child, set before Start.
   void SetEnv(const std::string& name, const std::string& value) { env_.emplace_back(name, value); }
+  // A command that runs the daemon in its own process, such as
+  // {"prlimit", "--nofile=64"}; the daemon's path is appended.
+  void SetLauncher(std::vector<std::string> launcher) { launcher_ = std::move(launcher); }
 
   bool Start();
   // WaitForLog polls the captured standard error until |text| appears, the
@@ -49,6 +52,7 @@ class DaemonProcess {
   std::string sysroot_;
   uint16_t port_;
   std::vector<std::pair<std::string, std::string>> env_;
+  std::vector<std::string> launcher_;
   std::string log_path_;
   pid_t pid_ = -1;
   int status_ = -1;

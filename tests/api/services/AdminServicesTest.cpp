@@ -4,9 +4,12 @@
 // hostile input over every operation of every service.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 
+#include "tests/api/TestTokens.h"
 #include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
@@ -367,15 +370,35 @@ TEST_F(AdminServices, HostileInputSweep) {
     EXPECT_TRUE(r.error_type == "INVALID_ARGUMENT" || r.error_type == "ERROR" || r.error_type == "NOT_FOUND")
         << r.raw.substr(0, 300);
   }
-  // Bytes that are not UTF-8 never reach a service: the framework refuses
-  // the body.
+  // Bodies that never reach a service, anonymous or not: the framework
+  // refuses them as invalid requests before anything recurses over them.
+  auto envelope = [](const std::string& input) {
+    return std::string(R"({"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":")") + kEks +
+           R"(","operationId":"get","input":)" + input + "}}";
+  };
+  const struct {
+    const char* name;
+    std::string body;
+  } kRawBodies[] = {
+      {"not UTF-8", envelope(R"({"name":"\xff\xfe"})")},
+      {"50,000 nested arrays", envelope(std::string(50000, '[') + std::string(50000, ']'))},
+      {"50,000 nested objects", envelope([] {
+         std::string text;
+         for (int i = 0; i < 50000; ++i) text += R"({"a":)";
+         return text + "1" + std::string(50000, '}');
+       }())},
+  };
   Agent::HttpClient raw("127.0.0.1", daemon_->Port());
-  int status = 0;
-  std::string reply, error;
-  std::string body = std::string(R"({"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":")") + kEks +
-                     R"(","operationId":"get","input":{"name":"\xff\xfe"}}})";
-  ASSERT_TRUE(raw.Post("/api", "application/vnd.quarro.lumen.cleanjson", body, &status, &reply, &error)) << error;
-  EXPECT_EQ(400, status) << reply;
+  for (const auto& b : kRawBodies) {
+    for (const char* type : {"application/json", "application/vnd.quarro.lumen.cleanjson"}) {
+      SCOPED_TRACE(std::string(b.name) + " as " + type);
+      int status = 0;
+      std::string reply, error;
+      ASSERT_TRUE(raw.Post("/api", type, b.body, &status, &reply, &error)) << error << daemon_->Log();
+      EXPECT_EQ(400, status) << reply;
+      EXPECT_NE(std::string::npos, reply.find("lumen.invalid.request")) << reply;
+    }
+  }
 
   // Nothing was stored and the daemon still serves.
   EXPECT_EQ(json::array(), Call(kEks, "list").output);
@@ -383,6 +406,52 @@ TEST_F(AdminServices, HostileInputSweep) {
   EXPECT_EQ(json::array(), Call(kBaseImages, "list").output);
   EXPECT_TRUE(Call(kStatus, "get").ok);
   EXPECT_TRUE(daemon_->Running());
+}
+
+// Token time checks over the real API: every refused token is answered
+// UNAUTHENTICATED, with its reason in the daemon's log.
+TEST(AdminTokens, TimeChecksAndIssuerCertificates) {
+  std::string sysroot = MakeTempDir("witnessd-tokens");
+  PrepareSysroot(sysroot);
+  TestKey current = MakeKey();
+  TestKey expired = MakeKey();
+  std::ofstream(sysroot + "/etc/quarro/cpservices/witnessd/trusted_issuers.pem")
+      << MakeCert(current, "current issuer", nullptr, true).pem
+      << MakeCert(expired, "expired issuer", nullptr, true, 2, /*expired=*/true).pem;
+  DaemonProcess daemon(sysroot, FreePort());
+  ASSERT_TRUE(daemon.Start());
+  ASSERT_TRUE(daemon.WaitForLog(kServing)) << daemon.Log();
+  const int64_t now = std::time(nullptr);
+  auto token = [&](const TestKey& issuer, const json& times) {
+    json claims = {{"sub", "admin"}, {"entitlements", {"Attestation.Read"}}};
+    claims.update(times);
+    return MakeToken("ES256", issuer.key.get(), claims);
+  };
+  const struct {
+    const char* name;
+    std::string token;
+    const char* reason;  // empty: accepted
+  } kRows[] = {
+      {"valid, nbf within the skew", token(current, {{"exp", now + 600}, {"iat", now}, {"nbf", now + 30}}), ""},
+      {"no exp", token(current, {{"iat", now}}), "missing or invalid claims"},
+      {"nbf ahead", token(current, {{"exp", now + 600}, {"nbf", now + 300}}), "nbf or iat more than 60 s in the future"},
+      {"iat ahead", token(current, {{"exp", now + 600}, {"iat", now + 300}}), "nbf or iat more than 60 s in the future"},
+      {"issuer certificate expired", token(expired, {{"exp", now + 600}}),
+       "trusted issuer certificate outside its validity period"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    int logged = std::string(row.reason).empty() ? 0 : daemon.CountInLog(row.reason);
+    ApiReply r = ApiClient(daemon.Port(), row.token).Invoke(kStatus, "get");
+    if (std::string(row.reason).empty()) {
+      EXPECT_TRUE(r.ok) << r.raw;
+      continue;
+    }
+    EXPECT_EQ("UNAUTHENTICATED", r.error_type) << r.raw;
+    EXPECT_TRUE(daemon.WaitForLog(row.reason, std::chrono::seconds(5)));
+    EXPECT_EQ(logged + 1, daemon.CountInLog(row.reason)) << daemon.Log();
+  }
+  std::filesystem::remove_all(sysroot);
 }
 
 }  // namespace

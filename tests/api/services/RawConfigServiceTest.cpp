@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "platform/lumen/Json.h"
+#include "platform/ssl/SslUtils.h"
 #include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/AttestedBoot.h"
@@ -168,6 +170,38 @@ TEST_F(RawConfigService, RefusedImportsChangeNothing) {
   truncated.resize(truncated.size() / 4 * 4);
   // A gzip stream of a text that is not an export.
   std::string not_an_export = "H4sIAAAAAAACAyvJyCxWAKK8/BKFxDyF1IqC/KKS1BSF5Py8tMz00qLEksz8PC4AiS1eQCYAAAA=";
+  // Hostile texts an administrator could write: A's export naming the
+  // signing key pair, with or without a record of the importer's own, and
+  // a record of 200,000 nested sub-objects.
+  std::vector<uint8_t> plain_bytes;
+  ASSERT_TRUE(Lumen::Json::Base64Decode(plain, &plain_bytes));
+  auto gzip = [](const std::string& text) {
+    std::vector<uint8_t> out;
+    EXPECT_TRUE(Orm::Common::Gzip::CompressFromString(text, out));
+    return ApiClient::Base64(out);
+  };
+  auto with_signing_key = [&](bool record) {
+    json doc = json::parse(plain_bytes);
+    doc["keys"].push_back({"certificate", "attestation", "hyv"});
+    if (record) {
+      doc["records"].push_back({{"key", "certificate"}, {"component", "attestation"}, {"group", "hyv"},
+                                {"instance", ""},
+                                {"object", {{"fields", {{"certificate", TestPki().root.pem},
+                                                        {"private_key", "importer's key"}}}}}});
+    }
+    return gzip(doc.dump());
+  };
+  std::string nested = R"({"format":"witnessd-configstore-1","keys":[["hyv_base_images","attestation","hyv"]],)"
+                       R"("records":[{"key":"hyv_base_images","component":"attestation","group":"hyv",)"
+                       R"("instance":"1","object":)";
+  for (int i = 0; i < 200000; ++i) {
+    nested += R"({"fields":{},"subs":[["paks","",)";
+  }
+  nested += R"({"fields":{}})";
+  for (int i = 0; i < 200000; ++i) {
+    nested += "]]}";
+  }
+  nested += "}]}";
   const struct {
     const char* name;
     json input;
@@ -177,7 +211,11 @@ TEST_F(RawConfigService, RefusedImportsChangeNothing) {
       {"the plain export", {{"config", plain}}},
       {"truncated export", {{"config", truncated}}},
       {"gzip of another text", {{"config", not_an_export}}},
+      {"planted signing key", {{"config", with_signing_key(true)}}},
+      {"signing key listed without a record", {{"config", with_signing_key(false)}}},
+      {"200,000 nested sub-objects", {{"config", gzip(nested)}}},
   };
+  std::string b_certificate = b.Get(kCertificate, "get")["certificate"];
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     ApiReply r = b.api->Invoke(kRawConfig, "import", c.input);
@@ -187,11 +225,16 @@ TEST_F(RawConfigService, RefusedImportsChangeNothing) {
   }
   EXPECT_EQ(view_before, b.View());
   EXPECT_LE(1, b.daemon->CountInLog("Invalid configuation: decompression failed"));
+  EXPECT_EQ(2, b.daemon->CountInLog("Import refused: certificate: key may not be imported")) << b.daemon->Log();
   // Export with an unknown information type fails before the store is read.
   ApiReply unknown = b.api->Invoke(kRawConfig, "export", {{"info_type", "XML"}});
   EXPECT_EQ("INVALID_ARGUMENT", unknown.error_type);
   EXPECT_TRUE(unknown.HasMessage("com.quarro.hyv.attestation.raw_config.invalid_infotype")) << unknown.raw;
   EXPECT_EQ(1, b.daemon->CountInLog("Unknown info type requested"));
+  // After a restart the daemon still signs with its own pair.
+  b.Start();
+  EXPECT_EQ(b_certificate, b.Get(kCertificate, "get")["certificate"]);
+  EXPECT_EQ(view_before, b.View());
 }
 
 TEST_F(RawConfigService, PlainAndCompressedExportsCarryTheSameHash) {

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
 
 #include "config/SigningKey.h"
 #include "config/tpm2/CaCertificates.h"
@@ -94,23 +97,70 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   ExpectLocksReleased();
 }
 
+// Refused texts include keys other than the exported ones and records the
+// create operations would refuse; the signing key pair never changes (the
+// daemon test plants it over the API).
 TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
   Testing::TestKey ek = Testing::MakeKey();
+  Testing::TestPki pki;
   ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", ek.public_pem));
+  ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
   ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(false, true));
   std::string before = Export();
   ASSERT_EQ(kOk, Tpm2::DeleteEndorsementKey("ek1"));
   std::string without_ek = Export();
   ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", ek.public_pem));
+  std::string signing_key;
+  ASSERT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", signing_key));
 
+  // Edit returns |before| changed by |change|; record(key) finds a record.
+  using nlohmann::json;
+  auto edit = [&](const std::function<void(json&)>& change) {
+    json doc = json::parse(before);
+    change(doc);
+    return doc.dump(2);
+  };
+  auto record = [](json& doc, const char* key) -> json& {
+    for (json& r : doc["records"]) {
+      if (r["key"] == key) {
+        return r["object"];
+      }
+    }
+    throw std::runtime_error(key);
+  };
+  auto list_key = [](json& doc, const char* key) { doc["keys"].push_back({key, kComponent, kGroup}); };
   const struct {
     const char* name;
     std::string text;
     bool store_fails;
+    const char* reason;
   } kCases[] = {
-      {"not an export", "hello", false},
-      {"truncated export", before.substr(0, before.size() / 2), false},
-      {"store fails midway", without_ek, true},
+      {"not an export", "hello", false, "not an exported configuration"},
+      {"truncated export", before.substr(0, before.size() / 2), false, ""},
+      {"store fails midway", without_ek, true, ""},
+      {"unknown key", edit([&](json& doc) { list_key(doc, "tpm2_other"); }), false, "key may not be imported"},
+      {"EK that is no public key", edit([&](json& doc) { record(doc, kKeyEndorsementKeys)["fields"]["public_key"] =
+                                                             pki.root.pem; }),
+       false, "public_key is not a usable public key"},
+      {"EK named unlike its record", edit([&](json& doc) { record(doc, kKeyEndorsementKeys)["fields"]["name"] =
+                                                               "ek2"; }),
+       false, "name does not match"},
+      {"CA entry that is no certificate", edit([&](json& doc) { record(doc, kKeyCaCertificates)["subs"][0][2]
+                                                                    ["fields"]["certs"] = {pki.root.pem, "junk"}; }),
+       false, "cert_chain is not a list of certificates"},
+      {"settings requiring nothing", edit([&](json& doc) { record(doc, kKeyTpm2Settings)["fields"]
+                                                               ["require_certificate_validation"] = false; }),
+       false, "settings require neither"},
+      {"base image digest not hex", edit([&](json& doc) {
+         json sum = {{"fields", {{"checksum", std::string(64, 'z')}, {"checksum_type", "sha-256"}}}};
+         json payload = {{"fields", {{"name", "k"}}}, {"subs", {{"checksums", "0", sum}}}};
+         json pak = {{"fields", {{"name", "hyv-base"}}}, {"subs", {{"payloads", "k", payload}}}};
+         list_key(doc, kKeyBaseImages);
+         doc["records"].push_back({{"key", kKeyBaseImages}, {"component", kComponent}, {"group", kGroup},
+                                   {"instance", "1.0"},
+                                   {"object", {{"fields", {{"version", "1.0"}}}, {"subs", {{"paks", "hyv-base", pak}}}}}});
+       }),
+       false, "checksum is not a well-formed digest"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -119,7 +169,11 @@ TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
     }
     std::string log = Capture([&] { EXPECT_EQ(ConfigResult::kConfigError, ImportConfiguration(c.text)); });
     EXPECT_NE(std::string::npos, log.find("Failed to import configuration")) << log;
+    EXPECT_NE(std::string::npos, log.find(c.reason)) << log;
     EXPECT_EQ(before, Export());
+    std::string key_now;
+    EXPECT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key_now));
+    EXPECT_EQ(signing_key, key_now);
     EXPECT_TRUE(Tpm2::GetEkReferenceCount(Digest(ek.public_pem)).has_value()) << "EK map unchanged";
     bool eks = true, certs = false;
     Tpm2::GetTpm2Settings(eks, certs);

@@ -187,7 +187,7 @@ TEST_F(ConfigStoreTest, ExportIsCanonicalAndImportReplacesListedKeys) {
   target->SetObject(stale, status);
   target->SetObject(kept, status);
   std::vector<ErrorInfo> errors;
-  ASSERT_TRUE(target->Import(text, errors));
+  ASSERT_TRUE(target->Import(text, filters, nullptr, errors));
   EXPECT_TRUE(errors.empty());
   EXPECT_EQ(text, target->Export(filters));
   EXPECT_EQ(nullptr, target->GetObject(Ek("stale")));
@@ -206,6 +206,13 @@ TEST_F(ConfigStoreTest, ImportIsAllOrNothing) {
   bad_record.replace(bad_record.find("\"public_key\": \"A\""), 17, "\"public_key\": 7");
   std::string unlisted_key = good;
   unlisted_key.replace(unlisted_key.rfind("\"key\": \"tpm2_endorsement_keys\""), 30, "\"key\": \"certificate\"");
+  std::string refused_record = good;
+  refused_record.replace(refused_record.find("\"public_key\": \"A\""), 17, "\"public_key\": \"refused\"");
+  auto check = [](const ConfigStoreObject& object) {
+    std::string key;
+    object.GetValue("public_key", &key);
+    return key == "refused" ? std::string("refused by the check") : std::string();
+  };
   const struct {
     const char* name;
     std::string text;
@@ -217,12 +224,16 @@ TEST_F(ConfigStoreTest, ImportIsAllOrNothing) {
       {"not an object", "[1, 2]"},
       {"bad field value", bad_record},
       {"record of an unlisted key", unlisted_key},
+      {"listed key not allowed, no records",
+       R"({"format": "witnessd-configstore-1", "keys": [["certificate", "attestation", "hyv"]], "records": []})"},
+      {"record refused by the check", refused_record},
+      {"nested past the depth limit", std::string(100, '[') + std::string(100, ']')},
       {"truncated", good.substr(0, good.size() / 2)},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     std::vector<ErrorInfo> errors;
-    EXPECT_FALSE(store_->Import(c.text, errors));
+    EXPECT_FALSE(store_->Import(c.text, filters, check, errors));
     EXPECT_FALSE(errors.empty());
     EXPECT_EQ(before, store_->Export(filters));
   }
@@ -231,7 +242,7 @@ TEST_F(ConfigStoreTest, ImportIsAllOrNothing) {
     SCOPED_TRACE(skip);
     store_->FailSqliteCallAfter(skip);
     std::vector<ErrorInfo> errors;
-    EXPECT_FALSE(store_->Import(good, errors));
+    EXPECT_FALSE(store_->Import(good, filters, check, errors));
     ASSERT_EQ(1u, errors.size());
     EXPECT_EQ("disk I/O error", errors[0].message);
     EXPECT_EQ(before, store_->Export(filters));

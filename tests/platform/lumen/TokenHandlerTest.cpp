@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "tests/api/TestTokens.h"
+#include "tests/platform/ssl/TestCerts.h"
 
 namespace {
 
@@ -67,8 +70,16 @@ TEST(TokenHandlerVerify, AcceptsOnlySignedUnexpiredTokensFromTrustedKeys) {
       {"no sub", MakeToken("RS256", k.rsa.get(), {{"exp", kNow + 60}}), Status::kBadClaims},
       {"entitlements not list", MakeToken("RS256", k.rsa.get(), {{"sub", "a"}, {"exp", kNow + 60}, {"entitlements", "x"}}),
        Status::kBadClaims},
-      {"not yet valid", MakeToken("RS256", k.rsa.get(), {{"sub", "a"}, {"exp", kNow + 60}, {"nbf", kNow + 30}}),
-       Status::kExpired},
+      // nbf and iat may run ahead by the 60 s clock skew, no further.
+      {"nbf within the skew", MakeToken("RS256", k.rsa.get(), {{"sub", "alice"}, {"entitlements", {"Attestation.Read"}},
+                                                               {"exp", kNow + 600}, {"nbf", kNow + 60}, {"iat", kNow + 60}}),
+       Status::kOk},
+      {"nbf past the skew", MakeToken("RS256", k.rsa.get(), {{"sub", "a"}, {"exp", kNow + 600}, {"nbf", kNow + 61}}),
+       Status::kNotYetValid},
+      {"iat past the skew", MakeToken("RS256", k.rsa.get(), {{"sub", "a"}, {"exp", kNow + 600}, {"iat", kNow + 61}}),
+       Status::kNotYetValid},
+      {"iat not a number", MakeToken("RS256", k.rsa.get(), {{"sub", "a"}, {"exp", kNow + 600}, {"iat", "now"}}),
+       Status::kBadClaims},
       {"two parts", "abc.def", Status::kMalformed},
       {"four parts", "a.b.c.d", Status::kMalformed},
       {"padding", "eyJ9.eyJ9.AA==", Status::kMalformed},
@@ -85,6 +96,34 @@ TEST(TokenHandlerVerify, AcceptsOnlySignedUnexpiredTokensFromTrustedKeys) {
       EXPECT_EQ(std::vector<std::string>{"Attestation.Read"}, out.values);
       EXPECT_EQ(Hyv::Authn::kTokenSchemeId, out.scheme);
     }
+  }
+}
+
+// A certificate in the trusted issuers file vouches for its key only within
+// its validity period; a bare public key has none.
+TEST(TokenHandlerVerify, IssuerCertificateMustBeValidNow) {
+  const TestKey issuer = MakeKey();
+  const std::string current = MakeCert(issuer, "issuer", nullptr, true).pem;
+  const std::string expired = MakeCert(issuer, "issuer", nullptr, true, 1, /*expired=*/true).pem;
+  const int64_t now = std::time(nullptr);
+  const struct {
+    const char* name;
+    std::string trusted;
+    int64_t clock;
+    Status want;
+  } kCases[] = {
+      {"current certificate", current, now, Status::kOk},
+      {"expired certificate", expired, now, Status::kIssuerNotValid},
+      {"certificate not yet valid", current, now - 2 * 86400, Status::kIssuerNotValid},
+      {"bare key, any time", issuer.public_pem, now + 20 * 365 * 86400L, Status::kOk},
+      {"expired certificate beside the bare key", expired + issuer.public_pem, now, Status::kOk},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    TokenHandler handler(std::make_shared<NullLogger>(), [&] { return c.clock; });
+    ASSERT_LE(1u, handler.AddTrustedPem(c.trusted));
+    Lumen::Provider::AuthnResult out;
+    EXPECT_EQ(c.want, handler.Verify(MakeToken("ES256", issuer.key.get(), ClaimsAt(c.clock + 60)), &out, nullptr));
   }
 }
 

@@ -1,5 +1,5 @@
-// The configuration layer in the real daemon: the signing key across starts,
-// and a damaged database or signing key record stopping the start.
+// The configuration layer in the real daemon: the store's file modes, and a
+// damaged database or signing key record stopping the start.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -21,23 +21,6 @@ using Witnessd::Testing::PrepareSysroot;
 
 constexpr const char* kDatabase = "/var/lib/quarro/witnessd/configstore.db";
 constexpr const char* kServing = "HTTP endpoint listening on TCP port";
-
-TEST(ConfigStartup, SigningKeyIsGeneratedOnceAndKeptAcrossStarts) {
-  std::string root = MakeTempDir("witnessd-config-start");
-  PrepareSysroot(root);
-  std::filesystem::remove_all(root + "/var/lib/quarro");  // the store makes its directory
-  for (int start = 0; start < 2; ++start) {
-    SCOPED_TRACE(start);
-    DaemonProcess daemon(root, FreePort());
-    ASSERT_TRUE(daemon.Start());
-    ASSERT_TRUE(daemon.WaitForLog(kServing)) << daemon.Log();
-    EXPECT_EQ(start == 0 ? 1 : 0, daemon.CountInLog("Generating private key and certificate"));
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(0, daemon.WaitExit());
-  }
-  EXPECT_TRUE(std::filesystem::exists(root + kDatabase));
-  std::filesystem::remove_all(root);
-}
 
 // The store holds the private key: its files are the owner's alone under a
 // permissive umask, and wider modes found at start are tightened.

@@ -19,7 +19,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/tcg/SecurityInfo.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmProcess.h"
 #include "tools/Agent.h"
@@ -33,7 +32,6 @@ namespace Witnessd::Agent {
 namespace {
 
 namespace V = Witnessd::Verify;
-using Entry = HvkCtl::Security::SecurityInfoImpl::Entry;
 
 // One swtpm for the whole test program, started on first use and stopped
 // after the last test; every case boots it afresh.
@@ -204,55 +202,6 @@ TEST(SwtpmHost, EkCertificateHoldsTheEkAndChainsToTheLocalCa) {
   EXPECT_EQ(1, X509_verify_cert(ctx.get())) << X509_verify_cert_error_string(X509_STORE_CTX_get_error(ctx.get()));
 }
 
-TEST(SoftwareHost, ReusesItsAkKeyOnlyWhenAsked) {
-  for (bool reuse : {false, true}) {
-    SCOPED_TRACE(reuse);
-    std::unique_ptr<HostTpm> host = MakeSoftwareHost(reuse);
-    Bytes first;
-    Bytes second;
-    ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &first));
-    ASSERT_TRUE(host->CreateAk(Tpm2::AkTemplate(), Tpm2::OutsideInfo(), &second));
-    EXPECT_EQ(reuse, first == second);
-  }
-}
-
-TEST(SoftwareHost, HasNoEkCertificate) {
-  std::string pem;
-  EXPECT_FALSE(MakeSoftwareHost()->EkCertificatePem(&pem));
-}
-
-TEST(BootLog, ParsesBackToTheEventsWithTaggedPayloads) {
-  for (bool txt : {false, true}) {
-    SCOPED_TRACE(txt);
-    BootPlan plan;
-    plan.txt = txt;
-    std::vector<BootEvent> events = HypervisorBootEvents(plan);
-    Bytes log = WriteEventLog(events);
-    std::vector<Entry> entries;
-    ASSERT_TRUE(HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), log.size(), &entries));
-    ASSERT_EQ(events.size() + 1, entries.size());  // the Spec ID Event03 header comes first
-    for (size_t i = 0; i < events.size(); ++i) {
-      const Entry& e = entries[i + 1];
-      EXPECT_EQ(events[i].pcr, e.pcrIndex);
-      EXPECT_EQ(events[i].type, e.eventType);
-      ASSERT_EQ(1u, e.digests.size());
-      EXPECT_EQ(0x000B, e.digests[0].algorithm);
-      EXPECT_EQ(events[i].digest, e.digests[0].value);
-      EXPECT_EQ(events[i].data, e.eventData);
-    }
-    // A log cut inside any record is refused; the record boundaries are the
-    // sizes of the logs of the first k events.
-    std::vector<size_t> boundaries;
-    for (size_t k = 0; k <= events.size(); ++k) {
-      boundaries.push_back(WriteEventLog(std::vector<BootEvent>(events.begin(), events.begin() + k)).size());
-    }
-    for (size_t len = 1; len < log.size(); ++len) {
-      bool at_boundary = std::find(boundaries.begin(), boundaries.end(), len) != boundaries.end();
-      EXPECT_EQ(at_boundary, HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(log.data(), len, &entries)) << len;
-    }
-  }
-}
-
 // tpm2-tools as an independent reader: `tpm2_eventlog` must parse the log and
 // replay every PCR it names to the value the swtpm holds after MeasureBoot.
 TEST(BootLog, Tpm2ToolsReplayMatchesTheTpm) {
@@ -305,13 +254,6 @@ TEST(BootLog, Tpm2ToolsReplayMatchesTheTpm) {
     EXPECT_EQ(txt ? 12 : 11, compared);
   }
   std::filesystem::remove_all(dir);
-}
-
-TEST(BootLog, TaggedEventLayout) {
-  Bytes want = {0x02, 0, 0, 0,            // id 2, little-endian
-                0x06, 0, 0, 0,            // size 6
-                'k', '.', 'b', '0', '0', 0};
-  EXPECT_EQ(want, TaggedEventData(kTagModule, kKernelPayload));
 }
 
 }  // namespace

@@ -17,38 +17,6 @@ using Bytes = std::vector<uint8_t>;
 using Verify::TPM2B_PUBLIC;
 using Verify::TPMT_PUBLIC;
 
-TEST(CredentialProtection, FixedStructuresAreByteExact) {
-  const struct {
-    const char* name;
-    std::function<Bytes()> get;
-    Bytes want;
-  } kCases[] = {
-      {"AK template", AkTemplate,
-       {0x00, 0x18,                    // TPM2B_PUBLIC size 24
-        0x00, 0x01,                    // type RSA
-        0x00, 0x0B,                    // nameAlg SHA-256
-        0x00, 0x05, 0x00, 0x72,        // objectAttributes
-        0x00, 0x00,                    // authPolicy empty
-        0x00, 0x10,                    // symmetric NULL
-        0x00, 0x14, 0x00, 0x0B,        // scheme RSASSA, SHA-256
-        0x08, 0x00,                    // keyBits 2048
-        0x00, 0x01, 0x00, 0x01,        // exponent 65537, written out
-        0x00, 0x00}},                  // unique empty
-      {"outside info", OutsideInfo, {0x00, 0x09, 'w', 'i', 't', 'n', 'e', 's', 's', 'd', 0x00}},
-      {"signature scheme", QuoteSigScheme, {0x00, 0x14, 0x00, 0x0B}},
-      {"PCR selection", RequiredPcrSelection,
-       {0x00, 0x00, 0x00, 0x01,  // count 1
-        0x00, 0x0B,              // SHA-256
-        0x03, 0x00, 0xFF, 0x7E}},  // PCRs 8-15, 17-22
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.want, c.get());
-    EXPECT_EQ(c.get(), c.get());  // cached copy, same every time
-  }
-  EXPECT_EQ(0x000B, PcrHashAlgorithm());
-}
-
 // An AK public area as a TPM makes it from the template: the template plus a
 // 256-byte modulus.
 TPMT_PUBLIC AkFromTemplate() {

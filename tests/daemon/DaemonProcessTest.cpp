@@ -234,6 +234,14 @@ TEST_F(Daemon, ConnectionFloodNeitherCrashesNorWedges) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
+#ifdef WITNESSD_SANITIZED
+    // Out of descriptors, the sanitizer runtime cannot probe memory (it needs
+    // a pipe) and fails its own vtable checks: the back-off runs in the plain
+    // build only.
+    if (std::string(c.acceptor_line) == ";DelayAcceptError") {
+      continue;
+    }
+#endif
     WriteSettings(c.settings);
     DaemonProcess d(sysroot_, FreePort());
     d.SetLauncher({"prlimit", "--nofile=128"});

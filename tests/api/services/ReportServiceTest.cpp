@@ -191,6 +191,12 @@ TEST_F(ReportService, EachReportErrorForReal) {
        "attest_verify_failed"},
       {"unknown software", {}, false, Fault::kNone, true, true, true, "ERROR", "attest_unknown_software"},
   };
+  // The cases follow a certificate that attested: the trust the daemon
+  // cached for it must not outlive the deletion of its CA chain.
+  Ready({true, true, true, true});
+  Agent::AttestOptions by_certificate;
+  by_certificate.use_certificate = true;
+  ASSERT_TRUE(Attest(by_certificate).ok);
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Ready(c.trust);

@@ -140,12 +140,7 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
       std::unique_ptr<char, decltype(&free)> props(jwt_get_grants_json(jwt.get(), "attested_properties"), free);
       ASSERT_NE(nullptr, props);
       EXPECT_STREQ(c.properties, props.get());
-      const char* aud = jwt_get_grant(jwt.get(), "aud");
-      if (c.types[i] == "KMS_AUTH_JWT") {
-        EXPECT_STREQ("orbd", aud);
-      } else {
-        EXPECT_EQ(nullptr, aud);
-      }
+      EXPECT_STREQ(c.types[i] == "KMS_AUTH_JWT" ? "orbd" : nullptr, jwt_get_grant(jwt.get(), "aud"));
       // Every token of one answer shares iat and exp.
       if (i == 0) {
         iat = jwt_get_grant_int(jwt.get(), "iat");

@@ -1,5 +1,10 @@
 #include "config/SigningKey.h"
 
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
 #include <stdexcept>
 
 #include "config/Configuration.h"
@@ -22,9 +27,19 @@ constexpr int kLineCertificateUnreadable = 373;
 // Guarded by the configuration lock.
 std::string g_signing_key;
 std::string g_signing_certificate;
+SigningPkey g_signing_pkey;
 
 [[noreturn]] void Stop(int line) {
   Panic("NOT_IMPLEMENTED %s:%d\n", kSourcePath, line);
+}
+
+// ParsePrivateKey parses |pem| once, so that signing a token needs no PEM
+// decoding and reuses the key's blinding state; null when it does not parse.
+SigningPkey ParsePrivateKey(const std::string& pem) {
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  EVP_PKEY* key = bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr;
+  ERR_clear_error();
+  return key != nullptr ? SigningPkey(key, EVP_PKEY_free) : nullptr;
 }
 
 }  // namespace
@@ -108,9 +123,14 @@ void EnsureSigningKey() {
       Stop(kLineCertificateUnreadable);
     }
   }
+  SigningPkey pkey = ParsePrivateKey(key);
+  if (pkey == nullptr) {
+    Log_Level(kLogError, "The report signing private key does not parse\n");
+  }
   MXUser::WriteGuard guard(ConfigLock());
   g_signing_key = std::move(key);
   g_signing_certificate = std::move(certificate);
+  g_signing_pkey = std::move(pkey);
 }
 
 bool GetSigningKey(std::string& out_key) {
@@ -125,10 +145,16 @@ bool GetSigningCertificate(std::string& out_certificate) {
   return !out_certificate.empty();
 }
 
+SigningPkey GetSigningPkey() {
+  MXUser::ReadGuard guard(ConfigLock());
+  return g_signing_pkey;
+}
+
 void ResetSigningKeyForTesting() {
   MXUser::WriteGuard guard(ConfigLock());
   g_signing_key.clear();
   g_signing_certificate.clear();
+  g_signing_pkey.reset();
 }
 
 }  // namespace Witnessd::Config

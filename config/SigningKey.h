@@ -2,9 +2,16 @@
 // "certificate" record and held in memory, guarded by the configuration lock.
 #pragma once
 
+#include <memory>
 #include <string>
 
+typedef struct evp_pkey_st EVP_PKEY;
+
 namespace Witnessd::Config {
+
+// The parsed report-signing private key, shared by every token signed with
+// it; a new pair replaces the pointer, never the key it points to.
+using SigningPkey = std::shared_ptr<EVP_PKEY>;
 
 // EnsureSigningKey loads the stored pair into memory, generating and storing
 // one first only when no record exists. A record that cannot be read (store
@@ -18,6 +25,9 @@ void EnsureSigningKey();
 // while it is empty (before EnsureSigningKey has run).
 bool GetSigningKey(std::string& out_key);
 bool GetSigningCertificate(std::string& out_certificate);
+// GetSigningPkey returns the key held in memory, parsed once when the pair
+// was loaded; null while there is none.
+SigningPkey GetSigningPkey();
 
 // SaveSigningKey writes the pair into the "certificate" record; false when the
 // store fails.

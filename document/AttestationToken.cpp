@@ -2,11 +2,14 @@
 
 #include <errno.h>
 #include <jansson.h>
-#include <jwt.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "config/SigningKey.h"
 #include "daemon/log/Assert.h"
@@ -25,36 +28,46 @@ constexpr uint32_t kValiditySpreadMinutes = 60;
 
 std::atomic<int64_t> g_validity_seconds{0};
 
-struct JwtDeleter {
-  void operator()(jwt_t* jwt) const { jwt_free(jwt); }
-};
 struct JsonDeleter {
   void operator()(json_t* json) const { json_decref(json); }
 };
 struct FreeDeleter {
   void operator()(char* p) const { free(p); }
 };
+using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
 
-// PropertiesJson renders {"attested_properties": [...]} compactly.
-bool PropertiesJson(const std::vector<std::string>& properties, std::string& out) {
-  std::unique_ptr<json_t, JsonDeleter> array(json_array());
-  std::unique_ptr<json_t, JsonDeleter> object(json_object());
-  if (array == nullptr || object == nullptr) {
+// The JOSE header of every token, as the JWT library writes it for RS256.
+constexpr std::string_view kHeader = R"({"alg":"RS256","typ":"JWT"})";
+
+// Base64Url encodes |data| in the URL-safe alphabet without padding.
+std::string Base64Url(std::string_view data) {
+  std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
+  int len = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                            reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()));
+  out.resize(static_cast<size_t>(len));
+  while (!out.empty() && out.back() == '=') {
+    out.pop_back();
+  }
+  std::replace(out.begin(), out.end(), '+', '-');
+  std::replace(out.begin(), out.end(), '/', '_');
+  return out;
+}
+
+// SignRs256 signs |input| with PKCS#1 v1.5 and SHA-256.
+bool SignRs256(EVP_PKEY* key, const std::string& input, std::string& out_signature) {
+  std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  size_t len = 0;
+  bool ok = ctx != nullptr && EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+            EVP_DigestSign(ctx.get(), nullptr, &len, nullptr, 0) == 1;
+  std::string signature(len, '\0');
+  ok = ok && EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &len,
+                            reinterpret_cast<const unsigned char*>(input.data()), input.size()) == 1;
+  ERR_clear_error();
+  if (!ok) {
     return false;
   }
-  for (const std::string& p : properties) {
-    if (json_array_append_new(array.get(), json_string(p.c_str())) != 0) {
-      return false;
-    }
-  }
-  if (json_object_set(object.get(), "attested_properties", array.get()) != 0) {
-    return false;
-  }
-  std::unique_ptr<char, FreeDeleter> text(json_dumps(object.get(), JSON_COMPACT));
-  if (text == nullptr) {
-    return false;
-  }
-  out = text.get();
+  signature.resize(len);
+  out_signature = std::move(signature);
   return true;
 }
 
@@ -73,62 +86,66 @@ int64_t TokenValiditySeconds() {
   return validity;
 }
 
-bool CreateJwt(const std::string& key_pem, int64_t iat, int64_t exp, bool with_audience,
-               const Tpm2::AttestationOutcome& outcome, std::string& out_token) {
-  jwt_t* raw = nullptr;
-  VERIFY(jwt_new(&raw) == 0);
-  std::unique_ptr<jwt_t, JwtDeleter> jwt(raw);
-  VERIFY(jwt_add_grant_int(jwt.get(), "iat", iat) == 0);
-  VERIFY(jwt_add_grant_int(jwt.get(), "exp", exp) == 0);
+bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
+               std::string& out_token) {
+  JsonPtr claims(json_object());
+  VERIFY(claims != nullptr);
+  VERIFY(json_object_set_new(claims.get(), "iat", json_integer(iat)) == 0);
+  VERIFY(json_object_set_new(claims.get(), "exp", json_integer(exp)) == 0);
 
   std::string host = Hostinfo_HostName();
   if (host.empty()) {
     Log_Level(kLogError, "Failed get the hostname for %s field in JWT\n", "iss");
     return false;
   }
-  if (jwt_add_grant(jwt.get(), "iss", (host + kIssuerSuffix).c_str()) != 0) {
+  if (json_object_set_new(claims.get(), "iss", json_string((host + kIssuerSuffix).c_str())) != 0) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "iss");
     return false;
   }
-  if (with_audience && jwt_add_grant(jwt.get(), "aud", kAudience) != 0) {
+  if (with_audience && json_object_set_new(claims.get(), "aud", json_string(kAudience)) != 0) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "aud");
     return false;
   }
-  int rc = jwt_set_alg(jwt.get(), JWT_ALG_RS256, reinterpret_cast<const unsigned char*>(key_pem.data()),
-                       static_cast<int>(key_pem.size()));
-  if (rc != 0) {
-    Log_Level(kLogError, "Failed to set JWT signing algorithm to RS256: %d\n", rc);
-    return false;
-  }
-  if (jwt_add_grant(jwt.get(), "os", outcome.software_type.c_str()) != 0 ||
-      jwt_add_grant(jwt.get(), "os_version", outcome.software_version.c_str()) != 0) {
+  if (json_object_set_new(claims.get(), "os", json_string(outcome.software_type.c_str())) != 0 ||
+      json_object_set_new(claims.get(), "os_version", json_string(outcome.software_version.c_str())) != 0) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "os");
     return false;
   }
-  std::string properties;
-  if (!PropertiesJson(outcome.attested_properties, properties)) {
+  JsonPtr properties(json_array());
+  for (const std::string& p : outcome.attested_properties) {
+    if (properties == nullptr || json_array_append_new(properties.get(), json_string(p.c_str())) != 0) {
+      Log_Level(kLogError, "Failed to add %s to JWT\n", "attested_properties");
+      return false;
+    }
+  }
+  if (properties == nullptr || json_object_set(claims.get(), "attested_properties", properties.get()) != 0) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "attested_properties");
     return false;
   }
-  Log_Level(kLogVerbose, "Attested properties: %s\n", properties.c_str());
-  if (jwt_add_grants_json(jwt.get(), properties.c_str()) != 0) {
-    Log_Level(kLogError, "Failed to add %s to JWT\n", "attested_properties");
-    return false;
+  if (Log_IsEnabled(kLogVerbose)) {
+    std::unique_ptr<char, FreeDeleter> text(json_dumps(properties.get(), JSON_COMPACT));
+    Log_Level(kLogVerbose, "Attested properties: {\"attested_properties\":%s}\n", text ? text.get() : "");
   }
-  errno = 0;
-  std::unique_ptr<char, FreeDeleter> token(jwt_encode_str(jwt.get()));
-  if (token == nullptr) {
+  // Sorted keys, compact: the claims read exactly as the JWT library writes
+  // them, so relying parties see the same bytes as before.
+  std::unique_ptr<char, FreeDeleter> payload(json_dumps(claims.get(), JSON_COMPACT | JSON_SORT_KEYS));
+  std::string signature;
+  std::string token;
+  if (payload != nullptr) {
+    token = Base64Url(kHeader) + "." + Base64Url(payload.get());
+  }
+  if (payload == nullptr || key == nullptr || !SignRs256(key, token, signature)) {
     Log_Level(kLogError, "Failed to encode JWT: %d\n", errno);
     return false;
   }
-  out_token = token.get();
+  out_token = token + "." + Base64Url(signature);
   return true;
 }
 
 bool GenerateDocuments(const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome,
                        std::vector<SignedDocument>& out_documents) {
-  std::string key;
-  if (!Config::GetSigningKey(key) || key.empty()) {
+  Config::SigningPkey key = Config::GetSigningPkey();
+  if (key == nullptr) {
     Log_Level(kLogError, "Signing key is not configured\n");
     return false;
   }
@@ -140,12 +157,12 @@ bool GenerateDocuments(const std::vector<int>& types, const Tpm2::AttestationOut
   for (int type : types) {
     std::string token;
     if (type == kKmsAuthJwt) {
-      if (!CreateJwt(key, iat, exp, true, outcome, token)) {
+      if (!CreateJwt(key.get(), iat, exp, true, outcome, token)) {
         Log_Level(kLogError, "Failed to generate KMS_AUTH_JWT\n");
         return false;
       }
     } else if (type == kReportingJwt) {
-      if (!CreateJwt(key, iat, exp, false, outcome, token)) {
+      if (!CreateJwt(key.get(), iat, exp, false, outcome, token)) {
         Log_Level(kLogError, "Failed to generate REPORTING_JWT\n");
         return false;
       }

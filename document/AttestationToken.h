@@ -9,6 +9,8 @@
 
 #include "tpm2/Session.h"
 
+typedef struct evp_pkey_st EVP_PKEY;
+
 namespace Witnessd::Document {
 
 // Document types by their API enumeration value.
@@ -29,12 +31,14 @@ void SetTokenValiditySeconds(int64_t seconds);
 // random source, so that tokens issued together do not expire together.
 int64_t TokenValiditySeconds();
 
-// CreateJwt signs a token with |key_pem| (RSA private key, PEM): claims
+// CreateJwt signs a token (RS256) with the RSA private key |key|: claims
 // "iat", "exp", "iss" (host name + "/attestation"), "aud" ("orbd") when
 // |with_audience|, "os", "os_version" and "attested_properties" from
 // |outcome|. False (logged) on any failure; |out_token| is then unchanged.
-bool CreateJwt(const std::string& key_pem, int64_t iat, int64_t exp, bool with_audience,
-               const Tpm2::AttestationOutcome& outcome, std::string& out_token);
+// The claims are written compactly with sorted keys, as the JWT library
+// writes them.
+bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
+               std::string& out_token);
 
 // GenerateDocuments makes one token per known type in |types|, in order,
 // all with the same "iat" (now) and "exp"; unknown types are skipped. False

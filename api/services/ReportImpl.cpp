@@ -1,5 +1,9 @@
 #include "api/services/ReportImpl.h"
 
+#include <map>
+#include <mutex>
+#include <set>
+
 #include "api/errors/ErrorCatalogue.h"
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
@@ -25,16 +29,78 @@ constexpr const char* kTpmCertRequired = "com.quarro.hyv.attestation.report.tpm_
 constexpr const char* kUnknownTpm = "com.quarro.hyv.attestation.report.unknown_tpm";
 constexpr const char* kUnknownTpmCa = "com.quarro.hyv.attestation.report.unknown_tpm_ca";
 
-// IsConfiguredEk is true when |pem| digests to a key of the EK registry.
-bool IsConfiguredEk(const std::string& pem) {
+// EkDigestOf digests the white-space-free |pem|, the form the EK registry
+// and the sessions key EKs by. Empty when hashing fails (logged).
+Config::Tpm2::EkDigest EkDigestOf(const std::string& pem) {
   std::string canonical = pem;
   SslUtils::CanonicalizePem(canonical);
   std::vector<uint8_t> digest;
   if (!SslUtils::ComputeHash(canonical, digest)) {
     Log_Level(kLogError, "Failed to compute hash for endorsement key\n");
-    return false;
+    digest.clear();
   }
-  return Config::Tpm2::IsEkConfigured(digest);
+  return digest;
+}
+
+bool IsConfiguredEk(const Config::Tpm2::EkDigest& digest) {
+  return !digest.empty() && Config::Tpm2::IsEkConfigured(digest);
+}
+
+// Digests of configured EKs whose text has passed ValidatePemKey. Whether a
+// text is a valid key depends only on its white-space-free form, so each
+// configured key is parsed once, not on every Report call; keys that are not
+// configured are not kept, which bounds the set by the registry's history.
+std::mutex g_valid_eks_mutex;
+std::set<Config::Tpm2::EkDigest> g_valid_eks;
+
+bool IsKnownValidEk(const Config::Tpm2::EkDigest& digest) {
+  std::lock_guard<std::mutex> lock(g_valid_eks_mutex);
+  return g_valid_eks.count(digest) != 0;
+}
+
+void RememberValidEk(const Config::Tpm2::EkDigest& digest) {
+  std::lock_guard<std::mutex> lock(g_valid_eks_mutex);
+  g_valid_eks.insert(digest);
+}
+
+// A presented EK certificate, parsed, with its public key in standard form.
+struct PresentedCert {
+  Orm::Common::ParsedCert cert;
+  std::string key;
+};
+
+// Certificates already presented, by the digest of their text: a host's
+// certificate is parsed once, not on each Report call of its session. Only
+// certificates that parse are kept, at most kMaxPresentedCerts of them (the
+// whole set is dropped when full).
+constexpr size_t kMaxPresentedCerts = 1024;
+std::mutex g_presented_mutex;
+std::map<std::vector<uint8_t>, PresentedCert> g_presented;
+
+// ParsePresentedCert gives the parsed |pem| and its key; null cert when it is
+// not a certificate with a readable key.
+PresentedCert ParsePresentedCert(const std::string& pem) {
+  std::vector<uint8_t> digest;
+  bool hashed = SslUtils::ComputeHash(pem, digest);
+  if (hashed) {
+    std::lock_guard<std::mutex> lock(g_presented_mutex);
+    auto it = g_presented.find(digest);
+    if (it != g_presented.end()) {
+      return it->second;
+    }
+  }
+  PresentedCert parsed{SslUtils::ParsePemCert(pem), ""};
+  if (parsed.cert == nullptr || !SslUtils::ExtractKeyFromCert(parsed.cert.get(), parsed.key)) {
+    return {};
+  }
+  if (hashed) {
+    std::lock_guard<std::mutex> lock(g_presented_mutex);
+    if (g_presented.size() >= kMaxPresentedCerts) {
+      g_presented.clear();
+    }
+    g_presented.emplace(std::move(digest), parsed);
+  }
+  return parsed;
 }
 
 // IdentifyEk establishes, from the TPM settings, that the host's EK is one
@@ -61,36 +127,43 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
     return Errors::Error(kTpmCertRequired);
   }
   if (ek.certificate) {
-    std::string key;
-    if (!SslUtils::ValidatePemCert(*ek.certificate) || !SslUtils::ExtractKeyFromCert(*ek.certificate, key)) {
+    PresentedCert presented = ParsePresentedCert(*ek.certificate);
+    if (presented.cert == nullptr) {
       Log_Level(kLogError, "Invalid EK certificate format\n");
       return StdErrors::InvalidArgument({});
     }
+    const std::string& key = presented.key;
     out_ek_pem = key;
     if (require_validation) {
-      Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
+      Orm::Common::TrustStore cas = Config::Tpm2::GetCaTrustStore();
       if (cas == nullptr) {
         Log_Level(kLogError, "Error getting all configured CA certificates for EK validation\n");
       }
-      if (cas == nullptr || !SslUtils::ValidateCertChain({*ek.certificate}, *cas, false)) {
+      if (cas == nullptr || !SslUtils::ValidateEkCert(presented.cert.get(), cas.get())) {
         Log_Level(kLogError, "Failed to validate EK certificate with configured CAs\n");
         return Errors::Error(kUnknownTpmCa);
       }
     }
-    if (require_eks && !IsConfiguredEk(key)) {
+    if (require_eks && !IsConfiguredEk(EkDigestOf(key))) {
       Log_Level(kLogError, "Failed to validate EK certificate with configured EKs\n");
       return Errors::Error(kUnknownTpm);
     }
+    return std::nullopt;
+  }
+  Config::Tpm2::EkDigest digest = EkDigestOf(*ek.public_key);
+  bool configured = IsConfiguredEk(digest);
+  if (configured && IsKnownValidEk(digest)) {
     return std::nullopt;
   }
   if (!SslUtils::ValidatePemKey(*ek.public_key)) {
     Log_Level(kLogError, "Invalid EK public key format\n");
     return StdErrors::InvalidArgument({});
   }
-  if (!IsConfiguredEk(*ek.public_key)) {
+  if (!configured) {
     Log_Level(kLogError, "Failed to validate EK Pub with configured EKs\n");
     return Errors::Error(kUnknownTpm);
   }
+  RememberValidEk(digest);
   return std::nullopt;
 }
 

@@ -1,5 +1,7 @@
 #include "config/tpm2/CaCertificates.h"
 
+#include <mutex>
+
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 
@@ -17,6 +19,15 @@ constexpr const char* kChainSubObject = "cert_chain";
 
 // Guarded by the configuration lock; the list it points to is immutable.
 CaCertList g_all_ca = std::make_shared<const std::vector<std::string>>();
+
+// The trust store of the list it was built from. Holding that list keeps its
+// address from being reused, so comparing addresses tells a changed list.
+struct ParsedCas {
+  CaCertList list;
+  Orm::Common::TrustStore store;
+};
+std::mutex g_parsed_mutex;
+ParsedCas g_parsed;  // guarded by g_parsed_mutex
 
 std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
   return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
@@ -166,6 +177,27 @@ CaCertList GetAllCaCertificates() {
   }
   g_all_ca = std::move(all);
   return g_all_ca;
+}
+
+Orm::Common::TrustStore GetCaTrustStore() {
+  CaCertList list = GetAllCaCertificates();
+  if (list == nullptr) {
+    return nullptr;
+  }
+  {
+    std::lock_guard<std::mutex> lock(g_parsed_mutex);
+    if (g_parsed.list == list) {
+      return g_parsed.store;
+    }
+  }
+  // Parsed outside the lock; a thread that built the same list meanwhile
+  // only wastes its work.
+  Orm::Common::TrustStore store = SslUtils::BuildTrustStore(*list);
+  if (store != nullptr) {
+    std::lock_guard<std::mutex> lock(g_parsed_mutex);
+    g_parsed = {list, store};
+  }
+  return store;
 }
 
 void ResetCaCache() {

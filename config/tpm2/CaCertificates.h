@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "config/Configuration.h"
+#include "platform/ssl/SslUtils.h"
 
 namespace Witnessd::Config::Tpm2 {
 
@@ -31,6 +32,11 @@ ConfigResult DeleteCaCertificates(const std::string& name);
 // does not parse left out whole. Null when the store cannot be read; an empty
 // list when no chain is configured.
 CaCertList GetAllCaCertificates();
+
+// GetCaTrustStore returns the all-CA list parsed into a trust store, built
+// once per published list, so every change of the list (add, delete, load,
+// import, restore) gives a new store. Null when the list cannot be read.
+Orm::Common::TrustStore GetCaTrustStore();
 
 // ResetCaCache replaces the all-CA list by an empty one. The caller holds the
 // configuration lock exclusively.

@@ -25,7 +25,6 @@ struct Deleter {
 using BioPtr = std::unique_ptr<BIO, Deleter<BIO_free_all>>;
 using PkeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
 using X509Ptr = std::unique_ptr<X509, Deleter<X509_free>>;
-using StorePtr = std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>>;
 using StoreCtxPtr = std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX_free>>;
 struct CertStackFree {
   void operator()(STACK_OF(X509)* s) const { sk_X509_free(s); }
@@ -210,13 +209,23 @@ bool SslUtils::ValidatePemKey(const std::string& pem) {
 }
 
 bool SslUtils::ValidatePemCert(const std::string& pem) {
+  return ParsePemCert(pem) != nullptr;
+}
+
+ParsedCert SslUtils::ParsePemCert(const std::string& pem) {
   X509Ptr cert = ParseCert(pem);
-  return cert && X509_get0_pubkey(cert.get()) != nullptr;
+  bool has_key = cert && X509_get0_pubkey(cert.get()) != nullptr;
+  ERR_clear_error();
+  return has_key ? ParsedCert(cert.release(), X509_free) : nullptr;
 }
 
 bool SslUtils::ExtractKeyFromCert(const std::string& cert_pem, std::string& out_key) {
   X509Ptr cert = ParseCert(cert_pem);
-  EVP_PKEY* key = cert ? X509_get0_pubkey(cert.get()) : nullptr;
+  return cert && ExtractKeyFromCert(cert.get(), out_key);
+}
+
+bool SslUtils::ExtractKeyFromCert(X509* cert, std::string& out_key) {
+  EVP_PKEY* key = X509_get0_pubkey(cert);
   ERR_clear_error();
   return key != nullptr && WritePubKey(key, out_key);
 }
@@ -234,7 +243,7 @@ bool SslUtils::ValidateCertChain(const std::vector<std::string>& chain, const st
   }
   std::vector<X509Ptr> certs;
   CertStackPtr untrusted(sk_X509_new_null());
-  StorePtr store(X509_STORE_new());
+  TrustStore store = BuildTrustStore(trusted);
   if (!untrusted || !store) {
     return false;
   }
@@ -244,12 +253,6 @@ bool SslUtils::ValidateCertChain(const std::vector<std::string>& chain, const st
       return false;
     }
     certs.push_back(std::move(cert));
-  }
-  for (const std::string& pem : trusted) {
-    X509Ptr cert = ParseCert(pem);
-    if (!cert || X509_STORE_add_cert(store.get(), cert.get()) != 1) {
-      ERR_clear_error();  // a certificate already in the store is not an error
-    }
   }
   if (!is_ca_chain) {
     return Verify(store.get(), certs[0].get(), untrusted.get());
@@ -264,6 +267,25 @@ bool SslUtils::ValidateCertChain(const std::vector<std::string>& chain, const st
   return std::all_of(certs.begin(), certs.end(), [&](const X509Ptr& cert) {
     return X509_check_ca(cert.get()) != 0 && Verify(store.get(), cert.get(), untrusted.get());
   });
+}
+
+TrustStore SslUtils::BuildTrustStore(const std::vector<std::string>& trusted) {
+  TrustStore store(X509_STORE_new(), X509_STORE_free);
+  if (!store) {
+    return nullptr;
+  }
+  for (const std::string& pem : trusted) {
+    X509Ptr cert = ParseCert(pem);
+    if (!cert || X509_STORE_add_cert(store.get(), cert.get()) != 1) {
+      ERR_clear_error();  // a certificate already in the store is not an error
+    }
+  }
+  return store;
+}
+
+bool SslUtils::ValidateEkCert(X509* cert, X509_STORE* trusted) {
+  CertStackPtr untrusted(sk_X509_new_null());
+  return untrusted && sk_X509_push(untrusted.get(), cert) && Verify(trusted, cert, untrusted.get());
 }
 
 bool SslUtils::CheckNoCaCertDups(const std::vector<std::string>& certs) {

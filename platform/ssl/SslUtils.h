@@ -4,10 +4,19 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+typedef struct x509_st X509;
+typedef struct x509_store_st X509_STORE;
+
 namespace Orm::Common {
+
+// A parsed certificate, and a parsed set of trust anchors: built once and
+// shared by many verifications (OpenSSL allows concurrent use of both).
+using ParsedCert = std::shared_ptr<X509>;
+using TrustStore = std::shared_ptr<X509_STORE>;
 
 class SslUtils {
  public:
@@ -41,6 +50,10 @@ class SslUtils {
   // ExtractKeyFromCert sets |out_key| to the certificate's public key in the
   // StandardizePemPubKey form.
   static bool ExtractKeyFromCert(const std::string& cert_pem, std::string& out_key);
+  // ParsePemCert parses what ValidatePemCert accepts; null otherwise. The
+  // overload of ExtractKeyFromCert takes such a parsed certificate.
+  static ParsedCert ParsePemCert(const std::string& pem);
+  static bool ExtractKeyFromCert(X509* cert, std::string& out_key);
   // ComparePemKeys is true when both texts parse and hold the same public key.
   static bool ComparePemKeys(const std::string& a, const std::string& b);
 
@@ -55,6 +68,11 @@ class SslUtils {
   //   inside |chain|, in any order. An empty |trusted| is allowed then.
   static bool ValidateCertChain(const std::vector<std::string>& chain, const std::vector<std::string>& trusted,
                                 bool is_ca_chain);
+  // BuildTrustStore parses |trusted| once (entries that do not parse are left
+  // out); ValidateEkCert then checks |cert| against it exactly as
+  // ValidateCertChain({cert}, trusted, false) does, times included.
+  static TrustStore BuildTrustStore(const std::vector<std::string>& trusted);
+  static bool ValidateEkCert(X509* cert, X509_STORE* trusted);
   // CheckNoCaCertDups is false when two entries of |certs| hold the same
   // certificate (compared by DER encoding) or one does not parse.
   static bool CheckNoCaCertDups(const std::vector<std::string>& certs);

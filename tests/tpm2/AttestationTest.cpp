@@ -15,6 +15,7 @@
 #include "platform/Hearth.h"
 #include "platform/Log.h"
 #include "platform/System.h"
+#include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
 #include "tests/support/TokenCheck.h"
 #include "tests/tpm2/InProcessReport.h"
@@ -101,13 +102,20 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
     bool txt;
     std::vector<std::string> types;
     const char* properties;
+    bool new_signing_pair;  // stored and loaded first: tokens verify with its certificate
   } kCases[] = {
-      {"no TXT, one token", false, {"KMS_AUTH_JWT"}, R"(["secure_boot"])"},
-      {"TXT, both tokens", true, {"KMS_AUTH_JWT", "REPORTING_JWT"}, R"(["secure_boot","txt","drtm"])"},
-      {"reporting only", false, {"REPORTING_JWT"}, R"(["secure_boot"])"},
+      {"no TXT, one token", false, {"KMS_AUTH_JWT"}, R"(["secure_boot"])", false},
+      {"TXT, both tokens", true, {"KMS_AUTH_JWT", "REPORTING_JWT"}, R"(["secure_boot","txt","drtm"])", false},
+      {"reporting only, new signing pair", false, {"REPORTING_JWT"}, R"(["secure_boot"])", true},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
+    if (c.new_signing_pair) {
+      std::string key, cert;
+      ASSERT_TRUE(Orm::Common::SslUtils::GenerateKeyAndCert(key, cert));
+      ASSERT_TRUE(Config::SaveSigningKey(cert, key));
+      Config::EnsureSigningKey();
+    }
     Agent::AttestOptions options;
     options.boot.txt = c.txt;
     options.document_types = c.types;
@@ -132,12 +140,7 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
       std::unique_ptr<char, decltype(&free)> props(jwt_get_grants_json(jwt.get(), "attested_properties"), free);
       ASSERT_NE(nullptr, props);
       EXPECT_STREQ(c.properties, props.get());
-      const char* aud = jwt_get_grant(jwt.get(), "aud");
-      if (c.types[i] == "KMS_AUTH_JWT") {
-        EXPECT_STREQ("orbd", aud);
-      } else {
-        EXPECT_EQ(nullptr, aud);
-      }
+      EXPECT_STREQ(c.types[i] == "KMS_AUTH_JWT" ? "orbd" : nullptr, jwt_get_grant(jwt.get(), "aud"));
       // Every token of one answer shares iat and exp.
       if (i == 0) {
         iat = jwt_get_grant_int(jwt.get(), "iat");

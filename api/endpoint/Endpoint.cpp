@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -352,7 +352,7 @@ class HandlerAllocator {
   using value_type = T;
   explicit HandlerAllocator(HandlerMemory* memory) : memory_(memory) {}
   template <typename U>
-  HandlerAllocator(const HandlerAllocator<U>& other) : memory_(other.memory_) {}  // NOLINT: rebinding
+  HandlerAllocator(const HandlerAllocator<U>& other) : memory_(other.memory_) {}  // implicit: asio rebinds
   T* allocate(size_t n) { return static_cast<T*>(memory_->Allocate(sizeof(T) * n)); }
   void deallocate(T* p, size_t) { memory_->Deallocate(p); }
   bool operator==(const HandlerAllocator& other) const { return memory_ == other.memory_; }

@@ -43,6 +43,9 @@ class Conversation {
       out->set_session_id(in.session_id() ^ 0x5A5A5A5A5A5A5A5AULL);
     }
     for (const Context::Message& m : in.messages()) {
+      if (options_.withhold_quote && m.has_quote_request() && !m.has_event_log_request()) {
+        continue;
+      }
       Context::Message* answer = out->add_messages();
       if (m.has_create_ak_request() && !AnswerCreateAk(m.create_ak_request(), answer)) {
         return false;

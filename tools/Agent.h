@@ -57,6 +57,9 @@ struct AttestOptions {
   // Stop after this many turns (0: run to the end); for tests that hold
   // sessions open.
   int max_turns = 0;
+  // Answer a quote request with nothing, only the event log request: the
+  // daemon's session then holds the log while it waits for the quote.
+  bool withhold_quote = false;
   std::string content_type = "application/vnd.quarro.lumen.cleanjson";
 };
 

@@ -75,11 +75,21 @@ class HostTpm {
 // control channel on |port| + 1. Returns nullptr (and |error|) on failure.
 std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error);
 
+// EkIssuer is a CA that gives software hosts EK certificates: its key and
+// certificate, PEM.
+struct EkIssuer {
+  std::string key_pem;
+  std::string certificate_pem;
+};
+
 // MakeSoftwareHost gives a host TPM done in software: fresh OpenSSL keys,
-// software credential activation and quote signing, no EK certificate. With
-// |reuse_ak| every CreateAk after the first keeps the first AK's key, which
-// spares load tests an RSA key generation per attestation.
-std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak = false);
+// software credential activation and quote signing. With |reuse_ak| every
+// CreateAk after the first keeps the first AK's key, which spares load tests
+// an RSA key generation per attestation. With |issuer| the host's EK has a
+// certificate that |issuer| signed, so a daemon that trusts that CA accepts
+// any number of hosts; without it the host has no EK certificate. Returns
+// nullptr when the issuer's PEM does not parse.
+std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak = false, const EkIssuer* issuer = nullptr);
 
 // EkPublicPem converts an RSA TPM2B_PUBLIC to a PEM SubjectPublicKeyInfo.
 bool EkPublicPem(const Bytes& tpm2b_public, std::string* out);

@@ -5,7 +5,10 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <openssl/x509.h>
 #include <tss2/tss2_mu.h>
 
 #include <algorithm>
@@ -72,6 +75,49 @@ class SoftwareHost : public HostTpm {
     Boot();
   }
 
+  // IssueEkCertificate has |issuer| certify the EK; false when the issuer's
+  // PEM does not parse or signing fails.
+  bool IssueEkCertificate(const EkIssuer& issuer) {
+    using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+    using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
+    BioPtr key_bio(BIO_new_mem_buf(issuer.key_pem.data(), static_cast<int>(issuer.key_pem.size())), BIO_free);
+    BioPtr cert_bio(BIO_new_mem_buf(issuer.certificate_pem.data(), static_cast<int>(issuer.certificate_pem.size())),
+                    BIO_free);
+    if (key_bio == nullptr || cert_bio == nullptr || ek_ == nullptr) {
+      return false;
+    }
+    PkeyPtr ca_key(PEM_read_bio_PrivateKey(key_bio.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    X509Ptr ca_cert(PEM_read_bio_X509(cert_bio.get(), nullptr, nullptr, nullptr), X509_free);
+    X509Ptr cert(X509_new(), X509_free);
+    if (ca_key == nullptr || ca_cert == nullptr || cert == nullptr) {
+      return false;
+    }
+    uint8_t serial[16];
+    std::unique_ptr<BIGNUM, decltype(&BN_free)> serial_bn(nullptr, BN_free);
+    if (RAND_bytes(serial, sizeof(serial)) != 1) {
+      return false;
+    }
+    serial[0] &= 0x7F;  // a positive serial number
+    serial_bn.reset(BN_bin2bn(serial, sizeof(serial), nullptr));
+    X509_NAME* subject = X509_get_subject_name(cert.get());
+    bool ok = serial_bn != nullptr && X509_set_version(cert.get(), X509_VERSION_3) == 1 &&
+              BN_to_ASN1_INTEGER(serial_bn.get(), X509_get_serialNumber(cert.get())) != nullptr &&
+              X509_set_issuer_name(cert.get(), X509_get_subject_name(ca_cert.get())) == 1 &&
+              X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
+                                         reinterpret_cast<const unsigned char*>("software host EK"), -1, -1, 0) == 1 &&
+              X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr &&
+              X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365L * 24 * 3600) != nullptr &&
+              X509_set_pubkey(cert.get(), ek_.get()) == 1 && X509_sign(cert.get(), ca_key.get(), EVP_sha256()) > 0;
+    BioPtr out(BIO_new(BIO_s_mem()), BIO_free);
+    if (!ok || out == nullptr || PEM_write_bio_X509(out.get(), cert.get()) != 1) {
+      return false;
+    }
+    char* text = nullptr;
+    long text_len = BIO_get_mem_data(out.get(), &text);
+    ek_certificate_pem_.assign(text, static_cast<size_t>(text_len));
+    return true;
+  }
+
   bool Boot() override {
     for (size_t i = 0; i < pcrs_.size(); ++i) {
       // The dynamic launch PCRs hold all ones until a launch resets them.
@@ -108,7 +154,13 @@ class SoftwareHost : public HostTpm {
     return Marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, pub, out);
   }
 
-  bool EkCertificatePem(std::string* out) override { return Fail("a software host has no EK certificate"); }
+  bool EkCertificatePem(std::string* out) override {
+    if (ek_certificate_pem_.empty()) {
+      return Fail("this software host has no EK certificate");
+    }
+    *out = ek_certificate_pem_;
+    return true;
+  }
 
   bool CreateAk(const Bytes& ak_template, const Bytes& outside_info, Bytes* out) override {
     TPM2B_PUBLIC pub = {};
@@ -348,6 +400,7 @@ class SoftwareHost : public HostTpm {
   bool reuse_ak_;
   PkeyPtr ek_;
   PkeyPtr ak_;
+  std::string ek_certificate_pem_;
   Bytes ak_name_;
   std::array<Bytes, 24> pcrs_;
   uint64_t clock_ = 1000;
@@ -355,6 +408,12 @@ class SoftwareHost : public HostTpm {
 
 }  // namespace
 
-std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak) { return std::make_unique<SoftwareHost>(reuse_ak); }
+std::unique_ptr<HostTpm> MakeSoftwareHost(bool reuse_ak, const EkIssuer* issuer) {
+  auto host = std::make_unique<SoftwareHost>(reuse_ak);
+  if (issuer != nullptr && !host->IssueEkCertificate(*issuer)) {
+    return nullptr;
+  }
+  return host;
+}
 
 }  // namespace Witnessd::Agent

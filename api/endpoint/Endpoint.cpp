@@ -5,8 +5,10 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -298,43 +300,153 @@ struct Endpoint::Shared {
 
 namespace {
 
+// Every connection's handlers run on its own strand, made once when the
+// connection is accepted; the concrete executor type spares each operation
+// the type-erased executor's dispatch.
+using Strand = asio::strand<asio::io_context::executor_type>;
+using Socket = tcp::socket::rebind_executor<Strand>::other;
+using Stream = beast::basic_stream<tcp, Strand>;
+
+// HandlerMemory recycles the memory of one connection's asynchronous
+// operations: the same few blocks serve every read and write, so a warm
+// connection allocates nothing for them. A block is freed by whichever I/O
+// thread completes its operation, hence the atomic flags.
+class HandlerMemory {
+ public:
+  HandlerMemory() = default;
+  HandlerMemory(const HandlerMemory&) = delete;
+  HandlerMemory& operator=(const HandlerMemory&) = delete;
+
+  void* Allocate(size_t size) {
+    for (Block& b : blocks_) {
+      if (size <= sizeof(b.storage) && !b.used.exchange(true, std::memory_order_acquire)) {
+        return b.storage;
+      }
+    }
+    return ::operator new(size);
+  }
+
+  void Deallocate(void* p) {
+    for (Block& b : blocks_) {
+      if (p == b.storage) {
+        b.used.store(false, std::memory_order_release);
+        return;
+      }
+    }
+    ::operator delete(p);
+  }
+
+ private:
+  // Four blocks cover the nested operations of a read or a write (the
+  // message operation, its stream operation and the socket's).
+  struct Block {
+    alignas(std::max_align_t) unsigned char storage[1024];
+    std::atomic<bool> used{false};
+  };
+  std::array<Block, 4> blocks_;
+};
+
+template <typename T>
+class HandlerAllocator {
+ public:
+  using value_type = T;
+  explicit HandlerAllocator(HandlerMemory* memory) : memory_(memory) {}
+  template <typename U>
+  HandlerAllocator(const HandlerAllocator<U>& other) : memory_(other.memory_) {}  // implicit: asio rebinds
+  T* allocate(size_t n) { return static_cast<T*>(memory_->Allocate(sizeof(T) * n)); }
+  void deallocate(T* p, size_t) { memory_->Deallocate(p); }
+  bool operator==(const HandlerAllocator& other) const { return memory_ == other.memory_; }
+  bool operator!=(const HandlerAllocator& other) const { return memory_ != other.memory_; }
+
+ private:
+  template <typename>
+  friend class HandlerAllocator;
+  HandlerMemory* memory_;
+};
+
+// WithMemory gives |handler| the connection's recycled memory for the
+// operations it completes.
+template <typename Handler>
+class WithMemory {
+ public:
+  using allocator_type = HandlerAllocator<char>;
+  WithMemory(HandlerMemory* memory, Handler handler) : memory_(memory), handler_(std::move(handler)) {}
+  allocator_type get_allocator() const noexcept { return allocator_type(memory_); }
+  template <typename... Args>
+  void operator()(Args&&... args) {
+    handler_(std::forward<Args>(args)...);
+  }
+
+ private:
+  HandlerMemory* memory_;
+  Handler handler_;
+};
+
 // HttpSession serves one connection. Every handler runs on the connection's
-// strand; a call's result may come from any thread and is posted back.
+// strand; a call's result may come from any thread and is posted back. The
+// one reference that keeps the session alive, |self|, is moved from each
+// step to the next rather than copied.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
-  HttpSession(tcp::socket socket, std::shared_ptr<Endpoint::Shared> shared)
+  using Self = std::shared_ptr<HttpSession>;
+
+  HttpSession(Socket socket, std::shared_ptr<Endpoint::Shared> shared)
       : stream_(std::move(socket)), shared_(std::move(shared)) {
     ++shared_->connections;
   }
   ~HttpSession() { --shared_->connections; }
 
-  void Run() {
-    asio::dispatch(stream_.get_executor(), beast::bind_front_handler(&HttpSession::DoReadHeader, shared_from_this()));
+  static void Run(Self self) {
+    HttpSession* session = self.get();
+    asio::dispatch(session->stream_.get_executor(),
+                   session->Bind([self = std::move(self)]() mutable { self->DoReadHeader(std::move(self)); }));
   }
 
   // Answer delivers a call's result on the strand.
-  void Answer(Lumen::JsonRpc::Call call, ContentType type, Lumen::Provider::MethodResult result) {
-    CountCall(call, result);
-    asio::post(stream_.get_executor(), [self = shared_from_this(), call = std::move(call), type = std::move(type),
-                                        result = std::move(result)]() mutable {
-      auto types = self->shared_->provider->Types();
-      std::string body = Lumen::JsonRpc::ResultBody(call, result, type.decorated, types.get());
-      self->WriteResponse(http::status::ok, type.value, std::move(body), type.streaming, nullptr);
-    });
+  static void Answer(Self self, Lumen::JsonRpc::Call call, ContentType type, Lumen::Provider::MethodResult result) {
+    HttpSession* session = self.get();
+    asio::post(session->stream_.get_executor(),
+               session->Bind([self = std::move(self), call = std::move(call), type = std::move(type),
+                              result = std::move(result)]() mutable {
+                 self->CountCall(call, result);
+                 auto types = self->shared_->provider->Types();
+                 std::string body = Lumen::JsonRpc::ResultBody(call, result, type.decorated, types.get());
+                 HttpSession* to = self.get();
+                 to->WriteResponse(std::move(self), http::status::ok, type.value, std::move(body), type.streaming,
+                                   nullptr);
+               }));
   }
 
  private:
   Lumen::Log::Logger& Log() { return *shared_->logger; }
 
+  template <typename Handler>
+  WithMemory<Handler> Bind(Handler handler) {
+    return WithMemory<Handler>(&memory_, std::move(handler));
+  }
+
   // CountCall records one answered call: by operation and result kind, and
-  // its latency from the end of the request.
+  // its latency from the end of the request. A connection mostly repeats
+  // one operation, so the last counter found is kept.
   void CountCall(const Lumen::JsonRpc::Call& call, const Lumen::Provider::MethodResult& result) {
-    std::string kind = result.error ? Com::Quarro::Lumen::Std::Errors::KindName(result.error->kind) : "ok";
-    Metrics::GetCounter("witnessd_api_calls_total", "API calls answered, by operation and result.",
-                        {{"operation", OperationLabel(call, result)}, {"result", kind}})
-        .Inc();
-    Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.")
-        .Observe(std::chrono::duration<double>(std::chrono::steady_clock::now() - request_done_).count());
+    static Metrics::Histogram& latency =
+        Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.");
+    using Com::Quarro::Lumen::Std::Errors::Kind;
+    std::optional<Kind> kind;
+    if (result.error) {
+      kind = result.error->kind;
+    }
+    if (counter_ == nullptr || kind != counted_kind_ || call.service_id != counted_service_ ||
+        call.operation_id != counted_operation_) {
+      std::string kind_name = kind ? Com::Quarro::Lumen::Std::Errors::KindName(*kind) : "ok";
+      counter_ = &Metrics::GetCounter("witnessd_api_calls_total", "API calls answered, by operation and result.",
+                                      {{"operation", OperationLabel(call, result)}, {"result", kind_name}});
+      counted_kind_ = kind;
+      counted_service_ = call.service_id;
+      counted_operation_ = call.operation_id;
+    }
+    counter_->Inc();
+    latency.Observe(std::chrono::duration<double>(std::chrono::steady_clock::now() - request_done_).count());
   }
 
   // OperationLabel names the called operation; names a client makes up are
@@ -357,62 +469,66 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     return name;
   }
 
-  void DoReadHeader() {
+  void DoReadHeader(Self self) {
     parser_.emplace();  // fresh parser per request
     ConfigureParser(*parser_, shared_->body_limit);
     stream_.expires_after(shared_->read_timeout);
     http::async_read_header(stream_, buffer_, *parser_,
-                            beast::bind_front_handler(&HttpSession::OnReadHeader, shared_from_this()));
+                            Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
+                              self->OnReadHeader(std::move(self), ec);
+                            }));
   }
 
-  void OnReadHeader(beast::error_code ec, size_t) {
+  void OnReadHeader(Self self, beast::error_code ec) {
     if (ec == http::error::end_of_stream || ec == beast::error::timeout || ec == asio::error::operation_aborted ||
         ec == asio::error::connection_reset) {
       Close();
       return;
     }
     if (ec == http::error::body_limit) {
-      SendTooLarge();
+      SendTooLarge(std::move(self));
       return;
     }
     if (ec) {
       LUMEN_LOG(Log(), kLumenDebug) << "Request is considered as bad: " << ec.message();
-      SendFixed(kBadRequestReply, true);
+      SendFixed(std::move(self), kBadRequestReply, true);
       return;
     }
     const auto& req = parser_->get();
     keep_alive_ = WantsKeepAlive(req);
-    method_ = std::string(req.method_string());
+    method_.assign(req.method_string().data(), req.method_string().size());
     bool wants_continue = false;
     if (!ExpectationOk(req, &wants_continue)) {
       LUMEN_LOG(Log(), kLumenWarning) << "Invalid Http request: Expect header value is not 100-continue";
-      SendFixed(kExpectationFailedReply, false);
+      SendFixed(std::move(self), kExpectationFailedReply, false);
       return;
     }
     if (wants_continue && !parser_->is_done()) {
       stream_.expires_after(shared_->write_timeout);
       asio::async_write(stream_, asio::buffer(kContinueReply.data(), kContinueReply.size()),
-                        [self = shared_from_this()](beast::error_code ec, size_t) {
+                        Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
                           if (ec) {
                             LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to sent response head " << ec.message();
                             self->Close();
                             return;
                           }
-                          self->DoReadBody();
-                        });
+                          self->DoReadBody(std::move(self));
+                        }));
       return;
     }
-    DoReadBody();
+    DoReadBody(std::move(self));
   }
 
-  void DoReadBody() {
+  void DoReadBody(Self self) {
     stream_.expires_after(shared_->read_timeout);
-    http::async_read(stream_, buffer_, *parser_, beast::bind_front_handler(&HttpSession::OnReadBody, shared_from_this()));
+    http::async_read(stream_, buffer_, *parser_, Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
+                       self->OnReadBody(std::move(self), ec);
+                     }));
   }
 
-  void OnReadBody(beast::error_code ec, size_t) {
+  void OnReadBody(Self self, beast::error_code ec) {
     if (ec == http::error::body_limit) {
-      SendTooLarge();
+      SendTooLarge(std::move(self));
       return;
     }
     if (ec == beast::error::timeout || ec == asio::error::operation_aborted || ec == asio::error::connection_reset ||
@@ -423,14 +539,14 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
     if (ec) {
       LUMEN_LOG(Log(), kLumenDebug) << "Request is considered as bad: " << ec.message();
-      SendFixed(kBadRequestReply, true);
+      SendFixed(std::move(self), kBadRequestReply, true);
       return;
     }
     request_done_ = std::chrono::steady_clock::now();
-    Handle(parser_->release());
+    Handle(std::move(self), parser_->release());
   }
 
-  void Handle(http::request<http::string_body> req) {
+  void Handle(Self self, http::request<http::string_body> req) {
     Classified c = Classify(req);
     if (c.log_text != nullptr) {
       LUMEN_LOG(Log(), kLumenInfo) << c.log_text;
@@ -439,20 +555,22 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       case RequestVerdict::kServe:
         break;
       case RequestVerdict::kNotFound:
-        WriteResponse(http::status::not_found, "", "", false, nullptr);
+        WriteResponse(std::move(self), http::status::not_found, "", "", false, nullptr);
         return;
       case RequestVerdict::kMetrics:
-        WriteResponse(http::status::ok, "text/plain; version=0.0.4", Metrics::RenderText(), false, nullptr);
+        WriteResponse(std::move(self), http::status::ok, "text/plain; version=0.0.4", Metrics::RenderText(), false,
+                      nullptr);
         return;
       case RequestVerdict::kInvalidContentType:
-        WriteFrameworkError(http::status::unsupported_media_type, "application/json", "invalid_content_type",
-                            "lumen.invalid.content.type");
+        WriteFrameworkError(std::move(self), http::status::unsupported_media_type, "application/json",
+                            "invalid_content_type", "lumen.invalid.content.type");
         return;
       case RequestVerdict::kInvalidRequest:
-        WriteFrameworkError(http::status::bad_request, "text/plain", "invalid_request", "lumen.invalid.request");
+        WriteFrameworkError(std::move(self), http::status::bad_request, "text/plain", "invalid_request",
+                            "lumen.invalid.request");
         return;
       default:
-        SendFixed(kBadRequestReply, true);
+        SendFixed(std::move(self), kBadRequestReply, true);
         return;
     }
     Lumen::Provider::Request call;
@@ -465,93 +583,123 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     // The guard answers INTERNAL_SERVER_ERROR if the provider drops the
     // callback without calling it, so every request gets exactly one reply.
+    // It holds the session until then.
     struct ReplyGuard {
-      std::shared_ptr<HttpSession> session;
+      Self session;
       Lumen::JsonRpc::Call call;
       ContentType type;
       std::atomic<bool> answered{false};
       void Give(Lumen::Provider::MethodResult r) {
         if (!answered.exchange(true)) {
-          session->Answer(std::move(call), std::move(type), std::move(r));
+          Answer(std::move(session), std::move(call), std::move(type), std::move(r));
         }
       }
       ~ReplyGuard() {
         if (!answered.load()) {
-          session->Answer(std::move(call), std::move(type),
-                          Lumen::Provider::MethodResult::Failure(
-                              Com::Quarro::Lumen::Std::Errors::InternalServerError()));
+          Answer(std::move(session), std::move(call), std::move(type),
+                 Lumen::Provider::MethodResult::Failure(Com::Quarro::Lumen::Std::Errors::InternalServerError()));
         }
       }
     };
     auto guard = std::make_shared<ReplyGuard>();
-    guard->session = shared_from_this();
+    guard->session = std::move(self);
     guard->call = std::move(c.call);
     guard->type = std::move(c.type);
     shared_->provider->Invoke(std::move(call),
-                              [guard](Lumen::Provider::MethodResult r) { guard->Give(std::move(r)); });
+                              [guard = std::move(guard)](Lumen::Provider::MethodResult r) { guard->Give(std::move(r)); });
   }
 
-  void WriteFrameworkError(http::status status, const std::string& content_type, const char* key,
+  void WriteFrameworkError(Self self, http::status status, std::string_view content_type, const char* key,
                            const std::string& message_id) {
-    WriteResponse(status, content_type, Lumen::JsonRpc::FrameworkErrorBody(message_id), false, key);
+    WriteResponse(std::move(self), status, content_type, Lumen::JsonRpc::FrameworkErrorBody(message_id), false, key);
   }
 
-  void SendTooLarge() {
+  void SendTooLarge(Self self) {
     keep_alive_ = false;  // the rest of the body is never read
-    WriteFrameworkError(http::status::payload_too_large, "application/json", "request_exceeds_max_size",
-                        "lumen.request.exceeds.max.size");
+    WriteFrameworkError(std::move(self), http::status::payload_too_large, "application/json",
+                        "request_exceeds_max_size", "lumen.request.exceeds.max.size");
   }
 
-  void WriteResponse(http::status status, const std::string& content_type, std::string body, bool chunked,
+  // WriteResponse sends the head and the body in one write: the head is
+  // written into a buffer the connection keeps, the body is not copied.
+  void WriteResponse(Self self, http::status status, std::string_view content_type, std::string body, bool chunked,
                      const char* lumen_error) {
-    auto res = std::make_shared<http::response<http::string_body>>(status, 11);
-    res->set(http::field::server, kServerName);
-    res->set(http::field::connection, keep_alive_ ? "Keep-Alive" : "close");
+    unsigned code = static_cast<unsigned>(status);
+    beast::string_view reason = http::obsolete_reason(status);
+    head_.assign("HTTP/1.1 ");
+    head_ += std::to_string(code);
+    head_ += ' ';
+    head_.append(reason.data(), reason.size());
+    head_ += "\r\nServer: ";
+    head_ += kServerName;
+    head_ += keep_alive_ ? "\r\nConnection: Keep-Alive" : "\r\nConnection: close";
     if (!content_type.empty()) {
-      res->set(http::field::content_type, content_type);
+      head_ += "\r\nContent-Type: ";
+      head_ += content_type;
     }
     if (lumen_error != nullptr) {
-      res->set("lumen-error", lumen_error);
+      head_ += "\r\nlumen-error: ";
+      head_ += lumen_error;
     }
-    res->body() = std::move(body);
+    chunk_head_.clear();
+    chunk_tail_.clear();
     if (chunked) {
-      res->chunked(true);
-    } else if (!NoBodyExpected(method_, static_cast<unsigned>(status))) {
-      res->content_length(res->body().size());
+      // The whole body as one chunk, then the last chunk.
+      head_ += "\r\nTransfer-Encoding: chunked";
+      if (!body.empty()) {
+        char size_hex[2 * sizeof(size_t) + 3];
+        std::snprintf(size_hex, sizeof(size_hex), "%zx\r\n", body.size());
+        chunk_head_ = size_hex;
+        chunk_tail_ = "\r\n";
+      }
+      chunk_tail_ += "0\r\n\r\n";
+    } else if (!NoBodyExpected(method_, code)) {
+      head_ += "\r\nContent-Length: ";
+      head_ += std::to_string(body.size());
     }
+    head_ += "\r\n\r\n";
+    body_ = std::move(body);
+    status_ = code;
+    std::array<asio::const_buffer, 4> buffers = {asio::buffer(head_), asio::buffer(chunk_head_), asio::buffer(body_),
+                                                 asio::buffer(chunk_tail_)};
     stream_.expires_after(shared_->write_timeout);
     bool framework_error = lumen_error != nullptr;
-    http::async_write(stream_, *res, [self = shared_from_this(), res, framework_error](beast::error_code ec, size_t) {
-      if (ec) {
-        // "sent" is kept as operators' log searches know the texts.
-        LUMEN_LOG(self->Log(), kLumenDebug)
-            << (framework_error ? "Failed to sent Deserializer error " : "Failed to deliver response. EC:")
-            << ec.message();
-        self->Close();
-        return;
-      }
-      LUMEN_LOG(self->Log(), 0) << "Response head sent:" << res->result_int();
-      LUMEN_LOG(self->Log(), 0) << "Request handled";
-      if (!self->keep_alive_) {
-        self->Close();
-        return;
-      }
-      self->DoReadHeader();
-    });
+    asio::async_write(stream_, buffers,
+                      Bind([self = std::move(self), framework_error](beast::error_code ec, size_t) mutable {
+                        self->OnWritten(std::move(self), ec, framework_error);
+                      }));
+  }
+
+  void OnWritten(Self self, beast::error_code ec, bool framework_error) {
+    if (ec) {
+      // "sent" is kept as operators' log searches know the texts.
+      LUMEN_LOG(Log(), kLumenDebug) << (framework_error ? "Failed to sent Deserializer error "
+                                                        : "Failed to deliver response. EC:")
+                                    << ec.message();
+      Close();
+      return;
+    }
+    LUMEN_LOG(Log(), 0) << "Response head sent:" << status_;
+    LUMEN_LOG(Log(), 0) << "Request handled";
+    if (!keep_alive_) {
+      Close();
+      return;
+    }
+    DoReadHeader(std::move(self));
   }
 
   // SendFixed writes one of the fixed replies and closes the connection.
-  void SendFixed(std::string_view reply, bool invalid_request) {
+  void SendFixed(Self self, std::string_view reply, bool invalid_request) {
     stream_.expires_after(shared_->write_timeout);
     asio::async_write(stream_, asio::buffer(reply.data(), reply.size()),
-                      [self = shared_from_this(), invalid_request](beast::error_code ec, size_t) {
+                      Bind([self = std::move(self), invalid_request](beast::error_code ec, size_t) {
                         if (invalid_request) {
                           LUMEN_LOG(self->Log(), kLumenDebug)
                               << (ec ? "Failed to send InvalidRequest response:" : "Sent InvalidRequest response:")
                               << ec.message();
                         }
                         self->Close();
-                      });
+                      }));
   }
 
   void Close() {
@@ -560,13 +708,26 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     stream_.socket().close(ignored);
   }
 
-  beast::tcp_stream stream_;
+  HandlerMemory memory_;  // first: outlives the stream's pending operations
+  Stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::shared_ptr<Endpoint::Shared> shared_;
   bool keep_alive_ = true;
   std::string method_;
   std::chrono::steady_clock::time_point request_done_;
+  // The response being written.
+  std::string head_;
+  std::string chunk_head_;
+  std::string chunk_tail_;
+  std::string body_;
+  unsigned status_ = 0;
+  // The counter of the last answered call, by its service, operation and
+  // result kind.
+  Metrics::Counter* counter_ = nullptr;
+  std::optional<Com::Quarro::Lumen::Std::Errors::Kind> counted_kind_;
+  std::string counted_service_;
+  std::string counted_operation_;
 };
 
 }  // namespace
@@ -673,13 +834,13 @@ void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr
   std::weak_ptr<Endpoint::Listener> weak = listener;
   auto& io = static_cast<asio::io_context&>(listener->acceptor.get_executor().context());
   listener->acceptor.async_accept(asio::make_strand(io), [weak, shared](const boost::system::error_code& ec,
-                                                                         tcp::socket socket) {
+                                                                         Socket socket) {
     auto l = weak.lock();
     if (!l || ec == asio::error::operation_aborted || !l->acceptor.is_open()) {
       return;
     }
     if (!ec) {
-      std::make_shared<HttpSession>(std::move(socket), shared)->Run();
+      HttpSession::Run(std::make_shared<HttpSession>(std::move(socket), shared));
       Accept(l, shared);
       return;
     }

@@ -126,9 +126,9 @@ bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, cons
     std::unique_ptr<char, FreeDeleter> text(json_dumps(properties.get(), JSON_COMPACT));
     Log_Level(kLogVerbose, "Attested properties: {\"attested_properties\":%s}\n", text ? text.get() : "");
   }
-  // Sorted keys, compact: the claims read exactly as the JWT library writes
-  // them, so relying parties see the same bytes as before.
-  std::unique_ptr<char, FreeDeleter> payload(json_dumps(claims.get(), JSON_COMPACT | JSON_SORT_KEYS));
+  // Compact, claims in the order they were set (iat, exp, iss, aud, os,
+  // os_version, attested_properties).
+  std::unique_ptr<char, FreeDeleter> payload(json_dumps(claims.get(), JSON_COMPACT));
   std::string signature;
   std::string token;
   if (payload != nullptr) {

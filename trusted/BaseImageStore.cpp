@@ -35,6 +35,9 @@ constexpr const char* kTxtMle = "txt-mle";
 // The per-version record through which the last attested time is written.
 struct AttestationRecord {
   HyvConfig::ConfigStoreObjectId id;
+  // The "last_attested_time" this process last stored: attestations within
+  // the same second store the same text, so only the first one writes it.
+  std::string last_written;
 };
 
 // Guarded by the configuration lock.
@@ -175,7 +178,7 @@ void Load() {
     }
     Log_Level(kLogInfo, "Loaded base image data with version %s and Hvkernel digest %s\n", data->version.c_str(),
               data->hvkernel_digest.c_str());
-    versions.emplace(data->version, AttestationRecord{image->GetConfigStoreObjectId()});
+    versions.emplace(data->version, AttestationRecord{image->GetConfigStoreObjectId(), {}});
     g_cache.push_back(std::move(data));
   }
   if (failed) {
@@ -291,17 +294,20 @@ std::string FormatAttestedTime(int64_t usec) {
 }
 
 void UpdateLastAttestedTime(const std::string& version) {
+  int64_t now = 0;
+  Hostinfo_GetTimeOfDay(&now);
+  const std::string when = FormatAttestedTime(now);
   std::optional<HyvConfig::ConfigStoreObjectId> id;
   {
     MXUser::ReadGuard map_guard(VersionMapLock());
     auto it = g_version_map.find(version);
     if (it != g_version_map.end()) {
+      if (it->second.last_written == when) {
+        return;
+      }
       id = it->second.id;
     }
   }
-  int64_t now = 0;
-  Hostinfo_GetTimeOfDay(&now);
-  const std::string when = FormatAttestedTime(now);
   MXUser::WriteGuard guard(ConfigLock());
   try {
     auto store = ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
@@ -316,6 +322,10 @@ void UpdateLastAttestedTime(const std::string& version) {
     update.SetValue("last_attested_time", when);
     store->UpdateObject(*id, update);
     Log_Level(kLogVerbose, "Update attested time %s\n", when.c_str());
+    MXUser::WriteGuard map_guard(VersionMapLock());
+    if (auto it = g_version_map.find(version); it != g_version_map.end()) {
+      it->second.last_written = when;
+    }
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Failed to set last attested time for %s\n", version.c_str());
   }

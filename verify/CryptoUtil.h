@@ -50,6 +50,10 @@ bool HashBuffer(uint8_t* out, uint16_t alg, const uint8_t* data, uint16_t len);
 bool VerifyRsaSignature(const uint8_t* digest, size_t digest_len, uint16_t alg, const uint8_t* modulus,
                         size_t modulus_len, const uint8_t* sig, size_t sig_len);
 
+// Sha256Extend replaces the 32-byte |pcr| with SHA-256(|pcr| || |digest|),
+// |digest| being 32 bytes: a SHA-256 PCR extend.
+void Sha256Extend(uint8_t* pcr, const uint8_t* digest);
+
 // HexDump logs |len| bytes as lower-case hex, 16 a line, each line
 // "TPM2VLIB: <label> <hex>" at the information level. With |out| given it
 // logs nothing and writes the bytes as "%02x" without blanks into |out|,

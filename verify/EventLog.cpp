@@ -51,15 +51,15 @@ VerifyStatus FindSha256Digest(const TcgDigest* digests, uint32_t count, const Tc
 }
 
 bool DigestMatchesHex(const uint8_t* digest, uint16_t size, const char* expected) {
-  char stack_hex[2 * kMaxDigestBytes + 1];
-  std::string heap_hex;
-  char* hex = stack_hex;
-  if (size > kMaxDigestBytes) {
-    heap_hex.resize(2 * size_t{size} + 1);
-    hex = heap_hex.data();
+  // Compared digit by digit as lower-case hex, stopping at the first
+  // difference or at the end of |expected|, which must end exactly here.
+  static constexpr char kDigits[] = "0123456789abcdef";
+  for (uint16_t i = 0; i < size; ++i) {
+    if (expected[2 * i] != kDigits[digest[i] >> 4] || expected[2 * i + 1] != kDigits[digest[i] & 0xf]) {
+      return false;
+    }
   }
-  HexDump(nullptr, digest, size, hex);
-  return std::strcmp(hex, expected) == 0;
+  return expected[2 * size_t{size}] == '\0';
 }
 
 VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
@@ -161,12 +161,7 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
       status = FindSha256Digest(e.digests, e.digestCount, &sha256);
     }
     if (status == kVerifyOk) {
-      uint8_t input[2 * kSha256Bytes];
-      std::memcpy(input, replay[e.pcrIndex], kSha256Bytes);
-      std::memcpy(input + kSha256Bytes, sha256->digest, kSha256Bytes);
-      if (!HashBuffer(replay[e.pcrIndex], kTpmAlgSha256, input, sizeof(input))) {
-        status = kReplayHashFailed;
-      }
+      Sha256Extend(replay[e.pcrIndex], sha256->digest);
     }
     if (status != kVerifyOk) {
       Warning("TPM2VLIB: Error processing event at index %u: PCR: %u, hvkEventId: %u, payload:%s", i, e.pcrIndex,

@@ -48,45 +48,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const uint8_t* in = data + 1;
   uint32_t n = static_cast<uint32_t>(size - 1);
-  switch (data[0] % 30) {
+  switch (data[0] % 10) {
     case 0: Check<TPM2B_DATA>(in, n, Tpm2_Unmarshal_TPM2B_DATA, Tpm2_Marshal_TPM2B_DATA); break;
     case 1: Check<TPM2B_DIGEST>(in, n, Tpm2_Unmarshal_TPM2B_DIGEST, Tpm2_Marshal_TPM2B_DIGEST); break;
-    case 2: Check<TPM2B_ID_OBJECT>(in, n, Tpm2_Unmarshal_TPM2B_ID_OBJECT, Tpm2_Marshal_TPM2B_ID_OBJECT); break;
-    case 3:
-      Check<TPM2B_ENCRYPTED_SECRET>(in, n, Tpm2_Unmarshal_TPM2B_ENCRYPTED_SECRET,
-                                    Tpm2_Marshal_TPM2B_ENCRYPTED_SECRET);
-      break;
-    case 4: Check<TPM2B_PRIVATE>(in, n, Tpm2_Unmarshal_TPM2B_PRIVATE); break;
-    case 5: Check<TPM2B_ATTEST>(in, n, Tpm2_Unmarshal_TPM2B_ATTEST, Tpm2_Marshal_TPM2B_ATTEST); break;
-    case 6: Check<TPM2B_PUBLIC>(in, n, Tpm2_Unmarshal_TPM2B_PUBLIC, Tpm2_Marshal_TPM2B_PUBLIC); break;
-    case 7: Check<TPMT_PUBLIC>(in, n, Tpm2_Unmarshal_TPMT_PUBLIC); break;
-    case 8: Check<TPMS_ATTEST>(in, n, Tpm2_Unmarshal_TPMS_ATTEST); break;
-    case 9: Check<TPMT_SIGNATURE>(in, n, Tpm2_Unmarshal_TPMT_SIGNATURE, Tpm2_Marshal_TPMT_SIGNATURE); break;
-    case 10: Check<TPMT_SIG_SCHEME>(in, n, Tpm2_Unmarshal_TPMT_SIG_SCHEME, Tpm2_Marshal_TPMT_SIG_SCHEME); break;
-    case 11:
+    case 2: Check<TPM2B_ATTEST>(in, n, Tpm2_Unmarshal_TPM2B_ATTEST); break;
+    case 3: Check<TPM2B_PUBLIC>(in, n, Tpm2_Unmarshal_TPM2B_PUBLIC, Tpm2_Marshal_TPM2B_PUBLIC); break;
+    case 4: Check<TPMT_PUBLIC>(in, n, Tpm2_Unmarshal_TPMT_PUBLIC); break;
+    case 5: Check<TPMS_ATTEST>(in, n, Tpm2_Unmarshal_TPMS_ATTEST); break;
+    case 6: Check<TPMT_SIGNATURE>(in, n, Tpm2_Unmarshal_TPMT_SIGNATURE, Tpm2_Marshal_TPMT_SIGNATURE); break;
+    case 7: Check<TPMT_SIG_SCHEME>(in, n, Tpm2_Unmarshal_TPMT_SIG_SCHEME, Tpm2_Marshal_TPMT_SIG_SCHEME); break;
+    case 8:
       Check<TPML_PCR_SELECTION>(in, n, Tpm2_Unmarshal_TPML_PCR_SELECTION, Tpm2_Marshal_TPML_PCR_SELECTION);
       break;
-    case 12: Check<TPML_DIGEST>(in, n, Tpm2_Unmarshal_TPML_DIGEST, Tpm2_Marshal_TPML_DIGEST); break;
-    case 13: Check<uint32_t>(in, n, Tpm2_Unmarshal_UINT32); break;
-    case 14: Check<TPM2_COMMAND_HEADER>(in, n, Tpm2_UnmarshalCommandHeader); break;
-    case 15: Check<TPM2_RESPONSE_HEADER>(in, n, Tpm2_UnmarshalResponseHeader); break;
-    case 16: Check<TPMS_AUTH_COMMAND>(in, n, Tpm2_Unmarshal_TPMS_AUTH_COMMAND); break;
-    case 17: Check<TPMS_AUTH_RESPONSE>(in, n, Tpm2_Unmarshal_TPMS_AUTH_RESPONSE); break;
-    case 18: Check<StartupOut>(in, n, Tpm2_UnmarshalStartupOut); break;
-    case 19: Check<ShutdownOut>(in, n, Tpm2_UnmarshalShutdownOut); break;
-    case 20: Check<PcrExtendOut>(in, n, Tpm2_UnmarshalPcrExtendOut); break;
-    case 21: Check<PcrResetOut>(in, n, Tpm2_UnmarshalPcrResetOut); break;
-    case 22: Check<FlushContextOut>(in, n, Tpm2_UnmarshalFlushContextOut); break;
-    case 23: Check<HierarchyCtrlOut>(in, n, Tpm2_UnmarshalHierarchyCtrlOut); break;
-    case 24: Check<PcrReadOut>(in, n, Tpm2_UnmarshalPcrReadOut); break;
-    case 25: Check<GetCapabilityOut>(in, n, Tpm2_UnmarshalGetCapabilityOut); break;
-    case 26: Check<ContextLoadOut>(in, n, Tpm2_UnmarshalContextLoadOut); break;
-    case 27: Check<ContextSaveOut>(in, n, Tpm2_UnmarshalContextSaveOut); break;
-    case 28: Check<NvReadPublicOut>(in, n, Tpm2_UnmarshalNvReadPublicOut); break;
-    case 29:
-      Check<NvReadOut>(in, n, Tpm2_UnmarshalNvReadOut);
-      Check<GetRandomOut>(in, n, Tpm2_UnmarshalGetRandomOut);
-      break;
+    case 9: Check<TPML_DIGEST>(in, n, Tpm2_Unmarshal_TPML_DIGEST, Tpm2_Marshal_TPML_DIGEST); break;
   }
   return 0;
 }

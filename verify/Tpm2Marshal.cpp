@@ -119,7 +119,6 @@ class ByteWriter {
                           static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
     return PutBytes(b, 4);
   }
-  bool PutU64(uint64_t v) { return PutU32(static_cast<uint32_t>(v >> 32)) && PutU32(static_cast<uint32_t>(v)); }
   bool PutTpm2b(uint16_t capacity, uint16_t size, const uint8_t* buffer) {
     if (size > capacity) {
       ok_ = false;
@@ -131,18 +130,11 @@ class ByteWriter {
   bool PutTpm2b(const T& in) {
     return PutTpm2b(T::kMax, in.size, in.buffer);
   }
-  // Overwrites a 16- or 32-bit value written earlier at |offset|.
+  // Overwrites a 16-bit value written earlier at |offset|.
   void PatchU16(size_t offset, uint16_t v) {
     if (ok_ && offset + 2 <= written_) {
       data_[offset] = static_cast<uint8_t>(v >> 8);
       data_[offset + 1] = static_cast<uint8_t>(v);
-    }
-  }
-  void PatchU32(size_t offset, uint32_t v) {
-    if (ok_ && offset + 4 <= written_) {
-      for (int i = 0; i < 4; ++i) {
-        data_[offset + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-      }
     }
   }
   void Fail() { ok_ = false; }
@@ -527,82 +519,10 @@ bool WriteSignature(ByteWriter* w, const TPMT_SIGNATURE& in) {
   }
 }
 
-bool ReadAuthCommand(ByteReader* r, TPMS_AUTH_COMMAND* out) {
-  return r->GetU32(&out->sessionHandle) &&   // sessionHandle      TPMI_SH_AUTH_SESSION
-         r->GetTpm2b(&out->nonce) &&         // nonce              TPM2B_NONCE
-         r->GetU8(&out->sessionAttributes) &&  // sessionAttributes TPMA_SESSION
-         r->GetTpm2b(&out->hmac);            // hmac               TPM2B_AUTH
-}
-
-bool ReadAuthResponse(ByteReader* r, TPMS_AUTH_RESPONSE* out) {
-  return r->GetTpm2b(&out->nonce) && r->GetU8(&out->sessionAttributes) && r->GetTpm2b(&out->hmac);
-}
-
-bool ReadContext(ByteReader* r, TPMS_CONTEXT* out) {
-  return r->GetU64(&out->sequence) && r->GetU32(&out->savedHandle) && r->GetU32(&out->hierarchy) &&
-         r->GetTpm2b(&out->contextBlob);
-}
-
-// Command framing: header with commandSize patched at the end, and an
-// optional authorization area whose size is patched once it is written.
-constexpr uint32_t kCcHierarchyControl = 0x121;
-constexpr uint32_t kCcPcrReset = 0x13D;
-constexpr uint32_t kCcNvRead = 0x14E;
-constexpr uint32_t kCcStartup = 0x144;
-constexpr uint32_t kCcShutdown = 0x145;
-constexpr uint32_t kCcContextLoad = 0x161;
-constexpr uint32_t kCcContextSave = 0x162;
-constexpr uint32_t kCcFlushContext = 0x165;
-constexpr uint32_t kCcNvReadPublic = 0x169;
-constexpr uint32_t kCcGetCapability = 0x17A;
-constexpr uint32_t kCcGetRandom = 0x17B;
-constexpr uint32_t kCcPcrRead = 0x17E;
-constexpr uint32_t kCcPcrExtend = 0x182;
-
-void BeginCommand(ByteWriter* w, uint16_t tag, uint32_t code) {
-  w->PutU16(tag);
-  w->PutU32(0);  // commandSize, patched by EndCommand
-  w->PutU32(code);
-}
-
-uint32_t EndCommand(ByteWriter* w) {
-  w->PatchU32(2, static_cast<uint32_t>(w->Written()));
-  return w->Result();
-}
-
-void WriteAuthArea(ByteWriter* w, const TPMS_AUTH_COMMAND& auth) {
-  size_t size_at = w->Written();
-  w->PutU32(0);  // authorizationSize, patched below
-  size_t start = w->Written();
-  w->PutU32(auth.sessionHandle);
-  w->PutTpm2b(auth.nonce);
-  w->PutU8(auth.sessionAttributes);
-  w->PutTpm2b(auth.hmac);
-  w->PatchU32(size_at, static_cast<uint32_t>(w->Written() - start));
-}
-
-// Reads the response header; returns true when parameters follow (success).
-// With sessions, the parameterSize word comes first.
-bool ReadResponseStart(ByteReader* r, TPM2_RESPONSE_HEADER* out, bool* out_params) {
-  if (!r->GetU16(&out->tag) || !r->GetU32(&out->responseSize) || !r->GetU32(&out->responseCode)) {
-    return false;
-  }
-  *out_params = out->responseCode == 0;
-  if (*out_params && out->tag == kTpmStSessions) {
-    uint32_t parameter_size;
-    return r->GetU32(&parameter_size);
-  }
-  return true;
-}
-
 template <typename T>
 uint32_t MarshalSized(const T* in, uint8_t* dst, uint32_t dst_len) {
   ByteWriter w(dst, dst_len);
-  if (in == nullptr) {
-    w.PutU16(0);
-  } else {
-    w.PutTpm2b(*in);
-  }
+  w.PutTpm2b(*in);
   return w.Result();
 }
 
@@ -617,20 +537,7 @@ uint32_t UnmarshalSized(const uint8_t* src, uint32_t src_len, T* out) {
 uint32_t Tpm2_Marshal_TPM2B_DATA(const TPM2B_DATA* in, uint8_t* dst, uint32_t dst_len) {
   return MarshalSized(in, dst, dst_len);
 }
-uint32_t Tpm2_Marshal_TPM2B_NAME(const TPM2B_NAME* in, uint8_t* dst, uint32_t dst_len) {
-  return MarshalSized(in, dst, dst_len);
-}
-uint32_t Tpm2_Marshal_TPM2B_ID_OBJECT(const TPM2B_ID_OBJECT* in, uint8_t* dst, uint32_t dst_len) {
-  return MarshalSized(in, dst, dst_len);
-}
-uint32_t Tpm2_Marshal_TPM2B_ENCRYPTED_SECRET(const TPM2B_ENCRYPTED_SECRET* in, uint8_t* dst,
-                                             uint32_t dst_len) {
-  return MarshalSized(in, dst, dst_len);
-}
 uint32_t Tpm2_Marshal_TPM2B_DIGEST(const TPM2B_DIGEST* in, uint8_t* dst, uint32_t dst_len) {
-  return MarshalSized(in, dst, dst_len);
-}
-uint32_t Tpm2_Marshal_TPM2B_ATTEST(const TPM2B_ATTEST* in, uint8_t* dst, uint32_t dst_len) {
   return MarshalSized(in, dst, dst_len);
 }
 
@@ -638,16 +545,6 @@ uint32_t Tpm2_Unmarshal_TPM2B_DATA(const uint8_t* src, uint32_t src_len, TPM2B_D
   return UnmarshalSized(src, src_len, out);
 }
 uint32_t Tpm2_Unmarshal_TPM2B_DIGEST(const uint8_t* src, uint32_t src_len, TPM2B_DIGEST* out) {
-  return UnmarshalSized(src, src_len, out);
-}
-uint32_t Tpm2_Unmarshal_TPM2B_ID_OBJECT(const uint8_t* src, uint32_t src_len, TPM2B_ID_OBJECT* out) {
-  return UnmarshalSized(src, src_len, out);
-}
-uint32_t Tpm2_Unmarshal_TPM2B_ENCRYPTED_SECRET(const uint8_t* src, uint32_t src_len,
-                                               TPM2B_ENCRYPTED_SECRET* out) {
-  return UnmarshalSized(src, src_len, out);
-}
-uint32_t Tpm2_Unmarshal_TPM2B_PRIVATE(const uint8_t* src, uint32_t src_len, TPM2B_PRIVATE* out) {
   return UnmarshalSized(src, src_len, out);
 }
 uint32_t Tpm2_Unmarshal_TPM2B_ATTEST(const uint8_t* src, uint32_t src_len, TPM2B_ATTEST* out) {
@@ -737,284 +634,6 @@ uint32_t Tpm2_Marshal_TPML_DIGEST(const TPML_DIGEST* in, uint8_t* dst, uint32_t 
 uint32_t Tpm2_Unmarshal_TPML_DIGEST(const uint8_t* src, uint32_t src_len, TPML_DIGEST* out) {
   ByteReader r(src, src_len);
   return ReadDigestList(&r, out) ? r.Consumed() : 0;
-}
-
-uint32_t Tpm2_Unmarshal_UINT32(const uint8_t* src, uint32_t src_len, uint32_t* out) {
-  ByteReader r(src, src_len);
-  return r.GetU32(out) ? r.Consumed() : 0;
-}
-
-uint32_t Tpm2_UnmarshalCommandHeader(const uint8_t* src, uint32_t src_len, TPM2_COMMAND_HEADER* out) {
-  ByteReader r(src, src_len);
-  return r.GetU16(&out->tag) && r.GetU32(&out->commandSize) && r.GetU32(&out->commandCode)
-             ? r.Consumed()
-             : 0;
-}
-
-uint32_t Tpm2_UnmarshalResponseHeader(const uint8_t* src, uint32_t src_len, TPM2_RESPONSE_HEADER* out) {
-  ByteReader r(src, src_len);
-  return r.GetU16(&out->tag) && r.GetU32(&out->responseSize) && r.GetU32(&out->responseCode)
-             ? r.Consumed()
-             : 0;
-}
-
-uint32_t Tpm2_Unmarshal_TPMS_AUTH_COMMAND(const uint8_t* src, uint32_t src_len, TPMS_AUTH_COMMAND* out) {
-  ByteReader r(src, src_len);
-  return ReadAuthCommand(&r, out) ? r.Consumed() : 0;
-}
-
-uint32_t Tpm2_Unmarshal_TPMS_AUTH_RESPONSE(const uint8_t* src, uint32_t src_len,
-                                           TPMS_AUTH_RESPONSE* out) {
-  ByteReader r(src, src_len);
-  return ReadAuthResponse(&r, out) ? r.Consumed() : 0;
-}
-
-uint32_t Tpm2_MarshalStartupIn(const StartupIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcStartup);
-  w.PutU16(in->startupType);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalShutdownIn(const ShutdownIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcShutdown);
-  w.PutU16(in->shutdownType);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalPcrReadIn(const PcrReadIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcPcrRead);
-  WritePcrSelectionList(&w, in->pcrSelectionIn);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalPcrExtendIn(const PcrExtendIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStSessions, kCcPcrExtend);
-  w.PutU32(in->pcrHandle);
-  WriteAuthArea(&w, in->auth);
-  if (in->digests.count > kMaxDigestValues) {
-    return 0;
-  }
-  w.PutU32(in->digests.count);
-  for (uint32_t i = 0; i < in->digests.count; ++i) {
-    WriteHa(&w, in->digests.digests[i]);
-  }
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalPcrResetIn(const PcrResetIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStSessions, kCcPcrReset);
-  w.PutU32(in->pcrHandle);
-  WriteAuthArea(&w, in->auth);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalGetCapabilityIn(const GetCapabilityIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcGetCapability);
-  w.PutU32(in->capability);
-  w.PutU32(in->property);
-  w.PutU32(in->propertyCount);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalContextLoadIn(const ContextLoadIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcContextLoad);
-  w.PutU64(in->context.sequence);
-  w.PutU32(in->context.savedHandle);
-  w.PutU32(in->context.hierarchy);
-  w.PutTpm2b(in->context.contextBlob);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalContextSaveIn(const ContextSaveIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcContextSave);
-  w.PutU32(in->saveHandle);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalFlushContextIn(const FlushContextIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcFlushContext);
-  w.PutU32(in->flushHandle);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalHierarchyCtrlIn(const HierarchyCtrlIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStSessions, kCcHierarchyControl);
-  w.PutU32(in->authHandle);
-  WriteAuthArea(&w, in->auth);
-  w.PutU32(in->enable);
-  w.PutU8(in->state);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalNvReadPublicIn(const NvReadPublicIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcNvReadPublic);
-  w.PutU32(in->nvIndex);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalNvReadIn(const NvReadIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStSessions, kCcNvRead);
-  w.PutU32(in->authHandle);
-  w.PutU32(in->nvIndex);
-  WriteAuthArea(&w, in->auth);
-  w.PutU16(in->size);
-  w.PutU16(in->offset);
-  return EndCommand(&w);
-}
-
-uint32_t Tpm2_MarshalGetRandomIn(const GetRandomIn* in, uint8_t* dst, uint32_t dst_len) {
-  ByteWriter w(dst, dst_len);
-  BeginCommand(&w, kTpmStNoSessions, kCcGetRandom);
-  w.PutU16(in->bytesRequested);
-  return EndCommand(&w);
-}
-
-namespace {
-uint32_t UnmarshalHeaderOnly(const uint8_t* src, uint32_t src_len, HeaderOnlyOut* out) {
-  return Tpm2_UnmarshalResponseHeader(src, src_len, &out->header);
-}
-}  // namespace
-
-uint32_t Tpm2_UnmarshalStartupOut(const uint8_t* src, uint32_t src_len, StartupOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-uint32_t Tpm2_UnmarshalShutdownOut(const uint8_t* src, uint32_t src_len, ShutdownOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-uint32_t Tpm2_UnmarshalPcrExtendOut(const uint8_t* src, uint32_t src_len, PcrExtendOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-uint32_t Tpm2_UnmarshalPcrResetOut(const uint8_t* src, uint32_t src_len, PcrResetOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-uint32_t Tpm2_UnmarshalFlushContextOut(const uint8_t* src, uint32_t src_len, FlushContextOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-uint32_t Tpm2_UnmarshalHierarchyCtrlOut(const uint8_t* src, uint32_t src_len, HierarchyCtrlOut* out) {
-  return UnmarshalHeaderOnly(src, src_len, out);
-}
-
-uint32_t Tpm2_UnmarshalPcrReadOut(const uint8_t* src, uint32_t src_len, PcrReadOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params)) {
-    return 0;
-  }
-  if (params && (!r.GetU32(&out->pcrUpdateCounter) ||          // pcrUpdateCounter UINT32
-                 !ReadPcrSelectionList(&r, &out->pcrSelectionOut) ||  // TPML_PCR_SELECTION
-                 !ReadDigestList(&r, &out->pcrValues))) {             // TPML_DIGEST
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalGetCapabilityOut(const uint8_t* src, uint32_t src_len, GetCapabilityOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params)) {
-    return 0;
-  }
-  if (!params) {
-    return r.Consumed();
-  }
-  // moreData TPMI_YES_NO, capabilityData TPMS_CAPABILITY_DATA (capability, count, list)
-  if (!r.GetU8(&out->moreData) || !r.GetU32(&out->capability) || !r.GetU32(&out->count)) {
-    return 0;
-  }
-  if (out->capability == kTpmCapCommands) {
-    if (out->count > kMaxCapCommands) {
-      return 0;
-    }
-    for (uint32_t i = 0; i < out->count; ++i) {
-      if (!r.GetU32(&out->commands[i])) {
-        return 0;
-      }
-    }
-  } else if (out->capability == kTpmCapTpmProperties) {
-    if (out->count > kMaxCapTpmProperties) {
-      return 0;
-    }
-    for (uint32_t i = 0; i < out->count; ++i) {
-      if (!r.GetU32(&out->properties[i].property) || !r.GetU32(&out->properties[i].value)) {
-        return 0;
-      }
-    }
-  } else {
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalContextLoadOut(const uint8_t* src, uint32_t src_len, ContextLoadOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params) || (params && !r.GetU32(&out->loadedHandle))) {
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalContextSaveOut(const uint8_t* src, uint32_t src_len, ContextSaveOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params) || (params && !ReadContext(&r, &out->context))) {
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalNvReadPublicOut(const uint8_t* src, uint32_t src_len, NvReadPublicOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params)) {
-    return 0;
-  }
-  if (!params) {
-    return r.Consumed();
-  }
-  // nvPublic TPM2B_NV_PUBLIC: size, then TPMS_NV_PUBLIC filling it exactly.
-  uint16_t size;
-  ByteReader nv(nullptr, 0);
-  TPMS_NV_PUBLIC& p = out->nvPublic;
-  if (!r.GetU16(&size) || !r.GetSub(size, &nv) || !nv.GetU32(&p.nvIndex) || !nv.GetU16(&p.nameAlg) ||
-      !nv.GetU32(&p.attributes) || !nv.GetTpm2b(&p.authPolicy) || !nv.GetU16(&p.dataSize) ||
-      nv.Remaining() != 0 || !r.GetTpm2b(&out->nvName)) {  // nvName TPM2B_NAME
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalNvReadOut(const uint8_t* src, uint32_t src_len, NvReadOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params)) {
-    return 0;
-  }
-  if (params && (!r.GetTpm2b(&out->data) || !ReadAuthResponse(&r, &out->auth))) {
-    return 0;
-  }
-  return r.Consumed();
-}
-
-uint32_t Tpm2_UnmarshalGetRandomOut(const uint8_t* src, uint32_t src_len, GetRandomOut* out) {
-  ByteReader r(src, src_len);
-  bool params;
-  if (!ReadResponseStart(&r, &out->header, &params) || (params && !r.GetTpm2b(&out->randomBytes))) {
-    return 0;
-  }
-  return r.Consumed();
 }
 
 }  // namespace Witnessd::Verify

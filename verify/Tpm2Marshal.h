@@ -52,10 +52,7 @@ inline constexpr uint16_t kTpmAlgCamellia = 0x0026;
 inline constexpr uint16_t kTpmStAttestQuote = 0x8018;
 inline constexpr uint16_t kTpmStAttestCertify = 0x8017;
 inline constexpr uint16_t kTpmStNoSessions = 0x8001;
-inline constexpr uint16_t kTpmStSessions = 0x8002;
 inline constexpr uint32_t kTpmGeneratedValue = 0xff544347;
-inline constexpr uint32_t kTpmCapCommands = 2;
-inline constexpr uint32_t kTpmCapTpmProperties = 6;
 
 // Capacities enforced on unmarshal.
 inline constexpr uint16_t kMaxDigestBytes = 64;
@@ -67,12 +64,9 @@ inline constexpr uint16_t kMaxAttestBytes = 2304;
 inline constexpr uint16_t kMaxRsaKeyBytes = 512;
 inline constexpr uint16_t kMaxEccKeyBytes = 128;
 inline constexpr uint16_t kMaxNvBufferBytes = 2048;
-inline constexpr uint16_t kMaxContextBytes = 5188;
 inline constexpr uint32_t kMaxPcrSelections = 16;
 inline constexpr uint8_t kMaxSizeofSelect = 4;
 inline constexpr uint32_t kMaxDigestListCount = 8;
-inline constexpr uint32_t kMaxCapCommands = 256;
-inline constexpr uint32_t kMaxCapTpmProperties = 127;
 inline constexpr uint32_t kMaxDigestValues = 5;
 
 // A TPM2B: a 16-bit size and a fixed-capacity buffer.
@@ -93,7 +87,6 @@ struct TPM2B_ATTEST : Tpm2bBuffer<kMaxAttestBytes> {};
 struct TPM2B_PUBLIC_KEY_RSA : Tpm2bBuffer<kMaxRsaKeyBytes> {};
 struct TPM2B_ECC_PARAMETER : Tpm2bBuffer<kMaxEccKeyBytes> {};
 struct TPM2B_MAX_NV_BUFFER : Tpm2bBuffer<kMaxNvBufferBytes> {};
-struct TPM2B_CONTEXT_DATA : Tpm2bBuffer<kMaxContextBytes> {};
 
 struct TPMS_PCR_SELECTION {
   uint16_t hash;
@@ -223,117 +216,17 @@ struct TPMT_SIGNATURE {
   } signature;
 };
 
-struct TPMS_AUTH_COMMAND {
-  uint32_t sessionHandle;
-  TPM2B_DIGEST nonce;
-  uint8_t sessionAttributes;
-  TPM2B_DIGEST hmac;
-};
-
-struct TPMS_AUTH_RESPONSE {
-  TPM2B_DIGEST nonce;
-  uint8_t sessionAttributes;
-  TPM2B_DIGEST hmac;
-};
-
-// Command header: tag, commandSize, commandCode (exactly 10 bytes).
-struct TPM2_COMMAND_HEADER {
-  uint16_t tag;
-  uint32_t commandSize;
-  uint32_t commandCode;
-};
-
-// Response header: tag, responseSize, responseCode.
-struct TPM2_RESPONSE_HEADER {
-  uint16_t tag;
-  uint32_t responseSize;
-  uint32_t responseCode;
-};
-
-struct TPMS_CONTEXT {
-  uint64_t sequence;
-  uint32_t savedHandle;
-  uint32_t hierarchy;
-  TPM2B_CONTEXT_DATA contextBlob;
-};
-
-struct TPMS_NV_PUBLIC {
-  uint32_t nvIndex;
-  uint16_t nameAlg;
-  uint32_t attributes;
-  TPM2B_DIGEST authPolicy;
-  uint16_t dataSize;
-};
-
-struct TPMS_TAGGED_PROPERTY {
-  uint32_t property;
-  uint32_t value;
-};
-
-// Command records (parameters of the command marshallers).
-struct StartupIn { uint16_t startupType; };
-struct ShutdownIn { uint16_t shutdownType; };
-struct PcrReadIn { TPML_PCR_SELECTION pcrSelectionIn; };
-struct PcrExtendIn { uint32_t pcrHandle; TPMS_AUTH_COMMAND auth; TPML_DIGEST_VALUES digests; };
-struct PcrResetIn { uint32_t pcrHandle; TPMS_AUTH_COMMAND auth; };
-struct GetCapabilityIn { uint32_t capability; uint32_t property; uint32_t propertyCount; };
-struct ContextLoadIn { TPMS_CONTEXT context; };
-struct ContextSaveIn { uint32_t saveHandle; };
-struct FlushContextIn { uint32_t flushHandle; };
-struct HierarchyCtrlIn { uint32_t authHandle; TPMS_AUTH_COMMAND auth; uint32_t enable; uint8_t state; };
-struct NvReadPublicIn { uint32_t nvIndex; };
-struct NvReadIn { uint32_t authHandle; uint32_t nvIndex; TPMS_AUTH_COMMAND auth; uint16_t size; uint16_t offset; };
-struct GetRandomIn { uint16_t bytesRequested; };
-
-// Response records. The parameters are read only when responseCode is 0;
-// an error response is its header alone.
-struct HeaderOnlyOut { TPM2_RESPONSE_HEADER header; };
-using StartupOut = HeaderOnlyOut;
-using ShutdownOut = HeaderOnlyOut;
-using PcrExtendOut = HeaderOnlyOut;
-using PcrResetOut = HeaderOnlyOut;
-using FlushContextOut = HeaderOnlyOut;
-using HierarchyCtrlOut = HeaderOnlyOut;
-struct PcrReadOut {
-  TPM2_RESPONSE_HEADER header;
-  uint32_t pcrUpdateCounter;
-  TPML_PCR_SELECTION pcrSelectionOut;
-  TPML_DIGEST pcrValues;
-};
-struct GetCapabilityOut {
-  TPM2_RESPONSE_HEADER header;
-  uint8_t moreData;
-  uint32_t capability;  // kTpmCapCommands or kTpmCapTpmProperties
-  uint32_t count;
-  uint32_t commands[kMaxCapCommands];                     // capability 2
-  TPMS_TAGGED_PROPERTY properties[kMaxCapTpmProperties];  // capability 6
-};
-struct ContextLoadOut { TPM2_RESPONSE_HEADER header; uint32_t loadedHandle; };
-struct ContextSaveOut { TPM2_RESPONSE_HEADER header; TPMS_CONTEXT context; };
-struct NvReadPublicOut { TPM2_RESPONSE_HEADER header; TPMS_NV_PUBLIC nvPublic; TPM2B_NAME nvName; };
-struct NvReadOut { TPM2_RESPONSE_HEADER header; TPM2B_MAX_NV_BUFFER data; TPMS_AUTH_RESPONSE auth; };
-struct GetRandomOut { TPM2_RESPONSE_HEADER header; TPM2B_DIGEST randomBytes; };
-
 // Tpm2_Marshal_TPM2B_DATA and the other sized-buffer marshallers write the
-// 16-bit size and the bytes; a null |in| writes a size of 0. They return the
-// bytes written, or 0 when the output does not fit or size > capacity.
+// 16-bit size and the bytes of |in| (not null). They return the bytes
+// written, or 0 when the output does not fit or size > capacity.
 uint32_t Tpm2_Marshal_TPM2B_DATA(const TPM2B_DATA* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_Marshal_TPM2B_NAME(const TPM2B_NAME* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_Marshal_TPM2B_ID_OBJECT(const TPM2B_ID_OBJECT* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_Marshal_TPM2B_ENCRYPTED_SECRET(const TPM2B_ENCRYPTED_SECRET* in, uint8_t* dst,
-                                             uint32_t dst_len);
 uint32_t Tpm2_Marshal_TPM2B_DIGEST(const TPM2B_DIGEST* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_Marshal_TPM2B_ATTEST(const TPM2B_ATTEST* in, uint8_t* dst, uint32_t dst_len);
 
 // Tpm2_Unmarshal_TPM2B_DIGEST and the other sized-buffer unmarshallers
 // return the bytes consumed (2 + size), or 0 when the input ends early or
 // the size is above the record's capacity (64 for DATA and DIGEST).
 uint32_t Tpm2_Unmarshal_TPM2B_DATA(const uint8_t* src, uint32_t src_len, TPM2B_DATA* out);
 uint32_t Tpm2_Unmarshal_TPM2B_DIGEST(const uint8_t* src, uint32_t src_len, TPM2B_DIGEST* out);
-uint32_t Tpm2_Unmarshal_TPM2B_ID_OBJECT(const uint8_t* src, uint32_t src_len, TPM2B_ID_OBJECT* out);
-uint32_t Tpm2_Unmarshal_TPM2B_ENCRYPTED_SECRET(const uint8_t* src, uint32_t src_len,
-                                               TPM2B_ENCRYPTED_SECRET* out);
-uint32_t Tpm2_Unmarshal_TPM2B_PRIVATE(const uint8_t* src, uint32_t src_len, TPM2B_PRIVATE* out);
 uint32_t Tpm2_Unmarshal_TPM2B_ATTEST(const uint8_t* src, uint32_t src_len, TPM2B_ATTEST* out);
 
 // Tpm2_Marshal_TPM2B_PUBLIC writes the public area of |in| (not null) after
@@ -366,46 +259,5 @@ uint32_t Tpm2_Unmarshal_TPML_PCR_SELECTION(const uint8_t* src, uint32_t src_len,
                                            TPML_PCR_SELECTION* out);
 uint32_t Tpm2_Marshal_TPML_DIGEST(const TPML_DIGEST* in, uint8_t* dst, uint32_t dst_len);
 uint32_t Tpm2_Unmarshal_TPML_DIGEST(const uint8_t* src, uint32_t src_len, TPML_DIGEST* out);
-
-// Scalars and headers.
-uint32_t Tpm2_Unmarshal_UINT32(const uint8_t* src, uint32_t src_len, uint32_t* out);
-uint32_t Tpm2_UnmarshalCommandHeader(const uint8_t* src, uint32_t src_len, TPM2_COMMAND_HEADER* out);
-uint32_t Tpm2_UnmarshalResponseHeader(const uint8_t* src, uint32_t src_len, TPM2_RESPONSE_HEADER* out);
-uint32_t Tpm2_Unmarshal_TPMS_AUTH_COMMAND(const uint8_t* src, uint32_t src_len, TPMS_AUTH_COMMAND* out);
-uint32_t Tpm2_Unmarshal_TPMS_AUTH_RESPONSE(const uint8_t* src, uint32_t src_len,
-                                           TPMS_AUTH_RESPONSE* out);
-
-// Commands: header (commandSize patched to the total), handles, the
-// authorization area where the command has one (authorizationSize covers
-// the one TPMS_AUTH_COMMAND), then the parameters.
-uint32_t Tpm2_MarshalStartupIn(const StartupIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalShutdownIn(const ShutdownIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalPcrReadIn(const PcrReadIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalPcrExtendIn(const PcrExtendIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalPcrResetIn(const PcrResetIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalGetCapabilityIn(const GetCapabilityIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalContextLoadIn(const ContextLoadIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalContextSaveIn(const ContextSaveIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalFlushContextIn(const FlushContextIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalHierarchyCtrlIn(const HierarchyCtrlIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalNvReadPublicIn(const NvReadPublicIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalNvReadIn(const NvReadIn* in, uint8_t* dst, uint32_t dst_len);
-uint32_t Tpm2_MarshalGetRandomIn(const GetRandomIn* in, uint8_t* dst, uint32_t dst_len);
-
-// Responses: the header, then (when responseCode is 0) the parameters. For
-// a response with sessions the parameterSize word is read before them.
-uint32_t Tpm2_UnmarshalStartupOut(const uint8_t* src, uint32_t src_len, StartupOut* out);
-uint32_t Tpm2_UnmarshalShutdownOut(const uint8_t* src, uint32_t src_len, ShutdownOut* out);
-uint32_t Tpm2_UnmarshalPcrExtendOut(const uint8_t* src, uint32_t src_len, PcrExtendOut* out);
-uint32_t Tpm2_UnmarshalPcrResetOut(const uint8_t* src, uint32_t src_len, PcrResetOut* out);
-uint32_t Tpm2_UnmarshalFlushContextOut(const uint8_t* src, uint32_t src_len, FlushContextOut* out);
-uint32_t Tpm2_UnmarshalHierarchyCtrlOut(const uint8_t* src, uint32_t src_len, HierarchyCtrlOut* out);
-uint32_t Tpm2_UnmarshalPcrReadOut(const uint8_t* src, uint32_t src_len, PcrReadOut* out);
-uint32_t Tpm2_UnmarshalGetCapabilityOut(const uint8_t* src, uint32_t src_len, GetCapabilityOut* out);
-uint32_t Tpm2_UnmarshalContextLoadOut(const uint8_t* src, uint32_t src_len, ContextLoadOut* out);
-uint32_t Tpm2_UnmarshalContextSaveOut(const uint8_t* src, uint32_t src_len, ContextSaveOut* out);
-uint32_t Tpm2_UnmarshalNvReadPublicOut(const uint8_t* src, uint32_t src_len, NvReadPublicOut* out);
-uint32_t Tpm2_UnmarshalNvReadOut(const uint8_t* src, uint32_t src_len, NvReadOut* out);
-uint32_t Tpm2_UnmarshalGetRandomOut(const uint8_t* src, uint32_t src_len, GetRandomOut* out);
 
 }  // namespace Witnessd::Verify

@@ -4,21 +4,17 @@
 #include <tss2/tss2_mu.h>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <vector>
+
+#include "tests/verify/VerifyTestUtil.h"
 
 namespace v = Witnessd::Verify;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
+using Witnessd::VerifyTest::Bytes;
+using Witnessd::VerifyTest::ReadFile;
 
 template <typename T, typename Fn>
 uint32_t Unmarshal(Fn fn, const Bytes& wire, T* out) {
@@ -46,8 +42,7 @@ TEST(Tpm2Unmarshal, SizedBufferCapacities) {
 #define CASE(T, cap) \
   {#T, cap, [](const uint8_t* s, uint32_t l, void* o) { return v::Tpm2_Unmarshal_##T(s, l, static_cast<v::T*>(o)); }}
   const Case kCases[] = {
-      CASE(TPM2B_DATA, 64),          CASE(TPM2B_DIGEST, 64),   CASE(TPM2B_ID_OBJECT, 132),
-      CASE(TPM2B_ENCRYPTED_SECRET, 512), CASE(TPM2B_PRIVATE, 1550), CASE(TPM2B_ATTEST, 2304),
+      CASE(TPM2B_DATA, 64), CASE(TPM2B_DIGEST, 64), CASE(TPM2B_ATTEST, 2304),
   };
 #undef CASE
   alignas(8) static uint8_t out[4096];
@@ -64,10 +59,8 @@ TEST(Tpm2Unmarshal, SizedBufferCapacities) {
   }
 }
 
-TEST(Tpm2Marshal, SizedBufferNullWritesZeroSize) {
-  uint8_t dst[2] = {0xff, 0xff};
-  EXPECT_EQ(2u, v::Tpm2_Marshal_TPM2B_DATA(nullptr, dst, sizeof(dst)));
-  EXPECT_EQ(0, dst[0] | dst[1]);
+TEST(Tpm2Marshal, SizedBufferMustFitAndKeepItsCapacity) {
+  uint8_t dst[2];
   v::TPM2B_DIGEST d{};
   d.size = 3;
   EXPECT_EQ(0u, v::Tpm2_Marshal_TPM2B_DIGEST(&d, dst, sizeof(dst)));  // does not fit
@@ -172,84 +165,11 @@ TEST(Tpm2Unmarshal, EkTemplateFixture) {
   EXPECT_EQ(0u, Unmarshal(v::Tpm2_Unmarshal_TPM2B_PUBLIC, sized, &p2b));
 }
 
-TEST(Tpm2Signature, NullIsTwoBytes) {
+TEST(Tpm2Signature, KeyTypeIsNoSignatureAlgorithm) {
   v::TPMT_SIGNATURE sig{};
-  sig.sigAlg = v::kTpmAlgNull;
+  sig.sigAlg = v::kTpmAlgRsa;
   uint8_t dst[8];
-  EXPECT_EQ(2u, v::Tpm2_Marshal_TPMT_SIGNATURE(&sig, dst, sizeof(dst)));
-  EXPECT_EQ(2u, v::Tpm2_Unmarshal_TPMT_SIGNATURE(dst, 8, &sig));
-  sig.sigAlg = 0x0001;  // RSA is a key type, not a signature scheme
   EXPECT_EQ(0u, v::Tpm2_Marshal_TPMT_SIGNATURE(&sig, dst, sizeof(dst)));
-}
-
-TEST(Tpm2Command, SizeFieldEqualsWrittenLength) {
-  uint8_t dst[6000];
-  v::PcrExtendIn extend{};
-  extend.pcrHandle = 16;
-  extend.auth.sessionHandle = 0x40000009;
-  extend.digests.count = 2;
-  extend.digests.digests[0].hashAlg = v::kTpmAlgSha1;
-  extend.digests.digests[1].hashAlg = v::kTpmAlgSha256;
-  v::ContextLoadIn load{};
-  load.context.contextBlob.size = 5188;
-  v::NvReadIn nv_read{};
-  nv_read.auth.hmac.size = 32;
-  v::PcrReadIn pcr_read{};
-  pcr_read.pcrSelectionIn.count = 1;
-  pcr_read.pcrSelectionIn.pcrSelections[0] = {v::kTpmAlgSha256, 3, {0xff, 0xff, 0xff}};
-  v::StartupIn startup{0};
-  v::HierarchyCtrlIn hier{};
-  v::GetCapabilityIn cap{6, 0x100, 127};
-  const struct {
-    const char* name;
-    uint32_t written;
-    uint32_t expected;
-  } kCases[] = {
-      {"Startup", v::Tpm2_MarshalStartupIn(&startup, dst, sizeof(dst)), 12},
-      {"PcrRead", v::Tpm2_MarshalPcrReadIn(&pcr_read, dst, sizeof(dst)), 20},
-      // header 10, handle 4, authSize 4, auth 9, count 4, 2+20, 2+32
-      {"PcrExtend", v::Tpm2_MarshalPcrExtendIn(&extend, dst, sizeof(dst)), 87},
-      {"ContextLoad", v::Tpm2_MarshalContextLoadIn(&load, dst, sizeof(dst)), 10 + 16 + 2 + 5188},
-      {"NvRead", v::Tpm2_MarshalNvReadIn(&nv_read, dst, sizeof(dst)), 10 + 8 + 4 + 9 + 32 + 4},
-      {"HierarchyCtrl", v::Tpm2_MarshalHierarchyCtrlIn(&hier, dst, sizeof(dst)), 10 + 4 + 4 + 9 + 5},
-      {"GetCapability", v::Tpm2_MarshalGetCapabilityIn(&cap, dst, sizeof(dst)), 22},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.expected, c.written);
-  }
-  // The header of the last command written reads back with its size.
-  v::TPM2_COMMAND_HEADER header;
-  ASSERT_EQ(10u, v::Tpm2_UnmarshalCommandHeader(dst, 10, &header));
-  EXPECT_EQ(22u, header.commandSize);
-  EXPECT_EQ(0x17Au, header.commandCode);
-  EXPECT_EQ(0u, v::Tpm2_UnmarshalCommandHeader(dst, 9, &header));
-  EXPECT_EQ(0u, v::Tpm2_MarshalGetCapabilityIn(&cap, dst, 21));
-}
-
-TEST(Tpm2Response, ParametersFollowOnlySuccess) {
-  // PCR_Read: header, pcrUpdateCounter, one SHA256 selection of PCR 0, one digest.
-  Bytes ok = {0x80, 0x01, 0, 0, 0, 0, 0, 0, 0, 0,  // header
-              0, 0, 0, 7,                          // pcrUpdateCounter
-              0, 0, 0, 1, 0x00, 0x0b, 3, 1, 0, 0,  // pcrSelectionOut
-              0, 0, 0, 1, 0, 2, 0xaa, 0xbb};       // pcrValues
-  v::PcrReadOut out;
-  ASSERT_EQ(ok.size(), Unmarshal(v::Tpm2_UnmarshalPcrReadOut, ok, &out));
-  EXPECT_EQ(7u, out.pcrUpdateCounter);
-  EXPECT_EQ(0xbb, out.pcrValues.digests[0].buffer[1]);
-  ExpectEveryPrefixFails<v::PcrReadOut>(v::Tpm2_UnmarshalPcrReadOut, ok);
-  Bytes error = {0x80, 0x01, 0, 0, 0, 10, 0, 0, 0x01, 0x01};
-  EXPECT_EQ(10u, Unmarshal(v::Tpm2_UnmarshalPcrReadOut, error, &out));
-
-  // GetCapability decodes commands (2) and properties (6) only.
-  Bytes cap = {0x80, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, /*moreData*/ 1, 0, 0, 0, 6, 0, 0, 0, 1,
-               0, 0, 1, 0, 0x32, 0x2e, 0x30, 0};
-  v::GetCapabilityOut cap_out;
-  ASSERT_EQ(cap.size(), Unmarshal(v::Tpm2_UnmarshalGetCapabilityOut, cap, &cap_out));
-  EXPECT_EQ(1, cap_out.moreData);
-  EXPECT_EQ(0x100u, cap_out.properties[0].property);
-  cap[14] = 5;  // TPM_CAP_PCRS
-  EXPECT_EQ(0u, Unmarshal(v::Tpm2_UnmarshalGetCapabilityOut, cap, &cap_out));
 }
 
 // --- Cross-check against the TPM software stack's marshalling library ---

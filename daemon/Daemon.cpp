@@ -50,7 +50,6 @@ void OnTerminationSignal(int) {
   if (AttestApi::Endpoint* endpoint = g_endpoint.load()) {
     endpoint->Stop();
   }
-  Preference_Exit();
   // Ends without stopping the errors tracker: a signal is not the normal path.
   Hearth::System::QuickExit(0);
 }
@@ -58,9 +57,7 @@ void OnTerminationSignal(int) {
 }  // namespace
 
 int Main() {
-  FeatureState_Init();
-  SSL_Init(nullptr, nullptr, nullptr);
-  Preference_Init();
+  SSL_Init();
 
   auto scratch = Hearth::Service::CreateScratchConfig();
   scratch->SetString("log/level", "info");
@@ -167,12 +164,8 @@ int Main() {
   if (errors_tracker) {
     errors_tracker->Stop();
   }
-  if (traffic_tracker) {
-    traffic_tracker->SetStopped();
-  }
   Log_Level(kLogWarning, "Exiting with status %d\n", status);
   Orm::Common::SignalUtils::SignalsExit();
-  Preference_Exit();
   Hearth::System::QuickExit(status);
 }
 

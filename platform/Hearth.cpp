@@ -270,10 +270,6 @@ void ThreadPool::Post(std::function<void()> task) {
   impl_->cv.notify_one();
 }
 
-size_t ThreadPool::MaxThreads() const {
-  return impl_->max_threads;
-}
-
 size_t ThreadPool::ThreadCount() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->threads.size();

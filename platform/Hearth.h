@@ -104,7 +104,6 @@ class ThreadPool {
   explicit ThreadPool(size_t max_threads);
   ~ThreadPool();
   void Post(std::function<void()> task);
-  size_t MaxThreads() const;
   size_t ThreadCount() const;
 
  private:

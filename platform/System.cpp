@@ -52,17 +52,11 @@ std::string Hostinfo_HostName() {
   return name;
 }
 
-void FeatureState_Init() {}
-
-void SSL_Init(const char*, const char*, const char*) {
+void SSL_Init() {
   OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_ADD_ALL_CIPHERS |
                           OPENSSL_INIT_ADD_ALL_DIGESTS,
                       nullptr);
 }
-
-void Preference_Init() {}
-
-void Preference_Exit() {}
 
 namespace Hearth {
 

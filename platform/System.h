@@ -23,12 +23,8 @@ void Hostinfo_GetTimeOfDay(int64_t* out_usec);
 // Hostinfo_HostName returns the host name, or an empty text when it is unknown.
 std::string Hostinfo_HostName();
 
-// Process-wide initialisation hooks of the platform. They hold no state of
-// their own beyond what OpenSSL needs.
-void FeatureState_Init();
-void SSL_Init(const char* a, const char* b, const char* c);
-void Preference_Init();
-void Preference_Exit();
+// Process-wide OpenSSL initialisation: error strings, ciphers and digests.
+void SSL_Init();
 
 namespace Hearth {
 

@@ -17,15 +17,10 @@ class TrafficTracker {
   explicit TrafficTracker(std::shared_ptr<Hearth::Service::Logger> logger) : logger_(std::move(logger)) {}
   void CountRequest() { requests_.fetch_add(1, std::memory_order_relaxed); }
   uint64_t Requests() const { return requests_.load(std::memory_order_relaxed); }
-  void SetStopped() { stopped_.store(true); }
-  bool Stopped() const { return stopped_.load(); }
 
  private:
   std::shared_ptr<Hearth::Service::Logger> logger_;
-  std::shared_ptr<void> slot1_;
-  std::shared_ptr<void> slot2_;
   std::atomic<uint64_t> requests_{0};
-  std::atomic<bool> stopped_{false};
 };
 
 // ErrorsTracker counts API errors by category: "service", "resource", "others".
@@ -35,7 +30,6 @@ class ErrorsTracker {
   void Count(const std::string& category);
   uint64_t CountOf(const std::string& category) const;
   void Stop() { stopped_.store(true); }
-  bool Stopped() const { return stopped_.load(); }
 
  private:
   std::shared_ptr<Hearth::Service::Logger> logger_;

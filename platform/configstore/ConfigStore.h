@@ -91,7 +91,6 @@ class StoreObject {
   void SetValue(const std::string& field, bool value);
   void SetValue(const std::string& field, const std::vector<std::string>& value);
 
-  bool HasValue(const std::string& field) const { return fields_.count(field) != 0; }
   const ConfigStoreObjectId& GetConfigStoreObjectId() const { return id_; }
 
  protected:

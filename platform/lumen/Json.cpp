@@ -263,18 +263,6 @@ std::optional<bool> InputReader::OptBool(const char* name) {
   return f->get<bool>();
 }
 
-bool InputReader::Bool(const char* name) {
-  const nlohmann::json* f = Field(name, true);
-  if (f == nullptr) {
-    return false;
-  }
-  if (!f->is_boolean()) {
-    Fail(name);
-    return false;
-  }
-  return f->get<bool>();
-}
-
 std::optional<std::vector<std::string>> InputReader::OptStringList(const char* name) {
   const nlohmann::json* f = Field(name, false);
   if (f == nullptr) {
@@ -328,14 +316,6 @@ InputReader InputReader::Object(const char* name) {
   std::string path = path_.empty() ? name : path_ + "." + name;
   const nlohmann::json* f = Field(name, true);
   return InputReader(f != nullptr ? *f : kNull, path);
-}
-
-std::optional<InputReader> InputReader::OptObject(const char* name) {
-  const nlohmann::json* f = Field(name, false);
-  if (f == nullptr) {
-    return std::nullopt;
-  }
-  return InputReader(*f, path_.empty() ? name : path_ + "." + name);
 }
 
 void InputReader::Merge(const InputReader& nested) {

@@ -25,7 +25,6 @@ class TypeRegistry {
   // "services" (id -> {"operations": {id -> {"input", "output", "errors"}}}).
   explicit TypeRegistry(nlohmann::json metamodel);
 
-  const nlohmann::json& Metamodel() const { return metamodel_; }
   // OutputType returns the operation's output type, or null when unknown.
   const nlohmann::json* OutputType(const std::string& service_id, const std::string& operation_id) const;
   // Decorate returns |value| in decorated form for |type|. Parts the type
@@ -72,7 +71,6 @@ class InputReader {
   std::string Name(const char* name);
   std::optional<std::string> OptString(const char* name);
   std::optional<bool> OptBool(const char* name);
-  bool Bool(const char* name);
   std::vector<std::string> StringList(const char* name);
   std::optional<std::vector<std::string>> OptStringList(const char* name);
   std::vector<uint8_t> Binary(const char* name);
@@ -80,7 +78,6 @@ class InputReader {
   // Object returns a reader over a nested structure; the nested reader's
   // failures are reported through Merge.
   InputReader Object(const char* name);
-  std::optional<InputReader> OptObject(const char* name);
   void Merge(const InputReader& nested);
 
  private:

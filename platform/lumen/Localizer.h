@@ -27,8 +27,6 @@ class Localizer {
 
   Localizer(std::string locale, TemplateSource source);
 
-  const std::string& Locale() const { return locale_; }
-
   // Format returns the message's text with its placeholders filled. Only one
   // locale's texts exist, so |locale| selects nothing yet; the template comes
   // from the source, or from the message itself when the source has none.

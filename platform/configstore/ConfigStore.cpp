@@ -391,20 +391,29 @@ void HyvConfigStore::Exec(const char* sql) {
   Check(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr), sql);
 }
 
-void HyvConfigStore::Begin() {
-  Exec("BEGIN IMMEDIATE");
-}
-
-void HyvConfigStore::Commit() {
-  Exec("COMMIT");
-}
-
-void HyvConfigStore::Rollback() {
-  // Not through the fault seam: undoing must work after an injected fault.
-  if (!sqlite3_get_autocommit(db_)) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+// Transaction is one write transaction, begun on construction and rolled
+// back on destruction unless Commit succeeded, so every early exit and
+// exception undoes the partial writes. Callers hold mutex_.
+class HyvConfigStore::Transaction {
+ public:
+  explicit Transaction(HyvConfigStore* store) : store_(store) { store_->Exec("BEGIN IMMEDIATE"); }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction() {
+    // Not through the fault seam: undoing must work after an injected fault.
+    if (!committed_ && !sqlite3_get_autocommit(store_->db_)) {
+      sqlite3_exec(store_->db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
   }
-}
+  void Commit() {
+    store_->Exec("COMMIT");
+    committed_ = true;
+  }
+
+ private:
+  HyvConfigStore* store_;
+  bool committed_ = false;
+};
 
 ConfigStoreObjectPtr HyvConfigStore::Read(const ConfigStoreObjectId& id) {
   Statement st(this, "SELECT body FROM records WHERE key=?1 AND component=?2 AND grp=?3 AND instance=?4");
@@ -450,48 +459,33 @@ ConfigStoreObjectPtr HyvConfigStore::GetObject(const ConfigStoreObjectId& id) {
 void HyvConfigStore::SetObject(const ConfigStoreObject& object, int& status) {
   std::string body = ObjectCodec::Dump(ObjectCodec::Encode(object));
   std::lock_guard<std::mutex> lock(mutex_);
-  try {
-    Begin();
-    bool existed = Write(object.GetConfigStoreObjectId(), body);
-    Commit();
-    status = existed ? 1 : 0;
-  } catch (...) {
-    Rollback();
-    throw;
-  }
+  Transaction tx(this);
+  bool existed = Write(object.GetConfigStoreObjectId(), body);
+  tx.Commit();
+  status = existed ? 1 : 0;
 }
 
 void HyvConfigStore::UpdateObject(const ConfigStoreObjectId& id, const ConfigStoreObject& object) {
   std::lock_guard<std::mutex> lock(mutex_);
-  try {
-    Begin();
-    ConfigStoreObjectPtr current = Read(id);
-    if (current == nullptr) {
-      current = std::make_shared<ConfigStoreObject>(id);
-    }
-    ObjectCodec::Merge(object, current.get());
-    Write(id, ObjectCodec::Dump(ObjectCodec::Encode(*current)));
-    Commit();
-  } catch (...) {
-    Rollback();
-    throw;
+  Transaction tx(this);
+  ConfigStoreObjectPtr current = Read(id);
+  if (current == nullptr) {
+    current = std::make_shared<ConfigStoreObject>(id);
   }
+  ObjectCodec::Merge(object, current.get());
+  Write(id, ObjectCodec::Dump(ObjectCodec::Encode(*current)));
+  tx.Commit();
 }
 
 bool HyvConfigStore::DeleteObject(const ConfigStoreObjectId& id) {
   std::lock_guard<std::mutex> lock(mutex_);
-  try {
-    Begin();
-    Statement st(this, "DELETE FROM records WHERE key=?1 AND component=?2 AND grp=?3 AND instance=?4");
-    st.BindId(id);
-    st.Step();
-    bool deleted = sqlite3_changes(db_) > 0;
-    Commit();
-    return deleted;
-  } catch (...) {
-    Rollback();
-    throw;
-  }
+  Transaction tx(this);
+  Statement st(this, "DELETE FROM records WHERE key=?1 AND component=?2 AND grp=?3 AND instance=?4");
+  st.BindId(id);
+  st.Step();
+  bool deleted = sqlite3_changes(db_) > 0;
+  tx.Commit();
+  return deleted;
 }
 
 std::vector<ConfigStoreObjectPtr> HyvConfigStore::GetObjectInstances(const FilterSpecObject& filter) {
@@ -512,17 +506,11 @@ std::vector<ConfigStoreObjectPtr> HyvConfigStore::GetDesiredUserConfigInstances(
 
 void HyvConfigStore::SetBootStatus(const ConfigStoreObjectId& id, bool restored) {
   std::lock_guard<std::mutex> lock(mutex_);
-  try {
-    Begin();
-    Statement st(this,
-                 "UPDATE records SET boot_id=?5 WHERE key=?1 AND component=?2 AND grp=?3 AND instance=?4");
-    st.BindId(id).Bind(5, restored ? boot_id_ : std::string());
-    st.Step();
-    Commit();
-  } catch (...) {
-    Rollback();
-    throw;
-  }
+  Transaction tx(this);
+  Statement st(this, "UPDATE records SET boot_id=?5 WHERE key=?1 AND component=?2 AND grp=?3 AND instance=?4");
+  st.BindId(id).Bind(5, restored ? boot_id_ : std::string());
+  st.Step();
+  tx.Commit();
 }
 
 bool HyvConfigStore::GetBootStatus(const ConfigStoreObjectId& id) {
@@ -614,7 +602,7 @@ bool HyvConfigStore::Import(const std::string& text, const std::vector<FilterSpe
   }
   std::lock_guard<std::mutex> lock(mutex_);
   try {
-    Begin();
+    Transaction tx(this);
     for (const ConfigStoreObjectId& key : keys) {
       Statement st(this, "DELETE FROM records WHERE key=?1 AND component=?2 AND grp=?3");
       st.Bind(1, key.key).Bind(2, key.component).Bind(3, key.group);
@@ -623,9 +611,8 @@ bool HyvConfigStore::Import(const std::string& text, const std::vector<FilterSpe
     for (const auto& [id, body] : rows) {
       Write(id, body);
     }
-    Commit();
+    tx.Commit();
   } catch (const HostCtlException& e) {
-    Rollback();
     errors.push_back({"", e.what()});
     return false;
   }

@@ -185,15 +185,13 @@ class HyvConfigStore {
 
  private:
   class Statement;
+  class Transaction;
   HyvConfigStore() = default;
 
   void Check(int rc, const char* what);
   void Fault();
   sqlite3* Db() { return db_; }
   void Exec(const char* sql);
-  void Begin();
-  void Commit();
-  void Rollback();
   ConfigStoreObjectPtr Read(const ConfigStoreObjectId& id);
   bool Write(const ConfigStoreObjectId& id, const std::string& body);
   std::vector<ConfigStoreObjectPtr> ReadInstances(const ConfigStoreObjectId& id);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "bench/RatioReporter.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/tcg/SecurityInfo.h"
 #include "tests/verify/VerifyTestUtil.h"
@@ -163,9 +164,7 @@ struct HvLog {
       unsigned int len;
       EVP_Digest(name.data(), name.size(), h.data(), &len, EVP_sha256(), nullptr);
       sha256.push_back(h);
-      char hex[65];
-      v::HexDump(nullptr, h.data(), 32, hex);
-      if (pcr != 10) checksums[name] = hex;
+      if (pcr != 10) checksums[name] = Hearth::HexString(h.data(), 32);
       Bytes input(replay[pcr], replay[pcr] + 32);
       input.insert(input.end(), h.begin(), h.end());
       EVP_Digest(input.data(), 64, replay[pcr], &len, EVP_sha256(), nullptr);

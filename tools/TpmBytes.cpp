@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/Hex.h"
 #include "platform/tcg/Tpm20Cmd.h"
 
 namespace Witnessd::Agent {
@@ -58,15 +59,7 @@ Bytes Sha256(const Bytes& data) {
 
 Bytes Sha256(const std::string& text) { return Sha256(Bytes(text.begin(), text.end())); }
 
-std::string Hex(const Bytes& data) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (uint8_t b : data) {
-    out.push_back(kDigits[b >> 4]);
-    out.push_back(kDigits[b & 15]);
-  }
-  return out;
-}
+std::string Hex(const Bytes& data) { return Hearth::HexString(data.data(), data.size()); }
 
 bool DerCertificateToPem(const Bytes& der, std::string* out) {
   const unsigned char* p = der.data();

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "daemon/log/Assert.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "platform/ssl/SslUtils.h"
@@ -61,17 +62,6 @@ bool TaggedEvent(const Entry& e, uint32_t* out_id, const char** out_text, uint32
   *out_text = text;
   *out_size = size;
   return true;
-}
-
-std::string Hex(const uint8_t* bytes, size_t len) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(len * 2);
-  for (size_t i = 0; i < len; i++) {
-    out.push_back(kDigits[bytes[i] >> 4]);
-    out.push_back(kDigits[bytes[i] & 0x0f]);
-  }
-  return out;
 }
 
 // PcrRead is one TPM2_PCR_Read result: one SHA-256 selection and its values.
@@ -347,7 +337,7 @@ SessionResult Session::SetEventLog(const Bytes& event_log, bool complete) {
     }
     for (const Entry::Digest& d : e.digests) {
       if (d.algorithm == kTpmAlgSha256 && d.value.size() == kSha256Bytes) {
-        hvkernel_digest_ = Hex(d.value.data(), d.value.size());
+        hvkernel_digest_ = Hearth::HexString(d.value.data(), d.value.size());
         break;
       }
     }

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "verify/Tpm2Marshal.h"
@@ -244,25 +245,17 @@ void Sha256Extend(uint8_t* pcr, const uint8_t* digest) {
   SHA256_Final(pcr, &ctx);
 }
 
-void HexDump(const char* label, const void* data, size_t len, char* out) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  const uint8_t* bytes = static_cast<const uint8_t*>(data);
-  if (out != nullptr) {
-    for (size_t i = 0; i < len; ++i) {
-      out[2 * i] = kDigits[bytes[i] >> 4];
-      out[2 * i + 1] = kDigits[bytes[i] & 0xf];
-    }
-    out[2 * len] = '\0';
-    return;
-  }
+void HexDump(const char* label, const void* data, size_t len) {
   if (!Log_IsEnabled(kLogInfo)) {
     return;
   }
+  const uint8_t* bytes = static_cast<const uint8_t*>(data);
   for (size_t line = 0; line < len; line += 16) {
     char text[16 * 3 + 1];
     size_t n = len - line < 16 ? len - line : 16;
     for (size_t i = 0; i < n; ++i) {
-      std::snprintf(text + 3 * i, 4, "%02x ", bytes[line + i]);
+      Hearth::HexEncode(bytes + line + i, 1, text + 3 * i);
+      text[3 * i + 2] = ' ';
     }
     text[3 * n] = '\0';
     Log_Level(kLogInfo, "TPM2VLIB: %s %s\n", label, text);

@@ -55,10 +55,8 @@ bool VerifyRsaSignature(const uint8_t* digest, size_t digest_len, uint16_t alg, 
 void Sha256Extend(uint8_t* pcr, const uint8_t* digest);
 
 // HexDump logs |len| bytes as lower-case hex, 16 a line, each line
-// "TPM2VLIB: <label> <hex>" at the information level. With |out| given it
-// logs nothing and writes the bytes as "%02x" without blanks into |out|,
-// which holds at least 2 * len + 1 characters.
-void HexDump(const char* label, const void* data, size_t len, char* out = nullptr);
+// "TPM2VLIB: <label> <hex>" at the information level.
+void HexDump(const char* label, const void* data, size_t len);
 
 // Owners of OpenSSL handles returned here.
 struct X509StoreFree {

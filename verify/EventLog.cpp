@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/Hex.h"
 #include "platform/Log.h"
 
 namespace Witnessd::Verify {
@@ -53,9 +54,9 @@ VerifyStatus FindSha256Digest(const TcgDigest* digests, uint32_t count, const Tc
 bool DigestMatchesHex(const uint8_t* digest, uint16_t size, const char* expected) {
   // Compared digit by digit as lower-case hex, stopping at the first
   // difference or at the end of |expected|, which must end exactly here.
-  static constexpr char kDigits[] = "0123456789abcdef";
   for (uint16_t i = 0; i < size; ++i) {
-    if (expected[2 * i] != kDigits[digest[i] >> 4] || expected[2 * i + 1] != kDigits[digest[i] & 0xf]) {
+    if (expected[2 * i] != Hearth::kHexDigits[digest[i] >> 4] ||
+        expected[2 * i + 1] != Hearth::kHexDigits[digest[i] & 0xf]) {
       return false;
     }
   }
@@ -192,8 +193,8 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
     }
     if (std::memcmp(replay[pcr], quoted[pcr], kSha256Bytes) != 0) {
       char got[2 * kSha256Bytes + 1], want[2 * kSha256Bytes + 1];
-      HexDump(nullptr, replay[pcr], kSha256Bytes, got);
-      HexDump(nullptr, quoted[pcr], kSha256Bytes, want);
+      Hearth::HexEncode(replay[pcr], kSha256Bytes, got);
+      Hearth::HexEncode(quoted[pcr], kSha256Bytes, want);
       Warning("TPM2VLIB: PCR %u data mismatch during replay, Got %s Expected: %s", pcr, got, want);
       return kReplayMismatch;
     }

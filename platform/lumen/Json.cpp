@@ -2,6 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include "platform/Hex.h"
+
 namespace Lumen::Json {
 
 namespace {
@@ -168,13 +170,7 @@ std::string HexDigestSha256(const std::string& bytes) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int md_len = 0;
   EVP_Digest(bytes.data(), bytes.size(), md, &md_len, EVP_sha256(), nullptr);
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < md_len; ++i) {
-    out += kHex[md[i] >> 4];
-    out += kHex[md[i] & 15];
-  }
-  return out;
+  return Hearth::HexString(md, md_len);
 }
 
 InputReader::InputReader(const nlohmann::json& object, std::string path)

@@ -14,6 +14,8 @@
 #include <memory>
 #include <set>
 
+#include "platform/Hex.h"
+
 namespace Orm::Common {
 namespace {
 
@@ -120,13 +122,7 @@ bool SslUtils::ComputeHashHex(const std::string& data, std::string& out_hex) {
   if (!ComputeHash(data, digest)) {
     return false;
   }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  for (uint8_t b : digest) {
-    hex.push_back(kHex[b >> 4]);
-    hex.push_back(kHex[b & 0x0f]);
-  }
-  out_hex = std::move(hex);
+  out_hex = Hearth::HexString(digest.data(), digest.size());
   return true;
 }
 

@@ -8,21 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "platform/Hex.h"
+#include "tests/verify/VerifyTestUtil.h"
+
 namespace v = Witnessd::Verify;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-std::string Pair(v::VerifyStatus s) {
-  return "{" + std::to_string(v::StatusCategory(s)) + ", " + std::to_string(v::StatusCode(s)) + "}";
-}
-
-std::string Hex(const uint8_t* p, size_t n) {
-  char buf[129];
-  v::HexDump(nullptr, p, n, buf);
-  return buf;
-}
+using Witnessd::VerifyTest::Pair;
 
 Bytes Sha256Of(const std::string& text) {
   Bytes out(32);
@@ -48,7 +42,7 @@ struct Event {
 struct LogBuilder {
   std::vector<Event> events;
   v::HostClaims claims{0};
-  std::string txt_digest = Hex(Sha256Of("mle").data(), 32);
+  std::string txt_digest = Hearth::HexString(Sha256Of("mle").data(), 32);
   v::PayloadChecksumTable checksums;
 
   // Outputs.
@@ -76,7 +70,7 @@ struct LogBuilder {
       b.events.push_back({17, 2, "b", v::kEvEventTag, 1, false, 0, Sha256Of("mle")});
     }
     for (const char* name : {"k.b00", "s.v00", "sb.v00", "hyvupdt.v00"}) {
-      b.checksums[name] = Hex(Sha256Of(name).data(), 32);
+      b.checksums[name] = Hearth::HexString(Sha256Of(name).data(), 32);
     }
     return b;
   }

@@ -20,11 +20,8 @@ namespace {
 
 using Witnessd::VerifyTest::Base64;
 using Witnessd::VerifyTest::Bytes;
+using Witnessd::VerifyTest::Pair;
 using Witnessd::VerifyTest::QuoteBuilder;
-
-std::string Pair(v::VerifyStatus s) {
-  return "{" + std::to_string(v::StatusCategory(s)) + ", " + std::to_string(v::StatusCode(s)) + "}";
-}
 
 // A real SHA-1 quote from a cloud VM's virtual TPM: AK public area, quote
 // and signature as the TPM returned them, and the 24 SHA-1 PCR values.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/SwtpmProcess.h"
+#include "tests/verify/VerifyTestUtil.h"
 #include "verify/QuoteVerify.h"
 
 namespace v = Witnessd::Verify;
@@ -18,10 +19,7 @@ namespace v = Witnessd::Verify;
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-std::string Pair(v::VerifyStatus s) {
-  return "{" + std::to_string(v::StatusCategory(s)) + ", " + std::to_string(v::StatusCode(s)) + "}";
-}
+using Witnessd::VerifyTest::Pair;
 
 class SwtpmQuoteTest : public ::testing::Test {
  protected:

@@ -104,6 +104,10 @@ Bytes ReadFile(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
+std::string Pair(v::VerifyStatus s) {
+  return "{" + std::to_string(v::StatusCategory(s)) + ", " + std::to_string(v::StatusCode(s)) + "}";
+}
+
 void QuoteBuilder::Build(bool keep_pcrs) {
   if (!keep_pcrs) {
     for (uint32_t bank = 0; bank < v::kNumPcrBanks; ++bank) {

@@ -18,6 +18,8 @@ Bytes Base64(const std::string& text);
 // Prefixes |body| with its 16-bit big-endian size.
 Bytes WithSize(const Bytes& body);
 Bytes ReadFile(const std::string& path);
+// Pair renders a status as "{category, code}" for test messages.
+std::string Pair(Verify::VerifyStatus s);
 
 // A quote signed by an RSA-2048 key made once per process. Change the
 // public fields, then Build().

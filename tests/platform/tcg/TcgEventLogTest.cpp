@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Hex.h"
 #include "platform/tcg/SecurityInfo.h"
 
 namespace {
@@ -24,16 +25,6 @@ Bytes ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   EXPECT_TRUE(in.good()) << path;
   return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-std::string Hex(const Bytes& b) {
-  static const char* kDigits = "0123456789abcdef";
-  std::string s;
-  for (uint8_t x : b) {
-    s += kDigits[x >> 4];
-    s += kDigits[x & 15];
-  }
-  return s;
 }
 
 std::vector<Entry> Parse(const Bytes& log) {
@@ -78,7 +69,7 @@ std::map<std::string, std::map<uint32_t, std::string>> Replay(const std::vector<
   std::map<std::string, std::map<uint32_t, std::string>> out;
   for (const auto& [alg, values] : pcrs) {
     for (const auto& [pcr, value] : values) {
-      out[kBanks.at(alg).first][pcr] = Hex(value);
+      out[kBanks.at(alg).first][pcr] = Hearth::HexString(value.data(), value.size());
     }
   }
   return out;
@@ -160,7 +151,7 @@ TEST(ParseTcgEventLog, ReplaysAttestationLibraryLogs) {
     Bytes d(30);
     EVP_DecodeBlock(d.data(), reinterpret_cast<const uint8_t*>(d64.data()), static_cast<int>(d64.size()));
     d.resize(20);
-    EXPECT_EQ(Hex(d), win["sha1"][index]) << index;
+    EXPECT_EQ(Hearth::HexString(d.data(), d.size()), win["sha1"][index]) << index;
   }
 
   // Logs that must simply parse whole, and the one-record legacy log whose

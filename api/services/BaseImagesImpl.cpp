@@ -14,9 +14,6 @@ namespace OsHyv = Config::OsHyv;
 using Config::ConfigResult;
 namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 
-constexpr const char* kInvalidArgument = "com.quarro.hyv.attestation.os.hyv.base_images.invalid_argument";
-constexpr const char* kAlreadyExists = "com.quarro.hyv.attestation.os.hyv.base_images.already_exists";
-
 std::string ImageName(const std::string& version) {
   return "HYVi " + version;
 }
@@ -53,7 +50,7 @@ Lumen::StdError NotStored(const std::string& version) {
 
 void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::string> done) {
   if (imgdb.empty()) {
-    done(Errors::InvalidArgument(kInvalidArgument, {"imgdb"}));
+    done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"imgdb"}));
     return;
   }
   std::string version;
@@ -62,7 +59,7 @@ void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::str
       done(version);
       return;
     case OsHyv::ImportResult::kVersionExists:
-      done(Errors::AlreadyExists(kAlreadyExists, {version}));
+      done(Errors::AlreadyExists(Errors::kBaseImagesAlreadyExists, {version}));
       return;
     case OsHyv::ImportResult::kFailed:
       break;
@@ -95,7 +92,7 @@ void BaseImagesImpl::List(Callback<std::vector<Summary>> done) {
 
 void BaseImagesImpl::Delete(const std::string& version, Callback<Lumen::Void> done) {
   if (version.empty()) {
-    done(Errors::InvalidArgument(kInvalidArgument, {"version"}));
+    done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"version"}));
     return;
   }
   switch (OsHyv::DeleteBaseImage(version)) {
@@ -113,7 +110,7 @@ void BaseImagesImpl::Delete(const std::string& version, Callback<Lumen::Void> do
 
 void BaseImagesImpl::Get(const std::string& version, Callback<Info> done) {
   if (version.empty()) {
-    done(Errors::InvalidArgument(kInvalidArgument, {"version"}));
+    done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"version"}));
     return;
   }
   OsHyv::StoredBaseImage image;

@@ -13,16 +13,10 @@ using Config::ConfigResult;
 using Orm::Common::SslUtils;
 namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 
-constexpr const char* kEmptyName = "com.quarro.hyv.attestation.tpm2.ca_certificates.empty_name";
-constexpr const char* kEmptyCerts = "com.quarro.hyv.attestation.tpm2.ca_certificates.empty_certs";
-constexpr const char* kInvalidChain = "com.quarro.hyv.attestation.tpm2.ca_certificates.invalid_chain";
-constexpr const char* kAlreadyExists = "com.quarro.hyv.attestation.tpm2.ca_certificates.already_exists";
-constexpr const char* kInvalidData = "com.quarro.hyv.attestation.tpm2.ca_certificates.invalid_data";
-
 std::optional<Lumen::StdError> CheckName(const std::string& name) {
   if (name.empty()) {
     Log_Level(kLogError, "CA Certificates argument name empty\n");
-    return Errors::InvalidArgument(kEmptyName);
+    return Errors::InvalidArgument(Errors::kCaCertificatesEmptyName);
   }
   return std::nullopt;
 }
@@ -62,7 +56,7 @@ void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
   }
   Info info{name, {}};
   ConfigResult result = Config::Tpm2::GetCaCertificates(name, info.certificates);
-  done(ReadOutcome(result, std::move(info), kInvalidData));
+  done(ReadOutcome(result, std::move(info), Errors::kCaCertificatesInvalidData));
 }
 
 void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
@@ -72,12 +66,12 @@ void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> do
   }
   if (args.certificates.empty()) {
     Log_Level(kLogError, "CA certificates argument certs empty\n");
-    done(Errors::InvalidArgument(kEmptyCerts));
+    done(Errors::InvalidArgument(Errors::kCaCertificatesEmptyCerts));
     return;
   }
   if (!ChainIsValid(args.certificates)) {
     Log_Level(kLogError, "CA Certificate '%s' validation failed\n", args.name.c_str());
-    done(Errors::InvalidArgument(kInvalidChain));
+    done(Errors::InvalidArgument(Errors::kCaCertificatesInvalidChain));
     return;
   }
   // Stored as received; reads give the standardized form.
@@ -86,7 +80,7 @@ void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> do
       done(Lumen::Void{});
       return;
     case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(kAlreadyExists, {args.name}));
+      done(Errors::AlreadyExists(Errors::kCaCertificatesAlreadyExists, {args.name}));
       return;
     default:
       done(StdErrors::Error());

@@ -15,15 +15,6 @@ using Config::ConfigResult;
 using Orm::Common::SslUtils;
 namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 
-constexpr const char* kEmptyName = "com.quarro.hyv.attestation.tpm2.endorsement_keys.empty_name";
-constexpr const char* kNoEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.no_ek";
-constexpr const char* kInvalidKey = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_key";
-constexpr const char* kEmptyEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.empty_ek";
-constexpr const char* kInvalidCert = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_cert";
-constexpr const char* kMismatchedEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.mismatched_ek";
-constexpr const char* kAlreadyExists = "com.quarro.hyv.attestation.tpm2.endorsement_keys.already_exists";
-constexpr const char* kAlreadyExistsEk = "com.quarro.hyv.attestation.tpm2.endorsement_keys.already_exists_ek";
-constexpr const char* kInvalidData = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_data";
 constexpr const char* kCertBegin = "-----BEGIN CERTIFICATE-----";
 constexpr const char* kCertEnd = "-----END CERTIFICATE-----";
 
@@ -35,11 +26,11 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
                                                   const std::optional<std::string>& public_key, std::string& out_key) {
   if (certificate.empty()) {
     Log_Level(kLogError, "EK Certificate '%s' is empty\n", name.c_str());
-    return Errors::InvalidArgument(kEmptyEk);
+    return Errors::InvalidArgument(Errors::kEndorsementKeysEmptyEk);
   }
   if (!SslUtils::StandardizePemString(certificate, kCertBegin, kCertEnd)) {
     Log_Level(kLogError, "Unable to standardize the Endorsement Key certificate\n");
-    return Errors::InvalidArgument(kInvalidCert);
+    return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
   }
   bool require_eks = false;
   bool require_validation = false;
@@ -51,11 +42,11 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
     Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
     if (cas == nullptr) {
       Log_Level(kLogError, "Unable to get all configured CA certificates\n");
-      return Errors::InvalidArgument(kInvalidCert);
+      return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
     }
     if (!SslUtils::ValidateCertChain({certificate}, *cas, false)) {
       Log_Level(kLogError, "Endorsement Key certificate validation failed for '%s'\n", name.c_str());
-      return Errors::InvalidArgument(kInvalidCert);
+      return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
     }
   } else {
     Log_Level(kLogVerbose, "No certificate validation requested in Tpm2 settings\n");
@@ -63,17 +54,17 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
   if (!SslUtils::ExtractKeyFromCert(certificate, out_key)) {
     Log_Level(kLogError, "Unable to extract the public key of the Endorsement Key certificate for '%s'\n",
               name.c_str());
-    return Errors::InvalidArgument(kInvalidCert);
+    return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
   }
   if (public_key) {
     std::string key = *public_key;
     if (!SslUtils::StandardizePemPubKey(key)) {
       Log_Level(kLogError, "Public Endorsement Key standardization failed for '%s'\n", name.c_str());
-      return Errors::InvalidArgument(kInvalidKey);
+      return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidKey);
     }
     if (!SslUtils::ComparePemKeys(key, out_key)) {
       Log_Level(kLogError, "Endorsement Key certificate does not match public key\n");
-      return Errors::InvalidArgument(kMismatchedEk);
+      return Errors::InvalidArgument(Errors::kEndorsementKeysMismatchedEk);
     }
   }
   return std::nullopt;
@@ -89,22 +80,22 @@ void EndorsementKeysImpl::List(Callback<std::vector<Summary>> done) {
 
 void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
   if (name.empty()) {
-    done(Errors::InvalidArgument(kEmptyName));
+    done(Errors::InvalidArgument(Errors::kEndorsementKeysEmptyName));
     return;
   }
   Info info{name, ""};
   ConfigResult result = Config::Tpm2::GetEndorsementKey(name, info.public_key);
-  done(ReadOutcome(result, std::move(info), kInvalidData));
+  done(ReadOutcome(result, std::move(info), Errors::kEndorsementKeysInvalidData));
 }
 
 void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> done) {
   if (args.name.empty()) {
-    done(Errors::InvalidArgument(kEmptyName));
+    done(Errors::InvalidArgument(Errors::kEndorsementKeysEmptyName));
     return;
   }
   if (!args.public_key && !args.certificate) {
     Log_Level(kLogError, "Endorsement Key create requires public key or certificate\n");
-    done(Errors::InvalidArgument(kNoEk));
+    done(Errors::InvalidArgument(Errors::kEndorsementKeysNoEk));
     return;
   }
   std::string key;
@@ -112,7 +103,7 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
     key = *args.public_key;
     if (!SslUtils::StandardizePemPubKey(key) || !SslUtils::ValidatePemKey(key)) {
       Log_Level(kLogError, "Public Endorsement Key validation failed for '%s'\n", args.name.c_str());
-      done(Errors::InvalidArgument(kInvalidKey));
+      done(Errors::InvalidArgument(Errors::kEndorsementKeysInvalidKey));
       return;
     }
   } else if (auto error = KeyFromCertificate(args.name, *args.certificate, args.public_key, key)) {
@@ -124,10 +115,10 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
       done(Lumen::Void{});
       return;
     case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(kAlreadyExists, {args.name}));
+      done(Errors::AlreadyExists(Errors::kEndorsementKeysAlreadyExists, {args.name}));
       return;
     case ConfigResult::kConfigDuplicate:
-      done(Errors::AlreadyExists(kAlreadyExistsEk));
+      done(Errors::AlreadyExists(Errors::kEndorsementKeysAlreadyExistsEk));
       return;
     default:
       done(StdErrors::Error());
@@ -137,7 +128,7 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
 
 void EndorsementKeysImpl::Delete(const std::string& name, Callback<Lumen::Void> done) {
   if (name.empty()) {
-    done(Errors::InvalidArgument(kEmptyName));
+    done(Errors::InvalidArgument(Errors::kEndorsementKeysEmptyName));
     return;
   }
   done(DeleteOutcome(Config::Tpm2::DeleteEndorsementKey(name)));

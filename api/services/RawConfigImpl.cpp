@@ -6,29 +6,22 @@
 #include "platform/ssl/SslUtils.h"
 
 namespace Witnessd::AttestApi {
-namespace {
-
-constexpr const char* kInvalidInfoType = "com.quarro.hyv.attestation.raw_config.invalid_infotype";
-constexpr const char* kExportFailed = "com.quarro.hyv.attestation.raw_config.export_failed";
-constexpr const char* kImportFailed = "com.quarro.hyv.attestation.raw_config.import_failed";
-
-}  // namespace
 
 void RawConfigImpl::Export(std::optional<InfoType> info_type, Callback<Info> done) {
   if (info_type == InfoType::kUnknown) {
     Log_Level(kLogError, "Unknown info type requested\n");
-    done(Errors::InvalidArgument(kInvalidInfoType));
+    done(Errors::InvalidArgument(Errors::kRawConfigInvalidInfoType));
     return;
   }
   std::string text;
   Info info;
   if (!Config::ExportConfiguration(text, info.hash)) {
-    done(Errors::Error(kExportFailed));
+    done(Errors::Error(Errors::kRawConfigExportFailed));
     return;
   }
   if (info_type == InfoType::kCompressed) {
     if (!Orm::Common::Gzip::CompressFromString(text, info.config)) {
-      done(Errors::Error(kExportFailed));
+      done(Errors::Error(Errors::kRawConfigExportFailed));
       return;
     }
   } else {
@@ -40,18 +33,18 @@ void RawConfigImpl::Export(std::optional<InfoType> info_type, Callback<Info> don
 void RawConfigImpl::Import(const std::vector<uint8_t>& config, Callback<Lumen::Void> done) {
   if (config.empty()) {
     Log_Level(kLogError, "Invalid configuration: empty configuration\n");
-    done(Errors::Error(kImportFailed));
+    done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }
   std::string text;
   if (!Orm::Common::Gzip::DecompressToString(config, text)) {
     // The misspelling is the text operators already search for.
     Log_Level(kLogError, "Invalid configuation: decompression failed\n");
-    done(Errors::Error(kImportFailed));
+    done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }
   if (Config::ImportConfiguration(text) != Config::ConfigResult::kConfigOk) {
-    done(Errors::Error(kImportFailed));
+    done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }
   done(Lumen::Void{});

@@ -24,11 +24,6 @@ namespace Token = Witnessd::Document;
 using Orm::Common::SslUtils;
 using Tpm2::SessionResult;
 
-constexpr const char* kInvalidDoctype = "com.quarro.hyv.attestation.report.invalid_doctype";
-constexpr const char* kTpmCertRequired = "com.quarro.hyv.attestation.report.tpm_cert_required";
-constexpr const char* kUnknownTpm = "com.quarro.hyv.attestation.report.unknown_tpm";
-constexpr const char* kUnknownTpmCa = "com.quarro.hyv.attestation.report.unknown_tpm_ca";
-
 // EkDigestOf digests the white-space-free |pem|, the form the EK registry
 // and the sessions key EKs by. Empty when hashing fails (logged).
 Config::Tpm2::EkDigest EkDigestOf(const std::string& pem) {
@@ -124,7 +119,7 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
   }
   if (ek.public_key && require_validation) {
     Log_Level(kLogError, "EK public key provided when EK certificate required\n");
-    return Errors::Error(kTpmCertRequired);
+    return Errors::Error(Errors::kReportTpmCertRequired);
   }
   if (ek.certificate) {
     PresentedCert presented = ParsePresentedCert(*ek.certificate);
@@ -141,12 +136,12 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
       }
       if (cas == nullptr || !SslUtils::ValidateEkCert(presented.cert.get(), cas.get())) {
         Log_Level(kLogError, "Failed to validate EK certificate with configured CAs\n");
-        return Errors::Error(kUnknownTpmCa);
+        return Errors::Error(Errors::kReportUnknownTpmCa);
       }
     }
     if (require_eks && !IsConfiguredEk(EkDigestOf(key))) {
       Log_Level(kLogError, "Failed to validate EK certificate with configured EKs\n");
-      return Errors::Error(kUnknownTpm);
+      return Errors::Error(Errors::kReportUnknownTpm);
     }
     return std::nullopt;
   }
@@ -161,7 +156,7 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
   }
   if (!configured) {
     Log_Level(kLogError, "Failed to validate EK Pub with configured EKs\n");
-    return Errors::Error(kUnknownTpm);
+    return Errors::Error(Errors::kReportUnknownTpm);
   }
   RememberValidEk(digest);
   return std::nullopt;
@@ -190,15 +185,15 @@ void CountAttestation(const Lumen::StdError* error) {
 Lumen::StdError ReportImpl::ReportError(SessionResult code) {
   static constexpr const char* kIds[] = {
       nullptr,
-      "com.quarro.hyv.attestation.report.attest_failed",
-      "com.quarro.hyv.attestation.report.attest_invalid_input",
-      "com.quarro.hyv.attestation.report.attest_unknown_session",
-      "com.quarro.hyv.attestation.report.attest_session_limit",
-      "com.quarro.hyv.attestation.report.attest_invalid_state",
-      "com.quarro.hyv.attestation.report.attest_incomplete",
-      "com.quarro.hyv.attestation.report.attest_unknown_software",
-      "com.quarro.hyv.attestation.report.attest_no_secure_boot",
-      "com.quarro.hyv.attestation.report.attest_verify_failed",
+      Errors::kReportAttestFailed,
+      Errors::kReportAttestInvalidInput,
+      Errors::kReportAttestUnknownSession,
+      Errors::kReportAttestSessionLimit,
+      Errors::kReportAttestInvalidState,
+      Errors::kReportAttestIncomplete,
+      Errors::kReportAttestUnknownSoftware,
+      Errors::kReportAttestNoSecureBoot,
+      Errors::kReportAttestVerifyFailed,
   };
   int index = static_cast<int>(code);
   if (index < 1 || index > 9) {
@@ -228,7 +223,7 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   for (DocumentType type : tpm.document_types) {
     if (type == DocumentType::kUnknown) {
       Log_Level(kLogError, "Unknown document type requested\n");
-      done(Errors::InvalidArgument(kInvalidDoctype));
+      done(Errors::InvalidArgument(Errors::kReportInvalidDocType));
       return;
     }
     types.push_back(type == DocumentType::kKmsAuthJwt ? Token::kKmsAuthJwt : Token::kReportingJwt);

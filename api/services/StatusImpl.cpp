@@ -15,12 +15,12 @@ using namespace Config;
 
 // Message ids of the status conditions, by index.
 constexpr const char* kConditionIds[kNumStatusConditions] = {
-    "com.quarro.hyv.attestation.status.invalid_tpm2_settings",
-    "com.quarro.hyv.attestation.status.tpm_ca_unset",
-    "com.quarro.hyv.attestation.status.tpm_ek_unset",
-    "com.quarro.hyv.attestation.status.tpm_dup_ca",
-    "com.quarro.hyv.attestation.status.trusted_software_unset",
-    "com.quarro.hyv.attestation.status.hyv_base_images_load_error",
+    Errors::kStatusInvalidTpm2Settings,
+    Errors::kStatusTpmCaUnset,
+    Errors::kStatusTpmEkUnset,
+    Errors::kStatusTpmDupCa,
+    Errors::kStatusTrustedSoftwareUnset,
+    Errors::kStatusHyvBaseImagesLoadError,
 };
 
 }  // namespace

@@ -25,7 +25,7 @@ void Tpm2SettingsImpl::Update(const UpdateSpec& args, Callback<Lumen::Void> done
       done(Lumen::Void{});
       return;
     case ConfigResult::kConfigInvalidArgument:
-      done(Errors::InvalidArgument("com.quarro.hyv.attestation.tpm2.settings.invalid_requirements"));
+      done(Errors::InvalidArgument(Errors::kTpm2SettingsInvalidRequirements));
       return;
     default:
       done(Com::Quarro::Lumen::Std::Errors::Error());

@@ -3,12 +3,15 @@
 
 #include <filesystem>
 
+#include "api/errors/ErrorCatalogue.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
 
 namespace Witnessd::Testing {
 namespace {
+
+namespace Errors = AttestApi::Errors;
 
 constexpr const char* kService = "com.quarro.hyv.attestation.os.hyv.base_images";
 constexpr const char* kVersion = "8.0.1-12345";
@@ -84,8 +87,6 @@ TEST_F(BaseImagesService, ImportListGetDeleteAndRestart) {
 TEST_F(BaseImagesService, RefusalsLeaveTheStoredImagesAlone) {
   ASSERT_TRUE(Import(imgdb_->Make("")).ok);
   const nlohmann::json before = List();
-  const std::string invalid = "com.quarro.hyv.attestation.os.hyv.base_images.invalid_argument";
-  const std::string exists = "com.quarro.hyv.attestation.os.hyv.base_images.already_exists";
   const struct {
     const char* name;
     const char* operation;
@@ -95,17 +96,17 @@ TEST_F(BaseImagesService, RefusalsLeaveTheStoredImagesAlone) {
     std::vector<std::string> args;
   } cases[] = {
       {"same version again", "import", {{"imgdb", ApiClient::Base64(imgdb_->Make("--kernel-digest " + std::string(64, 'e')))}},
-       "ALREADY_EXISTS", exists, {kVersion}},
-      {"empty imgdb", "import", {{"imgdb", ""}}, "INVALID_ARGUMENT", invalid, {"imgdb"}},
+       "ALREADY_EXISTS", Errors::kBaseImagesAlreadyExists, {kVersion}},
+      {"empty imgdb", "import", {{"imgdb", ""}}, "INVALID_ARGUMENT", Errors::kBaseImagesInvalidArgument, {"imgdb"}},
       {"imgdb not base64", "import", {{"imgdb", "%%%"}}, "INVALID_ARGUMENT", "", {}},
       {"imgdb not gzip", "import", {{"imgdb", ApiClient::Base64(std::string("plain text"))}}, "ERROR", "", {}},
       {"signed by a partner only", "import",
        {{"imgdb", ApiClient::Base64(imgdb_->Make("--sign-base partner --version 9.0.0"))}}, "ERROR", "", {}},
-      {"get empty version", "get", {{"version", ""}}, "INVALID_ARGUMENT", invalid, {"version"}},
+      {"get empty version", "get", {{"version", ""}}, "INVALID_ARGUMENT", Errors::kBaseImagesInvalidArgument, {"version"}},
       {"get unknown version", "get", {{"version", "7.0.0"}}, "NOT_FOUND", "", {}},
       {"get version with a NUL", "get", {{"version", std::string(kVersion) + std::string(1, '\0')}}, "INVALID_ARGUMENT",
        "", {}},
-      {"delete empty version", "delete", {{"version", ""}}, "INVALID_ARGUMENT", invalid, {"version"}},
+      {"delete empty version", "delete", {{"version", ""}}, "INVALID_ARGUMENT", Errors::kBaseImagesInvalidArgument, {"version"}},
       {"delete unknown version", "delete", {{"version", "7.0.0"}}, "NOT_FOUND", "", {}},
       {"delete with a path", "delete", {{"version", "../8.0.1-12345"}}, "INVALID_ARGUMENT", "", {}},
   };

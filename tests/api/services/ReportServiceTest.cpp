@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 
+#include "api/errors/ErrorCatalogue.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
@@ -22,6 +23,7 @@ namespace Witnessd::Testing {
 namespace {
 
 using Agent::Fault;
+namespace Errors = Witnessd::AttestApi::Errors;
 
 constexpr const char* kServing = "HTTP endpoint listening on TCP port";
 constexpr const char* kReport = "com.quarro.hyv.attestation.report";
@@ -31,7 +33,6 @@ constexpr const char* kEks = "com.quarro.hyv.attestation.tpm2.endorsement_keys";
 constexpr const char* kCas = "com.quarro.hyv.attestation.tpm2.ca_certificates";
 constexpr const char* kCertificate = "com.quarro.hyv.attestation.certificate";
 constexpr const char* kVersion = "8.0.1-12345";
-constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
 
 // What the administrator declared, written into the daemon's store before
 // it starts.
@@ -178,14 +179,14 @@ TEST_F(ReportService, EachReportErrorForReal) {
     const char* error_type;
     const char* error;
   } kCases[] = {
-      {"unknown TPM", {true, false, false, false}, false, Fault::kNone, true, true, false, "ERROR", "unknown_tpm"},
+      {"unknown TPM", {true, false, false, false}, false, Fault::kNone, true, true, false, "ERROR", Errors::kReportUnknownTpm},
       {"untrusted TPM CA", {false, true, false, false}, true, Fault::kNone, true, true, false, "ERROR",
-       "unknown_tpm_ca"},
+       Errors::kReportUnknownTpmCa},
       {"certificate required", {true, true, true, true}, false, Fault::kNone, true, true, false, "ERROR",
-       "tpm_cert_required"},
+       Errors::kReportTpmCertRequired},
       {"PCR extended after the log", {}, false, Fault::kPcrAfterLog, true, true, false, "ERROR",
-       "attest_verify_failed"},
-      {"unknown software", {}, false, Fault::kNone, true, true, true, "ERROR", "attest_unknown_software"},
+       Errors::kReportAttestVerifyFailed},
+      {"unknown software", {}, false, Fault::kNone, true, true, true, "ERROR", Errors::kReportAttestUnknownSoftware},
   };
   // The cases follow a certificate that attested: the trust the daemon
   // cached for it must not outlive the deletion of its CA chain.
@@ -208,7 +209,7 @@ TEST_F(ReportService, EachReportErrorForReal) {
     EXPECT_FALSE(r.ok);
     EXPECT_EQ("", r.failure);
     EXPECT_EQ(c.error_type, r.error_type);
-    EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id);
+    EXPECT_EQ(c.error, r.error_id);
   }
   // The daemon went on serving through all of them.
   Ready({});
@@ -245,7 +246,7 @@ TEST_F(ReportService, CompromisedHostCannotPassOffATrustedLog) {
       EXPECT_EQ("", r.failure);
       if (strict) {
         EXPECT_FALSE(r.ok);
-        EXPECT_EQ(std::string(kReportErrors) + "attest_verify_failed", r.error_id);
+        EXPECT_EQ(Errors::kReportAttestVerifyFailed, r.error_id);
       } else {
         EXPECT_TRUE(r.ok) << r.error_id << daemon_->Log();
       }
@@ -299,8 +300,8 @@ TEST_F(ReportService, OnlyConfiguredEksCountAsConfigured) {
     return http(call, out, failure);
   };
   r = Agent::AttestWith(tpm_.get(), by_certificate, switch_then_call);
-  EXPECT_EQ(std::string(kReportErrors) + "unknown_tpm", r.error_id) << r.failure;
-  EXPECT_NE(std::string::npos, first_error.find(std::string(kReportErrors) + "unknown_tpm")) << first_error;
+  EXPECT_EQ(Errors::kReportUnknownTpm, r.error_id) << r.failure;
+  EXPECT_NE(std::string::npos, first_error.find(Errors::kReportUnknownTpm)) << first_error;
   EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
 }
 
@@ -317,10 +318,10 @@ TEST_F(ReportService, RefusedContinuationEndsItsSession) {
       {"certificates required",
        [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", true}}); },
        [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", false}}); },
-       "tpm_cert_required"},
+       Errors::kReportTpmCertRequired},
       {"EK deleted", [](ApiClient& a, const std::string&) { a.Invoke(kEks, "delete", {{"name", "swtpm"}}); },
        [](ApiClient& a, const std::string& ek) { a.Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek}}); },
-       "unknown_tpm"},
+       Errors::kReportUnknownTpm},
   };
   Ready({});
   Agent::ReportTransport http = Agent::OverHttp("127.0.0.1", daemon_->Port(), Agent::AttestOptions{}.content_type);
@@ -334,7 +335,7 @@ TEST_F(ReportService, RefusedContinuationEndsItsSession) {
         return http(call, out, failure);
       };
       Agent::AttestResult r = Agent::AttestWith(tpm_.get(), {}, refuse_then_call);
-      EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id) << r.failure;
+      EXPECT_EQ(c.error, r.error_id) << r.failure;
       EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
       c.restore(*admin_, ek_pem_);
     }
@@ -405,7 +406,7 @@ TEST_F(ReportService, RequestChecksComeBeforeTheEk) {
       {"no document type", request(nlohmann::json::array(), key), "INVALID_ARGUMENT", ""},
       {"two contexts", request({"KMS_AUTH_JWT"}, key, {"AA==", "AA=="}), "INVALID_ARGUMENT", ""},
       {"unknown document type", request({"PDF"}, key), "INVALID_ARGUMENT",
-       "com.quarro.hyv.attestation.report.invalid_doctype"},
+       Errors::kReportInvalidDocType},
       {"no EK", request({"KMS_AUTH_JWT"}, nlohmann::json::object()), "INVALID_ARGUMENT", ""},
       {"both EK forms", request({"KMS_AUTH_JWT"}, {{"public_key", ek_pem_}, {"certificate", ek_pem_}}),
        "INVALID_ARGUMENT", ""},
@@ -413,7 +414,7 @@ TEST_F(ReportService, RequestChecksComeBeforeTheEk) {
       {"unsupported request type", request({"KMS_AUTH_JWT"}, key, nlohmann::json::array(), "TPM1"),
        "INVALID_ARGUMENT", ""},
       {"garbage context", request({"KMS_AUTH_JWT"}, key, {"////"}), "ERROR",
-       "com.quarro.hyv.attestation.report.attest_invalid_input"},
+       Errors::kReportAttestInvalidInput},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

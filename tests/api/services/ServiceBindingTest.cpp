@@ -2,6 +2,7 @@
 // before the implementation runs, outputs in the wire shape, one answer.
 #include <gtest/gtest.h>
 
+#include "api/errors/ErrorCatalogue.h"
 #include "api/services/BaseImagesSvc.h"
 #include "api/services/CaCertificatesSvc.h"
 #include "api/services/CertificateSvc.h"
@@ -199,7 +200,7 @@ TEST(Binding, OutputShapes) {
   EXPECT_EQ(json::parse(R"({"version":"1.2.3","name":"HYVi 1.2.3","last_attested_time":null,
       "packages":[{"name":"p","version":"1","vendor":"v","type":"t","summary":"s"}]})"),
             Encode(info));
-  StatusSvc::Info status{StatusSvc::Health::kWarning, {Errors::MakeMessage("com.quarro.hyv.attestation.status.tpm_ek_unset")}};
+  StatusSvc::Info status{StatusSvc::Health::kWarning, {Errors::MakeMessage(Errors::kStatusTpmEkUnset)}};
   json s = Encode(status);
   EXPECT_EQ("WARNING", s["health"]);
   EXPECT_EQ("No TPM Endorsement Keys are configured.", s["messages"][0]["default_message"]);

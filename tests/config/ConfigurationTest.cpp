@@ -6,6 +6,7 @@
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 
 namespace Witnessd::Config {
 namespace {
@@ -47,9 +48,7 @@ TEST_F(SigningKeyTest, GeneratedOnceThenFoundOnTheNextStart) {
   EXPECT_FALSE(GetSigningKey(key));
   EXPECT_FALSE(GetSigningCertificate(cert));
 
-  testing::internal::CaptureStderr();
-  EnsureSigningKey();
-  std::string log = testing::internal::GetCapturedStderr();
+  std::string log = Testing::Capture(EnsureSigningKey);
   EXPECT_NE(std::string::npos, log.find("Generating private key and certificate"));
   ASSERT_TRUE(GetSigningKey(key));
   ASSERT_TRUE(GetSigningCertificate(cert));
@@ -60,9 +59,7 @@ TEST_F(SigningKeyTest, GeneratedOnceThenFoundOnTheNextStart) {
   ResetSigningKeyForTesting();
   HyvConfig::ConfigStore::Reset();
   Log_SetMaxLevel(kLogVerbose);
-  testing::internal::CaptureStderr();
-  EnsureSigningKey();
-  log = testing::internal::GetCapturedStderr();
+  log = Testing::Capture(EnsureSigningKey);
   Log_SetMaxLevel(kLogInfo);
   EXPECT_EQ(std::string::npos, log.find("Generating"));
   EXPECT_NE(std::string::npos, log.find("Existing report signing private key available"));
@@ -80,9 +77,9 @@ TEST_F(SigningKeyTest, ReadConfigValueAbsentAndFailing) {
   EXPECT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value));
   EXPECT_EQ("CERT", value);
   Store()->FailSqliteCallAfter(0);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value));
-  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("disk I/O error"));
+  std::string log =
+      Testing::Capture([&] { EXPECT_FALSE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value)); });
+  EXPECT_NE(std::string::npos, log.find("disk I/O error"));
   Store()->FailSqliteCallAfter(0);
   EXPECT_FALSE(SaveSigningKey("CERT", "KEY"));
   ExpectLocksReleased();

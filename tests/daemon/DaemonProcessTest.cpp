@@ -165,9 +165,6 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
     const char* xml;
     const char* problem;
   } kCases[] = {
-      {"malformed", "<config><log><level>info</level></config>", "line"},
-      {"wrong type", "<config><hearth><threadPool><maxThreads>lots</maxThreads></threadPool></hearth></config>",
-       "hearth/threadPool/maxThreads"},
       {"unknown level", "<config><log><level>chatty</level></log></config>", "chatty"},
       {"no I/O threads", "<config><hearth><threadPool><ioThreads>0</ioThreads></threadPool></hearth></config>",
        "ioThreads"},

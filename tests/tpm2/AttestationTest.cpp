@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 
+#include "api/errors/ErrorCatalogue.h"
 #include "api/services/ReportImpl.h"
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
@@ -17,6 +18,7 @@
 #include "platform/System.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TokenCheck.h"
 #include "tests/tpm2/InProcessReport.h"
 #include "tools/Agent.h"
@@ -30,18 +32,13 @@ namespace {
 
 using AttestApi::ReportImpl;
 using AttestApi::ReportSvc;
+namespace Errors = AttestApi::Errors;
 using Config::ConfigResult;
 
 constexpr const char* kVersion = "8.0.1-4242";
-constexpr const char* kReportErrors = "com.quarro.hyv.attestation.report.";
 
+using Testing::Capture;
 using Testing::Hex;
-
-std::string Capture(const std::function<void()>& fn) {
-  testing::internal::CaptureStderr();
-  fn();
-  return testing::internal::GetCapturedStderr();
-}
 
 // A clock the test moves by hand.
 struct ManualClock {
@@ -185,17 +182,17 @@ TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
     const char* log;
     bool session_left = false;  // a request naming no session ends none
   } kCases[] = {
-      {"tampered AK", Fault::kTamperedAk, true, true, "attest_invalid_input",
+      {"tampered AK", Fault::kTamperedAk, true, true, Errors::kReportAttestInvalidInput,
        "AK public key object attributes value does not match"},
-      {"wrong credential", Fault::kWrongCredential, true, true, "attest_invalid_input", "Failed to verify credential"},
-      {"out of order", Fault::kOutOfOrder, true, true, "attest_invalid_state", "Session AK not awaiting activation: 0"},
-      {"made-up session", Fault::kUnknownSession, true, true, "attest_unknown_session", "Invalid session ID: ", true},
-      {"PCR extended after the log", Fault::kPcrAfterLog, true, true, "attest_verify_failed",
+      {"wrong credential", Fault::kWrongCredential, true, true, Errors::kReportAttestInvalidInput, "Failed to verify credential"},
+      {"out of order", Fault::kOutOfOrder, true, true, Errors::kReportAttestInvalidState, "Session AK not awaiting activation: 0"},
+      {"made-up session", Fault::kUnknownSession, true, true, Errors::kReportAttestUnknownSession, "Invalid session ID: ", true},
+      {"PCR extended after the log", Fault::kPcrAfterLog, true, true, Errors::kReportAttestVerifyFailed,
        "Event validation failed for session"},
-      {"same, log not complete", Fault::kPcrAfterLog, true, false, "attest_incomplete",
+      {"same, log not complete", Fault::kPcrAfterLog, true, false, Errors::kReportAttestIncomplete,
        "Event validation failed for session"},
-      {"no secure boot", Fault::kNone, false, true, "attest_no_secure_boot", "error = {7, 0}"},
-      {"two responses in one message", Fault::kBothResponsesInOne, true, true, "attest_invalid_input",
+      {"no secure boot", Fault::kNone, false, true, Errors::kReportAttestNoSecureBoot, "error = {7, 0}"},
+      {"two responses in one message", Fault::kBothResponsesInOne, true, true, Errors::kReportAttestInvalidInput,
        "Message requires 1 supported type, contains: 2"},
   };
   for (const auto& c : kCases) {
@@ -208,7 +205,7 @@ TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
     std::string log = Capture([&] { r = Run(options); });
     EXPECT_FALSE(r.ok);
     EXPECT_EQ("ERROR", r.error_type) << r.failure;
-    EXPECT_EQ(std::string(kReportErrors) + c.error, r.error_id);
+    EXPECT_EQ(c.error, r.error_id);
     EXPECT_NE(std::string::npos, log.find(c.log)) << log;
     EXPECT_NE(std::string::npos, log.find("TPM 2 attestation failure: ")) << log;
     EXPECT_EQ(c.session_left ? 1u : 0u, manager_->SessionCount());
@@ -225,7 +222,7 @@ TEST_F(AttestationTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
   options.boot.payload_digests[Agent::kKernelPayload] = Bytes(32, 0x42);
   Agent::AttestResult r;
   std::string log = Capture([&] { r = Run(options); });
-  EXPECT_EQ(std::string(kReportErrors) + "attest_unknown_software", r.error_id);
+  EXPECT_EQ(Errors::kReportAttestUnknownSoftware, r.error_id);
   EXPECT_NE(std::string::npos, log.find("Unknown Hvkernel digest: " + Hex(Bytes(32, 0x42))));
   EXPECT_EQ(1u, manager_->Statistics().failed);
 }
@@ -239,7 +236,7 @@ TEST_F(AttestationTest, SixthConcurrentSessionOfOneEkIsRefused) {
   EXPECT_EQ(5u, manager_->SessionCount());
   Agent::AttestResult sixth;
   std::string log = Capture([&] { sixth = Run(hold); });
-  EXPECT_EQ(std::string(kReportErrors) + "attest_session_limit", sixth.error_id);
+  EXPECT_EQ(Errors::kReportAttestSessionLimit, sixth.error_id);
   EXPECT_NE(std::string::npos, log.find("Failed to start attestation"));
   EXPECT_EQ(5u, manager_->SessionCount());
   EXPECT_EQ(std::optional<int32_t>(5), EkCount());
@@ -458,12 +455,6 @@ TEST(SessionLimits, OutOfRangeValuesFallBackToDefaults) {
     }
     EXPECT_NE(std::string::npos, log.find("Session timeout: " + std::to_string(c.timeout_us) + " us")) << log;
   }
-}
-
-TEST(SessionStatistics, LineBeforeAnySessionIsAllZero) {
-  Attestation manager(SessionLimits{});
-  std::string log = Capture([&] { manager.LogStatistics(); });
-  EXPECT_NE(std::string::npos, log.find("TPM2 STATS: success=0 (0/0/0) failed=0 (0) timedout=0 peak=0")) << log;
 }
 
 }  // namespace

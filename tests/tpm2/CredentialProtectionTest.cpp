@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/SwtpmProcess.h"
 #include "tools/HostTpm.h"
 
@@ -14,6 +15,7 @@ namespace Witnessd::Tpm2 {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Testing::Capture;
 using Verify::TPM2B_PUBLIC;
 using Verify::TPMT_PUBLIC;
 
@@ -58,9 +60,8 @@ TEST(VerifyAkPublic, ChecksEachFieldWithItsOwnMessage) {
     SCOPED_TRACE(c.name);
     TPMT_PUBLIC ak = AkFromTemplate();
     c.mutate(&ak);
-    testing::internal::CaptureStderr();
-    bool ok = VerifyAkPublic(ak);
-    std::string log = testing::internal::GetCapturedStderr();
+    bool ok = false;
+    std::string log = Capture([&] { ok = VerifyAkPublic(ak); });
     EXPECT_EQ(c.message == nullptr, ok);
     if (c.message != nullptr) {
       EXPECT_NE(std::string::npos, log.find(c.message)) << log;
@@ -87,9 +88,7 @@ TEST(VerifyEkPublic, NeedsRestrictedDecryptionBoundToItsTpm) {
     TPMT_PUBLIC ek = {};
     ek.type = Verify::kTpmAlgRsa;
     ek.objectAttributes = c.attributes;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(c.ok, VerifyEkPublic(ek));
-    std::string log = testing::internal::GetCapturedStderr();
+    std::string log = Capture([&] { EXPECT_EQ(c.ok, VerifyEkPublic(ek)); });
     EXPECT_EQ(!c.ok, log.find("Unsupported EK public key object attributes") != std::string::npos) << log;
   }
 }
@@ -163,9 +162,8 @@ TEST_F(CredentialOnSwtpm, SecretsUpToTheEkDigestSizeRoundTrip) {
     Bytes secret(c.size, static_cast<uint8_t>(c.size));
     Bytes blob;
     Bytes encrypted;
-    testing::internal::CaptureStderr();
-    bool made = MakeCredential(ek_, ak_, secret, &blob, &encrypted);
-    std::string log = testing::internal::GetCapturedStderr();
+    bool made = false;
+    std::string log = Capture([&] { made = MakeCredential(ek_, ak_, secret, &blob, &encrypted); });
     ASSERT_EQ(c.ok, made);
     if (!c.ok) {
       EXPECT_NE(std::string::npos, log.find("Failed to create secret symetric key using EK handle")) << log;
@@ -214,18 +212,16 @@ TEST_F(CredentialOnSwtpm, MalformedPublicAreasFail) {
   // Every strict prefix of either public area fails, and is logged.
   for (size_t len = 0; len < ek_.size(); len += 17) {
     SCOPED_TRACE(len);
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(MakeCredential(Bytes(ek_.begin(), ek_.begin() + len), ak_, Bytes(32, 1), &blob, &encrypted));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("Failed to unmarshal 12TPM2B_PUBLIC"));
+    std::string log = Capture(
+        [&] { EXPECT_FALSE(MakeCredential(Bytes(ek_.begin(), ek_.begin() + len), ak_, Bytes(32, 1), &blob, &encrypted)); });
+    EXPECT_NE(std::string::npos, log.find("Failed to unmarshal 12TPM2B_PUBLIC"));
   }
   for (size_t len = 0; len < ak_.size(); len += 17) {
     SCOPED_TRACE(len);
     EXPECT_FALSE(MakeCredential(ek_, Bytes(ak_.begin(), ak_.begin() + len), Bytes(32, 1), &blob, &encrypted));
   }
   // A signing key cannot serve as the EK: the software TPM refuses it.
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(MakeCredential(ak_, ak_, Bytes(32, 1), &blob, &encrypted));
-  std::string log = testing::internal::GetCapturedStderr();
+  std::string log = Capture([&] { EXPECT_FALSE(MakeCredential(ak_, ak_, Bytes(32, 1), &blob, &encrypted)); });
   EXPECT_NE(std::string::npos, log.find("Failed to")) << log;
 }
 

@@ -10,6 +10,7 @@
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/support/AttestedBoot.h"
+#include "tests/support/LogCapture.h"
 #include "tools/BootLog.h"
 #include "tools/HostTpm.h"
 #include "tpm2/CredentialProtection.h"
@@ -18,16 +19,11 @@
 namespace Witnessd::Tpm2 {
 namespace {
 
+using Testing::Capture;
 using Testing::Hex;
 
 using Agent::BootEvent;
 using Agent::BootPlan;
-
-std::string Capture(const std::function<void()>& fn) {
-  testing::internal::CaptureStderr();
-  fn();
-  return testing::internal::GetCapturedStderr();
-}
 
 class SessionTest : public testing::Test {
  protected:

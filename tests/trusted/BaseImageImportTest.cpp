@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "trusted/BaseImageStore.h"
 
@@ -30,9 +31,7 @@ class BaseImageImportTest : public Testing::StoreFixture {
   };
   static Outcome Import(const std::vector<uint8_t>& compressed) {
     Outcome o{};
-    testing::internal::CaptureStderr();
-    o.result = ImportBaseImage(compressed, o.version);
-    o.log = testing::internal::GetCapturedStderr();
+    o.log = Testing::Capture([&] { o.result = ImportBaseImage(compressed, o.version); });
     return o;
   }
 

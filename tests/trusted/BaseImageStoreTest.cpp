@@ -6,9 +6,12 @@
 
 #include "platform/Log.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 
 namespace Witnessd::Config::OsHyv {
 namespace {
+
+using Testing::Capture;
 
 constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 constexpr ConfigResult kNotFound = ConfigResult::kConfigNotFound;
@@ -55,11 +58,6 @@ class BaseImageStoreTest : public Testing::StoreFixture {
     return f;
   }
 
-  static std::string Capture(const std::function<void()>& fn) {
-    testing::internal::CaptureStderr();
-    fn();
-    return testing::internal::GetCapturedStderr();
-  }
 
   static bool LoadErrorSet() {
     auto set = GetStatusConditions();

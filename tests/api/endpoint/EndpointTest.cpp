@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "api/provider/ProviderAssembly.h"
 #include "platform/Hearth.h"
 #include "platform/lumen/Json.h"
 
@@ -451,14 +450,7 @@ TEST_F(EndpointTest, StopIsIdempotent) {
   EXPECT_FALSE(endpoint_->Start());
 }
 
-TEST(ServerConfig, RendersForTheLog) {
-  ServerConfig config;
-  config.port = 7889;
-  config.endpoint4 = {boost::asio::ip::make_address("127.0.0.1"), 7889};
-  config.endpoint6 = {boost::asio::ip::make_address("::1"), 7889};
-  EXPECT_EQ("ServerConfig{port:7889 endpoint4:127.0.0.1:7889;endpoint6:[::1]:7889;Localizer not set readTimeout:20 "
-            "minutes;writeTimeout:30 minutes;httpBodySizeLimitInBytes:2500000 ProtocolHandlerSpec::extractors count:0}",
-            config.ToString());
+TEST(FormatDuration, LargestUnitsFirst) {
   const struct {
     std::chrono::nanoseconds d;
     const char* want;
@@ -499,29 +491,6 @@ TEST(ClassifyHttpRequest, VerdictFromBytesAlone) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.want, ClassifyHttpRequest(c.bytes));
   }
-}
-
-// The daemon's own provider behind the endpoint.
-TEST(EndpointWithProvider, AnonymousIntrospectionAndRefusedAdminCall) {
-  EnsureRuntime();
-  ProviderFiles files;
-  files.metadata = WITNESSD_METADATA_FILE;
-  files.trusted_issuers = "/nonexistent/trusted_issuers.pem";
-  files.audit_switch = "/nonexistent/AuditApiCallEnabled";
-  auto logger = std::make_shared<NullLogger>();
-  auto provider = AssembleProvider(nullptr, nullptr, logger, std::make_shared<Orm::Common::HearthLumen::TrafficTracker>(nullptr),
-                                   std::make_shared<Orm::Common::HearthLumen::ErrorsTracker>(nullptr), {}, files);
-  auto io = std::make_shared<boost::asio::io_context>();
-  Endpoint endpoint(0, io, provider, nullptr, nullptr, logger);
-  ASSERT_TRUE(endpoint.Start());
-  Client c(endpoint.BoundPort4());
-  c.Send(Post(Envelope("com.quarro.lumen.std.introspection.provider", "get")));
-  Client::Response r;
-  ASSERT_TRUE(c.ReadResponse(&r));
-  EXPECT_EQ("witnessd", json::parse(r.body)["result"]["output"]["id"]);
-  c.Send(Post(Envelope("com.quarro.hyv.attestation.tpm2.settings", "update")));
-  ASSERT_TRUE(c.ReadResponse(&r));
-  EXPECT_EQ("UNAUTHENTICATED", json::parse(r.body)["result"]["error"]["error_type"]);
 }
 
 }  // namespace

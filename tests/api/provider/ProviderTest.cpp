@@ -280,16 +280,6 @@ TEST_F(ProviderTest, AuditSwitchIsDecidedOnceAtAssembly) {
   EXPECT_TRUE(AuditLines().empty());
 }
 
-TEST_F(ProviderTest, AnonymousIdentity) {
-  AnonymousAuthnHandler handler(std::make_shared<NullLogger>());
-  Lumen::Provider::AuthnResult out;
-  ASSERT_TRUE(handler.Authenticate(json::object(), &out));
-  EXPECT_EQ("AnonymousAuthentication", out.name);
-  EXPECT_EQ("<ANONYMOUS>", out.username);
-  EXPECT_EQ(std::vector<std::string>{"@ANONYMOUS"}, out.values);
-  EXPECT_FALSE(handler.Authenticate(Hyv::Authn::TokenSecurityContext("t"), &out));
-}
-
 // The metadata file as authored: every operation of the API has its
 // authentication schemes, privileges, metamodel entry and CLI command; the
 // privileges follow the read/administer split.

@@ -9,11 +9,13 @@
 #include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 #include "tests/platform/ssl/TestCerts.h"
 
 namespace Witnessd::Config::Tpm2 {
 namespace {
 
+using Testing::Capture;
 using Testing::MakeKey;
 using Testing::Rewrap;
 using Testing::TestPki;
@@ -27,12 +29,6 @@ class Tpm2ConfigTest : public Testing::StoreFixture {
     ResetTpm2ConfigForTesting();
   }
 
-  // Capture runs |fn| and returns what it logged.
-  static std::string Capture(const std::function<void()>& fn) {
-    testing::internal::CaptureStderr();
-    fn();
-    return testing::internal::GetCapturedStderr();
-  }
 
   static std::pair<bool, bool> Cached() {
     bool eks = false, certs = false;
@@ -95,16 +91,6 @@ TEST_F(Tpm2ConfigTest, SettingsUpdateMergesAndKeepsOneRequirement) {
                 log.find("Endorsement Key or EK Certificate validation required during attestation"));
     }
   }
-}
-
-TEST_F(Tpm2ConfigTest, FirstUpdateCreatesTheRecord) {
-  Log_SetMaxLevel(kLogVerbose);
-  std::string log = Capture([] { EXPECT_EQ(kOk, UpdateTpm2Settings(true, true)); });
-  EXPECT_NE(std::string::npos, log.find("Tpm2 settings not set in configstore. Creating object"));
-  log = Capture([] { EXPECT_EQ(kOk, UpdateTpm2Settings({}, false)); });
-  Log_SetMaxLevel(kLogInfo);
-  EXPECT_EQ(std::string::npos, log.find("Creating object"));
-  EXPECT_NE(nullptr, Store()->GetObject(MakeId(kKeyTpm2Settings)));
 }
 
 // --- Endorsement keys ---------------------------------------------------------

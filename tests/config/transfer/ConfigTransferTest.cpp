@@ -16,18 +16,15 @@
 #include "config/tpm2/Tpm2Settings.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/support/LogCapture.h"
 #include "tests/platform/ssl/TestCerts.h"
 
 namespace Witnessd::Config {
 namespace {
 
-constexpr ConfigResult kOk = ConfigResult::kConfigOk;
+using Testing::Capture;
 
-std::string Capture(const std::function<void()>& fn) {
-  testing::internal::CaptureStderr();
-  fn();
-  return testing::internal::GetCapturedStderr();
-}
+constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 
 class ConfigTransferTest : public Testing::StoreFixture {
  protected:

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "config/tpm2/EndorsementKeys.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
@@ -357,7 +357,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
     ExpectedMeasurements expected;
     std::string version;
     ConfigResult found =
-        Config::OsHyv::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
+        Trusted::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
     if (found == ConfigResult::kConfigNotFound) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;
@@ -374,7 +374,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
       EndSession(session, false);
       return Fail(code);
     }
-    Config::OsHyv::UpdateLastAttestedTime(version);
+    Trusted::UpdateLastAttestedTime(version);
     ProcessResult result;
     result.done = true;
     result.outcome = {kSoftwareType, version, session->AttestedProperties()};

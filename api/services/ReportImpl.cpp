@@ -8,7 +8,7 @@
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "config/tpm2/Tpm2Settings.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "document/AttestationToken.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"

@@ -7,8 +7,10 @@
 #include "platform/Log.h"
 #include "tests/config/StoreFixture.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
 namespace {
+
+using namespace Config;
 
 constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 constexpr ConfigResult kNotFound = ConfigResult::kConfigNotFound;
@@ -214,4 +216,4 @@ TEST_F(BaseImageStoreTest, LastAttestedTime) {
 }
 
 }  // namespace
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

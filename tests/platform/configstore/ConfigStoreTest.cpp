@@ -91,16 +91,6 @@ TEST_F(ConfigStoreTest, RecordsSurviveReopenWithTypesAndSubObjectOrder) {
   EXPECT_THROW(read->GetValue("enabled", &certs), HostCtlException);
 }
 
-TEST_F(ConfigStoreTest, SettingsDefaultsApplyToAFreshObject) {
-  ConfigStoreObject fresh(ConfigStoreObjectId("tpm2_settings", "attestation", "hyv"));
-  bool require_eks = false;
-  bool require_certs = true;
-  fresh.GetValue("require_endorsement_keys", &require_eks);
-  fresh.GetValue("require_certificate_validation", &require_certs);
-  EXPECT_TRUE(require_eks);
-  EXPECT_FALSE(require_certs);
-}
-
 TEST_F(ConfigStoreTest, UpdateMergesFieldsAndCreatesMissingRecords) {
   ConfigStoreObjectId id("certificate", "attestation", "hyv");
   ConfigStoreObject first(id);

@@ -1,7 +1,7 @@
 // Export and import of the whole configuration over a real store: what
 // travels, what does not, and that a refused import changes neither the
 // store nor the caches built from it.
-#include "config/transfer/ConfigTransfer.h"
+#include "transfer/ConfigTransfer.h"
 
 #include <gtest/gtest.h>
 
@@ -18,8 +18,10 @@
 #include "tests/config/StoreFixture.h"
 #include "tests/platform/ssl/TestCerts.h"
 
-namespace Witnessd::Config {
+namespace Witnessd::Transfer {
 namespace {
+
+using namespace Config;
 
 constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 
@@ -197,4 +199,4 @@ TEST_F(ConfigTransferTest, RestoreLogsEachStoredKey) {
 }
 
 }  // namespace
-}  // namespace Witnessd::Config
+}  // namespace Witnessd::Transfer

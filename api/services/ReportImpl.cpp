@@ -1,5 +1,6 @@
 #include "api/services/ReportImpl.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <set>
@@ -167,6 +168,28 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
   return std::nullopt;
 }
 
+// The report errors of the session manager's result codes 1 to 9.
+constexpr const char* kReportErrorIds[] = {
+    nullptr,
+    "com.quarro.hyv.attestation.report.attest_failed",
+    "com.quarro.hyv.attestation.report.attest_invalid_input",
+    "com.quarro.hyv.attestation.report.attest_unknown_session",
+    "com.quarro.hyv.attestation.report.attest_session_limit",
+    "com.quarro.hyv.attestation.report.attest_invalid_state",
+    "com.quarro.hyv.attestation.report.attest_incomplete",
+    "com.quarro.hyv.attestation.report.attest_unknown_software",
+    "com.quarro.hyv.attestation.report.attest_no_secure_boot",
+    "com.quarro.hyv.attestation.report.attest_verify_failed",
+};
+
+// OutcomeOf is the last part of an error's message id.
+std::string OutcomeOf(const std::string& id) { return id.substr(id.rfind('.') + 1); }
+
+Metrics::Counter& Attestations(const std::string& outcome) {
+  return Metrics::GetCounter("witnessd_attestations_total",
+                             "Attestations ended, by outcome (success or report error).", {{"outcome", outcome}});
+}
+
 // CountAttestation records an attestation that ended: "success", or the
 // last part of the message id of the error it ended with ("error" for a
 // failure without one). Requests refused before the EK is looked at are
@@ -174,37 +197,31 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
 void CountAttestation(const Lumen::StdError* error) {
   std::string outcome = "success";
   if (error != nullptr) {
-    outcome = "error";
-    if (!error->messages.empty()) {
-      const std::string& id = error->messages[0].id;
-      outcome = id.substr(id.rfind('.') + 1);
-    }
+    outcome = error->messages.empty() ? "error" : OutcomeOf(error->messages[0].id);
   }
-  Metrics::GetCounter("witnessd_attestations_total", "Attestations ended, by outcome (success or report error).",
-                      {{"outcome", outcome}})
-      .Inc();
+  Attestations(outcome).Increment();
 }
 
 }  // namespace
 
+ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
+  // Every outcome an attestation can end with is listed from the start, at
+  // zero, so that a rate over it needs no first occurrence.
+  Attestations("success");
+  for (const char* id : {kUnknownTpm, kUnknownTpmCa, kTpmCertRequired}) {
+    Attestations(OutcomeOf(id));
+  }
+  for (size_t i = 1; i < std::size(kReportErrorIds); ++i) {
+    Attestations(OutcomeOf(kReportErrorIds[i]));
+  }
+}
+
 Lumen::StdError ReportImpl::ReportError(SessionResult code) {
-  static constexpr const char* kIds[] = {
-      nullptr,
-      "com.quarro.hyv.attestation.report.attest_failed",
-      "com.quarro.hyv.attestation.report.attest_invalid_input",
-      "com.quarro.hyv.attestation.report.attest_unknown_session",
-      "com.quarro.hyv.attestation.report.attest_session_limit",
-      "com.quarro.hyv.attestation.report.attest_invalid_state",
-      "com.quarro.hyv.attestation.report.attest_incomplete",
-      "com.quarro.hyv.attestation.report.attest_unknown_software",
-      "com.quarro.hyv.attestation.report.attest_no_secure_boot",
-      "com.quarro.hyv.attestation.report.attest_verify_failed",
-  };
   int index = static_cast<int>(code);
   if (index < 1 || index > 9) {
     NOT_REACHED();
   }
-  return Errors::Error(kIds[index]);
+  return Errors::Error(kReportErrorIds[index]);
 }
 
 void ReportImpl::Create(const Request& request, Callback<Result> done) {

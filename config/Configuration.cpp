@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "config/SigningKey.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 
 namespace Witnessd::Config {
 namespace {

@@ -22,8 +22,8 @@
 #include "api/services/StatusImpl.h"
 #include "api/services/Tpm2SettingsImpl.h"
 #include "config/Configuration.h"
-#include "config/transfer/ConfigTransfer.h"
-#include "daemon/log/LumenLoggerWrapper.h"
+#include "transfer/ConfigTransfer.h"
+#include "api/log/LumenLoggerWrapper.h"
 #include "document/AttestationToken.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
@@ -97,7 +97,7 @@ int Main() {
     // unreadable database stops the start rather than read as empty.
     HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
     Config::InitConfigLocks();
-    Config::InitConfiguration();
+    Transfer::InitConfiguration();
 
     Hearth::Service::App& app = Hearth::Service::GetApp();
     Tpm2::Attestation::Initialize(app.GetConfig(), app.GetScheduler());

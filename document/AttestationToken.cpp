@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "config/SigningKey.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 

@@ -8,10 +8,11 @@
 #include <string>
 
 #include "config/SigningKey.h"
-#include "config/transfer/ConfigTransfer.h"
+#include "transfer/ConfigTransfer.h"
 #include "platform/Log.h"
 
 using namespace Witnessd::Config;
+using namespace Witnessd::Transfer;
 
 namespace {
 

@@ -8,6 +8,7 @@
 #include "platform/Log.h"
 #include "trusted/TarReader.h"
 
+using namespace Witnessd::Trusted;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool quiet = (Log_SetMaxLevel(kLogError), true);

@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "tools/Agent.h"
+#include "tools/DaemonAddress.h"
 
 namespace {
 
@@ -56,7 +57,9 @@ int Usage() {
                "                      [--count N] [--concurrency C] [--per-host K]\n"
                "                      [--ek-ca-key F --ek-ca-cert F] [--max-turns T] [--withhold-quote]\n"
                "       witnessd-agent --swtpm-port P --ek-only\n"
-               "       witnessd-agent [--txt] [--no-secure-boot] (--imgdb-flags | --event-log-bytes)\n");
+               "       witnessd-agent [--txt] [--no-secure-boot] (--imgdb-flags | --event-log-bytes)\n"
+               "\n%s",
+               Witnessd::Tools::kDaemonAddressHelp);
   return 2;
 }
 
@@ -100,17 +103,19 @@ double Percentile(std::vector<double> v, double p) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string host = "127.0.0.1";
-  uint16_t port = 7889;
+  Witnessd::Tools::DaemonAddress daemon;
+  if (std::string error; !Witnessd::Tools::DaemonAddressFromEnvironment(&daemon, &error)) {
+    std::fprintf(stderr, "witnessd-agent: %s\n", error.c_str());
+    return 2;
+  }
+  std::string host = daemon.host;
+  uint16_t port = daemon.port;
   int swtpm_port = -1;
   bool software = false;
   bool print_ek = false;
   bool ek_only = false;
   bool imgdb_flags = false;
   bool event_log_bytes = false;
-  if (const char* env = std::getenv("WITNESSD_PORT"); env != nullptr) {
-    port = static_cast<uint16_t>(std::atoi(env));
-  }
   int count = 1;
   int concurrency = 1;
   int per_host = 0;

@@ -3,10 +3,13 @@
 #include <jwt.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -31,6 +34,8 @@ using nlohmann::json;
 constexpr const char* kCliPrefix = "com.quarro.lumen.metadata.cli.";
 constexpr const char* kMetamodelPrefix = "com.quarro.lumen.metadata.metamodel.";
 constexpr const char* kMessageStructure = "com.quarro.lumen.std.localizable_message";
+// Version of the saved catalogue's layout; a file of another is read afresh.
+constexpr int kCatalogFormat = 1;
 
 std::vector<std::string> Split(const std::string& text, char sep) {
   std::vector<std::string> out;
@@ -462,7 +467,50 @@ bool Catalog::Load(ApiSession* api, std::string* error) {
     }
     commands_.push_back(std::move(command));
   }
+  changed_ = true;
   return true;
+}
+
+// Saved catalogues hold the commands as Load and Describe filled them.
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(InputOption, name, field, type, default_value)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Command, path, segment_words, name, description, service_id, operation_id,
+                                   inputs, output_type, columns, described)
+
+json Catalog::Save(const std::string& checksum) const {
+  return {{"format", kCatalogFormat},
+          {"checksum", checksum},
+          {"commands", commands_},
+          {"structures", structures_},
+          {"enumerations", enumerations_}};
+}
+
+bool Catalog::Restore(const json& saved, const std::string& checksum) {
+  try {
+    if (!saved.is_object() || saved.value("format", 0) != kCatalogFormat ||
+        saved.value("checksum", std::string()) != checksum) {
+      return false;
+    }
+    auto commands = saved.at("commands").get<std::vector<Command>>();
+    // Resolve and DisplayWords expect every namespace segment to have words.
+    for (const Command& c : commands) {
+      if (c.segment_words.size() != c.path.size() ||
+          std::any_of(c.segment_words.begin(), c.segment_words.end(), [](const auto& w) { return w.empty(); })) {
+        return false;
+      }
+    }
+    const json& structures = saved.at("structures");
+    const json& enumerations = saved.at("enumerations");
+    if (!structures.is_object() || !enumerations.is_object()) {
+      return false;
+    }
+    commands_ = std::move(commands);
+    structures_ = structures;
+    enumerations_ = enumerations;
+    changed_ = false;
+    return true;
+  } catch (const json::exception&) {
+    return false;
+  }
 }
 
 Catalog::Found Catalog::Resolve(const std::vector<std::string>& words, size_t* index,
@@ -559,6 +607,7 @@ bool Catalog::FetchTypes(ApiSession* api, const json& type, std::string* error) 
     return false;
   }
   cache[id] = r.output;
+  changed_ = true;
   if (kind == "structure" && r.output.contains("fields") && r.output["fields"].is_object()) {
     for (const auto& [name, field_type] : r.output["fields"].items()) {
       if (!FetchTypes(api, field_type, error)) {
@@ -571,6 +620,10 @@ bool Catalog::FetchTypes(ApiSession* api, const json& type, std::string* error) 
 
 bool Catalog::Describe(ApiSession* api, size_t index, Command* out, std::string* error) {
   Command& c = commands_[index];
+  if (c.described) {
+    *out = c;
+    return true;
+  }
   Reply entry = api->Invoke(std::string(kCliPrefix) + "command", "get",
                             {{"path", Join(c.path, 0, c.path.size(), ".")}, {"name", c.name}});
   if (!entry.ok || !entry.output.is_object()) {
@@ -625,6 +678,8 @@ bool Catalog::Describe(ApiSession* api, size_t index, Command* out, std::string*
     }
     c.inputs.push_back(std::move(option));
   }
+  c.described = true;
+  changed_ = true;
   *out = c;
   return true;
 }
@@ -639,6 +694,84 @@ const json& Catalog::Enumeration(const std::string& id) const {
   static const json kNull;
   auto it = enumerations_.find(id);
   return it == enumerations_.end() ? kNull : *it;
+}
+
+// ---------------------------------------------------------------------------
+// The catalogue between runs
+
+std::string ProviderChecksum(ApiSession* api) {
+  Reply r = api->Invoke("com.quarro.lumen.std.introspection.provider", "get");
+  if (!r.ok || !r.output.is_object()) {
+    return "";
+  }
+  json checksum = r.output.value("checksum", json());
+  return checksum.is_string() ? checksum.get<std::string>() : "";
+}
+
+std::string CatalogCachePath(const std::string& checksum) {
+  // The checksum names a file: only a plain hex digest may.
+  if (checksum.empty() || checksum.size() > 128 ||
+      !std::all_of(checksum.begin(), checksum.end(), [](unsigned char c) { return std::isxdigit(c) != 0; })) {
+    return "";
+  }
+  std::string dir;
+  // Relative values of either variable are not meant as cache locations.
+  if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg != nullptr && xdg[0] == '/') {
+    dir = xdg;
+  } else if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
+    dir = std::string(home) + "/.cache";
+  } else {
+    return "";
+  }
+  return dir + "/witnessctl/catalog-" + checksum + ".json";
+}
+
+bool ReadCatalogCache(const std::string& path, const std::string& checksum, Catalog* catalog) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    return false;
+  }
+  std::stringstream text;
+  text << in.rdbuf();
+  json saved = Hearth::ParseJson(text.str());
+  return !saved.is_discarded() && catalog->Restore(saved, checksum);
+}
+
+bool WriteCatalogCache(const std::string& path, const std::string& checksum, const Catalog& catalog) {
+  std::string text;
+  try {
+    text = catalog.Save(checksum).dump();
+  } catch (const json::exception&) {
+    return false;
+  }
+  // Missing directories are made private to the user.
+  std::string dir = path.substr(0, path.rfind('/'));
+  for (size_t at = dir.find('/', 1);; at = dir.find('/', at + 1)) {
+    std::string prefix = dir.substr(0, at);
+    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+      return false;
+    }
+    if (at == std::string::npos) {
+      break;
+    }
+  }
+  std::string temp = path + ".XXXXXX";
+  int fd = mkstemp(temp.data());
+  if (fd < 0) {
+    return false;
+  }
+  bool ok = true;
+  for (size_t done = 0; ok && done < text.size();) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    ok = n > 0 || (n < 0 && errno == EINTR);
+    done += n > 0 ? static_cast<size_t>(n) : 0;
+  }
+  ok = close(fd) == 0 && ok;
+  if (ok && std::rename(temp.c_str(), path.c_str()) == 0) {
+    return true;
+  }
+  unlink(temp.c_str());
+  return false;
 }
 
 // ---------------------------------------------------------------------------

@@ -70,6 +70,7 @@ struct Command {
   // Table columns in the order the metadata gives; empty: every field of
   // the row structure, by name.
   std::vector<std::string> columns;
+  bool described = false;  // Catalog::Describe filled the fields above
 };
 
 // Catalog holds the commands and namespaces the daemon's CLI metadata names.
@@ -81,6 +82,15 @@ class Catalog {
  public:
   // Load reads the namespace entries and the command list.
   bool Load(ApiSession* api, std::string* error);
+
+  // Save gives the catalogue, with what Describe has read so far, as a
+  // document for the metadata whose checksum is |checksum|. Restore takes
+  // back only such a document for that same checksum; given anything else it
+  // returns false and leaves the catalogue as it was.
+  nlohmann::json Save(const std::string& checksum) const;
+  bool Restore(const nlohmann::json& saved, const std::string& checksum);
+  // Changed: Load or Describe read from the daemon what Save has not seen.
+  bool Changed() const { return changed_; }
 
   enum class Found { kOne, kNone, kAmbiguous };
   // Resolve finds the command that |words| name; |candidates| gets the
@@ -106,10 +116,27 @@ class Catalog {
  private:
   bool FetchTypes(ApiSession* api, const nlohmann::json& type, std::string* error);
 
+  bool changed_ = false;
   std::vector<Command> commands_;
   nlohmann::json structures_ = nlohmann::json::object();
   nlohmann::json enumerations_ = nlohmann::json::object();
 };
+
+// The catalogue is kept between runs in a file per metadata checksum, so a
+// command costs one question for the checksum and its own call.
+//
+// ProviderChecksum asks the daemon for the checksum of its metadata; empty
+// when it does not answer one.
+std::string ProviderChecksum(ApiSession* api);
+// CatalogCachePath is $XDG_CACHE_HOME/witnessctl/catalog-CHECKSUM.json, or
+// under $HOME/.cache without XDG_CACHE_HOME; empty when neither is set or the
+// checksum is not a hex digest.
+std::string CatalogCachePath(const std::string& checksum);
+// ReadCatalogCache restores |catalog| from |path|; false when the file is
+// missing, damaged or for other metadata. WriteCatalogCache replaces the file
+// whole (a temporary file renamed over it), so a reader never sees half.
+bool ReadCatalogCache(const std::string& path, const std::string& checksum, Catalog* catalog);
+bool WriteCatalogCache(const std::string& path, const std::string& checksum, const Catalog& catalog);
 
 // ReadInput reads the whole file |name|, or standard input for "-".
 bool ReadInput(const std::string& name, std::string* out, std::string* error);

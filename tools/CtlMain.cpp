@@ -8,9 +8,11 @@
 //   witnessctl token create --issuer-key FILE --subject NAME
 //              --entitlement PRIVILEGE... [--validity SECONDS]
 //
-// The token comes from --token-file or else WITNESSD_TOKEN; the port from
-// --port, else WITNESSD_PORT, else 7889. Exit status: 0 done, 1 the daemon
-// refused or could not be reached, 2 a usage error.
+// The token comes from --token-file or else WITNESSD_TOKEN; the daemon's
+// address as for witnessd-agent (tools/DaemonAddress.h). The command catalogue
+// read from the daemon is kept under $XDG_CACHE_HOME (else ~/.cache) for the
+// next command. Exit status: 0 done, 1 the daemon refused or could not be
+// reached, 2 a usage error.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@
 
 #include "platform/lumen/Json.h"
 #include "tools/Ctl.h"
+#include "tools/DaemonAddress.h"
 
 namespace {
 
@@ -38,14 +41,15 @@ constexpr const char* kGlobalUsage =
     "                  [--validity SECONDS]\n"
     "\n"
     "The token comes from --token-file, else WITNESSD_TOKEN. A command can be called by any tail\n"
-    "of its words that names it alone (\"endorsement-keys list\" for \"tpm2 endorsement-keys list\").\n";
+    "of its words that names it alone (\"endorsement-keys list\" for \"tpm2 endorsement-keys list\").\n"
+    "The commands read from the daemon are kept in $XDG_CACHE_HOME/witnessctl (else ~/.cache).\n";
 
 // Uploads at least this large show their progress on a terminal.
 constexpr size_t kProgressThreshold = 1024 * 1024;
 
 struct Args {
-  std::string host = "127.0.0.1";
-  uint16_t port = 7889;
+  std::string host;
+  uint16_t port = 0;
   std::string token_file;
   std::string output;
   bool json = false;
@@ -60,23 +64,15 @@ int UsageError(const std::string& message) {
   return kExitUsage;
 }
 
-bool ParsePort(const std::string& text, uint16_t* out) {
-  char* end = nullptr;
-  long v = std::strtol(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || v < 1 || v > 65535) {
-    return false;
-  }
-  *out = static_cast<uint16_t>(v);
-  return true;
-}
-
 // Parse splits the command line into global options, words and command
 // options ("--name value" or "--name=value").
 bool Parse(int argc, char** argv, Args* args, std::string* error) {
-  if (const char* env = std::getenv("WITNESSD_PORT"); env != nullptr && !ParsePort(env, &args->port)) {
-    *error = std::string("WITNESSD_PORT is not a port: ") + env;
+  Witnessd::Tools::DaemonAddress daemon;
+  if (!Witnessd::Tools::DaemonAddressFromEnvironment(&daemon, error)) {
     return false;
   }
+  args->host = daemon.host;
+  args->port = daemon.port;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "-h" || a == "--help") {
@@ -109,7 +105,7 @@ bool Parse(int argc, char** argv, Args* args, std::string* error) {
     if (name == "host") {
       args->host = value;
     } else if (name == "port") {
-      if (!ParsePort(value, &args->port)) {
+      if (!Witnessd::Tools::ParsePort(value, &args->port)) {
         *error = "--port: not a port: " + value;
         return false;
       }
@@ -203,6 +199,7 @@ int Main(int argc, char** argv) {
   }
   if (args.words.empty()) {
     std::fputs(kGlobalUsage, args.help ? stdout : stderr);
+    std::fputs(Witnessd::Tools::kDaemonAddressHelp, args.help ? stdout : stderr);
     return args.help ? kExitOk : kExitUsage;
   }
   if (args.words[0] == "token") {
@@ -218,8 +215,12 @@ int Main(int argc, char** argv) {
     token = env;
   }
   ApiSession api(args.host, args.port, Trim(token));
+  // The catalogue of the daemon's metadata as it stands now, from the cache
+  // when an earlier command read it; the daemon only when that is missing.
+  std::string checksum = ProviderChecksum(&api);
+  std::string cache = CatalogCachePath(checksum);
   Catalog catalog;
-  if (!catalog.Load(&api, &error)) {
+  if ((cache.empty() || !ReadCatalogCache(cache, checksum, &catalog)) && !catalog.Load(&api, &error)) {
     std::fprintf(stderr, "witnessctl: %s\n", error.c_str());
     return kExitApiError;
   }
@@ -229,7 +230,14 @@ int Main(int argc, char** argv) {
   for (const std::string& w : args.words) {
     given += (given.empty() ? "" : " ") + w;
   }
-  switch (catalog.Resolve(args.words, &index, &candidates)) {
+  Catalog::Found found = catalog.Resolve(args.words, &index, &candidates);
+  Command command;
+  bool described = found == Catalog::Found::kOne && catalog.Describe(&api, index, &command, &error);
+  if (!cache.empty() && catalog.Changed()) {
+    // A cache that cannot be written costs the next command time, not this one its result.
+    WriteCatalogCache(cache, checksum, catalog);
+  }
+  switch (found) {
     case Catalog::Found::kOne:
       break;
     case Catalog::Found::kNone:
@@ -241,8 +249,7 @@ int Main(int argc, char** argv) {
       ListCommands(candidates);
       return kExitUsage;
   }
-  Command command;
-  if (!catalog.Describe(&api, index, &command, &error)) {
+  if (!described) {
     std::fprintf(stderr, "witnessctl: %s\n", error.c_str());
     return kExitApiError;
   }

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "config/tpm2/EndorsementKeys.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
@@ -29,9 +29,26 @@ constexpr const char* kSoftwareType = "hyv";
 
 std::unique_ptr<Attestation> g_manager;
 
+// The session metrics; Initialize registers them so that a fresh daemon
+// lists them at zero.
 Metrics::Gauge& LiveSessions() {
   static Metrics::Gauge& gauge = Metrics::GetGauge("witnessd_attestation_sessions", "Live attestation sessions.");
   return gauge;
+}
+
+Metrics::Gauge& PeakSessions() {
+  static Metrics::Gauge& gauge =
+      Metrics::GetGauge("witnessd_attestation_sessions_peak", "Most attestation sessions live at once.");
+  return gauge;
+}
+
+Metrics::Histogram& SessionSeconds(bool success) {
+  static constexpr const char* kHelp = "Durations of ended attestation sessions.";
+  static Metrics::Histogram& succeeded =
+      Metrics::GetHistogram("witnessd_attestation_session_seconds", kHelp, {{"outcome", "success"}});
+  static Metrics::Histogram& failed =
+      Metrics::GetHistogram("witnessd_attestation_session_seconds", kHelp, {{"outcome", "failed"}});
+  return success ? succeeded : failed;
 }
 
 // ReadLimit reads one integer setting; out of [min, max] it is logged with
@@ -226,6 +243,10 @@ Attestation::~Attestation() {
 
 void Attestation::Initialize(const Hearth::Service::Config& settings, Hearth::Service::Scheduler& scheduler) {
   g_manager = std::make_unique<Attestation>(ReadSessionLimits(settings));
+  LiveSessions();
+  PeakSessions();
+  SessionSeconds(true);
+  SessionSeconds(false);
   g_manager->ScheduleCleanupExpiredSessions(scheduler);
   g_manager->ScheduleStatistics(scheduler);
 }
@@ -302,8 +323,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     MXUser::ExclGuard guard(stats_lock_);
     if (live > stats_.peak) {
       stats_.peak = live;
-      Metrics::GetGauge("witnessd_attestation_sessions_peak", "Most attestation sessions live at once.")
-          .Set(static_cast<double>(live));
+      PeakSessions().Set(static_cast<double>(live));
     }
   }
 
@@ -357,7 +377,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
     ExpectedMeasurements expected;
     std::string version;
     ConfigResult found =
-        Config::OsHyv::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
+        Trusted::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
     if (found == ConfigResult::kConfigNotFound) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;
@@ -374,7 +394,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
       EndSession(session, false);
       return Fail(code);
     }
-    Config::OsHyv::UpdateLastAttestedTime(version);
+    Trusted::UpdateLastAttestedTime(version);
     ProcessResult result;
     result.done = true;
     result.outcome = {kSoftwareType, version, session->AttestedProperties()};
@@ -434,9 +454,7 @@ void Attestation::EndSession(const std::shared_ptr<Session>& session, bool succe
   Config::Tpm2::DecrementEkReference(session->EkDigest());
   int64_t elapsed_us = static_cast<int64_t>(clock_() - session->Created());
   uint64_t duration_ms = static_cast<uint64_t>(elapsed_us / 1000);
-  Metrics::GetHistogram("witnessd_attestation_session_seconds", "Durations of ended attestation sessions.",
-                        {{"outcome", success ? "success" : "failed"}})
-      .Observe(static_cast<double>(elapsed_us) / 1e6);
+  SessionSeconds(success).Observe(static_cast<double>(elapsed_us) / 1e6);
   MXUser::ExclGuard guard(stats_lock_);
   if (success) {
     stats_.success++;

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 #include "platform/MXUser.h"
 #include "tpm2/Tpm2Emu.h"

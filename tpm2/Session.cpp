@@ -3,7 +3,7 @@
 #include <cstring>
 #include <limits>
 
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/System.h"

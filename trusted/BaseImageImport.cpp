@@ -14,15 +14,15 @@
 #include "trusted/MetadataImport.h"
 #include "verify/CryptoUtil.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
+
+using namespace Config;
+
 namespace {
 
 using HostCtl::Lib::HostCtlException;
 using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObject;
-using Trusted::PakProperties;
-using Trusted::PayloadRecord;
-using Trusted::PayloadTable;
 using Verify::ByteView;
 
 constexpr const char* kBasePak = "hyv-base";
@@ -190,4 +190,4 @@ ImportResult ImportBaseImage(const std::vector<uint8_t>& compressed, std::string
   return result;
 }
 
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
 
 enum class ImportResult : int {
   kImported = 0,
@@ -22,4 +22,4 @@ enum class ImportResult : int {
 // kVersionExists.
 ImportResult ImportBaseImage(const std::vector<uint8_t>& compressed, std::string& out_version);
 
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

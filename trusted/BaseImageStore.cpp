@@ -7,11 +7,14 @@
 #include <map>
 #include <optional>
 
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
+
+using namespace Config;
+
 namespace {
 
 using HostCtl::Lib::HostCtlException;
@@ -406,4 +409,4 @@ void InitBaseImageStore() {
   Load();
 }
 
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

@@ -11,7 +11,9 @@
 #include "config/Configuration.h"
 #include "verify/EventLog.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
+
+using Config::ConfigResult;
 
 // Layout of a stored base image (instance id = version):
 //   "version", "last_attested_time"               strings
@@ -106,4 +108,4 @@ void InitBaseImageStore();
 // FormatAttestedTime prints |usec| since the epoch as "YYYY-MM-DDTHH:MM:SSZ".
 std::string FormatAttestedTime(int64_t usec);
 
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

@@ -4,6 +4,7 @@
 
 #include "platform/Log.h"
 
+namespace Witnessd::Trusted {
 namespace {
 
 constexpr size_t kBlock = 512;
@@ -237,3 +238,5 @@ bool TarReaderReadFile(TarArchive* archive, const std::string& name, std::vector
   TarReaderClose(e);
   return ok;
 }
+
+}  // namespace Witnessd::Trusted

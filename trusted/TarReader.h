@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace Witnessd::Trusted {
+
 struct TarArchive;
 
 struct TarEntry {
@@ -81,3 +83,5 @@ bool TarReaderIterNext(TarIterator* it, char* out_type, std::string* out_name);
 // TarReaderReadFile reads regular file |name| whole. Fails for a missing file,
 // a bad header field or a size above kTarMaxFileSize.
 bool TarReaderReadFile(TarArchive* archive, const std::string& name, std::vector<uint8_t>* out);
+
+}  // namespace Witnessd::Trusted

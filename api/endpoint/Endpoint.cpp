@@ -199,6 +199,22 @@ void ConfigureParser(http::request_parser<http::string_body>& parser, size_t bod
   parser.body_limit(body_limit);
 }
 
+// The endpoint's metrics; both are registered by the endpoint's constructor
+// so that a scrape lists them before the first call. Of the call counts only
+// the one for operations a client makes up is known up front (the label sets
+// of the rest are operation by result), so the family starts with that one.
+Metrics::Histogram& RequestSeconds() {
+  static Metrics::Histogram& latency =
+      Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.");
+  return latency;
+}
+
+prometheus::Family<Metrics::Counter>& ApiCalls() {
+  static prometheus::Family<Metrics::Counter>& calls =
+      Metrics::CounterFamily("witnessd_api_calls_total", "API calls answered, by operation and result.");
+  return calls;
+}
+
 }  // namespace
 
 std::string FormatDuration(std::chrono::nanoseconds d) {
@@ -429,8 +445,6 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   // its latency from the end of the request. A connection mostly repeats
   // one operation, so the last counter found is kept.
   void CountCall(const Lumen::JsonRpc::Call& call, const Lumen::Provider::MethodResult& result) {
-    static Metrics::Histogram& latency =
-        Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.");
     using Com::Quarro::Lumen::Std::Errors::Kind;
     std::optional<Kind> kind;
     if (result.error) {
@@ -439,14 +453,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     if (counter_ == nullptr || kind != counted_kind_ || call.service_id != counted_service_ ||
         call.operation_id != counted_operation_) {
       std::string kind_name = kind ? Com::Quarro::Lumen::Std::Errors::KindName(*kind) : "ok";
-      counter_ = &Metrics::GetCounter("witnessd_api_calls_total", "API calls answered, by operation and result.",
-                                      {{"operation", OperationLabel(call, result)}, {"result", kind_name}});
+      counter_ = &ApiCalls().Add({{"operation", OperationLabel(call, result)}, {"result", kind_name}});
       counted_kind_ = kind;
       counted_service_ = call.service_id;
       counted_operation_ = call.operation_id;
     }
-    counter_->Inc();
-    latency.Observe(std::chrono::duration<double>(std::chrono::steady_clock::now() - request_done_).count());
+    counter_->Increment();
+    RequestSeconds().Observe(std::chrono::duration<double>(std::chrono::steady_clock::now() - request_done_).count());
   }
 
   // OperationLabel names the called operation; names a client makes up are
@@ -747,6 +760,10 @@ Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
       callback_(std::move(callback)),
       listener4_(std::make_shared<Listener>(*io_)),
       listener6_(std::make_shared<Listener>(*io_)) {
+  RequestSeconds();
+  ApiCalls().Add({{"operation", "unknown"},
+                  {"result", Com::Quarro::Lumen::Std::Errors::KindName(
+                                 Com::Quarro::Lumen::Std::Errors::Kind::kOperationNotFound)}});
   config_.port = port;
   config_.endpoint4 = tcp::endpoint(asio::ip::make_address("127.0.0.1"), port);
   config_.endpoint6 = tcp::endpoint(asio::ip::make_address("::1"), port);

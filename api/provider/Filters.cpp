@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "api/provider/Metadata.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/System.h"
 #include "platform/lumen/Audit.h"
 

@@ -5,7 +5,7 @@
 
 #include "api/provider/Filters.h"
 #include "api/provider/Metadata.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "platform/lumen/Json.h"

@@ -10,7 +10,6 @@
 namespace Witnessd::AttestApi {
 namespace {
 
-namespace OsHyv = Config::OsHyv;
 using Config::ConfigResult;
 namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 
@@ -33,7 +32,7 @@ std::optional<std::string> AttestedTime(const std::string& stored) {
   }
   time_t seconds = timegm(&tm);
   // Round trip: refuses out-of-range fields that strptime lets through.
-  if (OsHyv::FormatAttestedTime(static_cast<int64_t>(seconds) * 1000000) != stored) {
+  if (Trusted::FormatAttestedTime(static_cast<int64_t>(seconds) * 1000000) != stored) {
     Warning("Invalid last attested time: %s.\n", stored.c_str());
     return std::nullopt;
   }
@@ -54,14 +53,14 @@ void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::str
     return;
   }
   std::string version;
-  switch (OsHyv::ImportBaseImage(imgdb, version)) {
-    case OsHyv::ImportResult::kImported:
+  switch (Trusted::ImportBaseImage(imgdb, version)) {
+    case Trusted::ImportResult::kImported:
       done(version);
       return;
-    case OsHyv::ImportResult::kVersionExists:
+    case Trusted::ImportResult::kVersionExists:
       done(Errors::AlreadyExists(Errors::kBaseImagesAlreadyExists, {version}));
       return;
-    case OsHyv::ImportResult::kFailed:
+    case Trusted::ImportResult::kFailed:
       break;
   }
   done(StdErrors::Error());
@@ -69,15 +68,15 @@ void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::str
 
 void BaseImagesImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> versions;
-  if (OsHyv::ListBaseImages(versions) != ConfigResult::kConfigOk) {
+  if (Trusted::ListBaseImages(versions) != ConfigResult::kConfigOk) {
     done(StdErrors::Error());
     return;
   }
   std::vector<Summary> summaries;
   for (const std::string& version : versions) {
-    OsHyv::StoredBaseImage image;
+    Trusted::StoredBaseImage image;
     // An image deleted between the two reads is simply left out.
-    ConfigResult result = OsHyv::ReadBaseImage(version, image);
+    ConfigResult result = Trusted::ReadBaseImage(version, image);
     if (result == ConfigResult::kConfigNotFound) {
       continue;
     }
@@ -95,7 +94,7 @@ void BaseImagesImpl::Delete(const std::string& version, Callback<Lumen::Void> do
     done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"version"}));
     return;
   }
-  switch (OsHyv::DeleteBaseImage(version)) {
+  switch (Trusted::DeleteBaseImage(version)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;
@@ -113,8 +112,8 @@ void BaseImagesImpl::Get(const std::string& version, Callback<Info> done) {
     done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"version"}));
     return;
   }
-  OsHyv::StoredBaseImage image;
-  ConfigResult result = OsHyv::ReadBaseImage(version, image);
+  Trusted::StoredBaseImage image;
+  ConfigResult result = Trusted::ReadBaseImage(version, image);
   if (result == ConfigResult::kConfigNotFound) {
     done(NotStored(version));
     return;
@@ -124,7 +123,7 @@ void BaseImagesImpl::Get(const std::string& version, Callback<Info> done) {
     return;
   }
   Info info{version, ImageName(version), AttestedTime(image.last_attested_time), {}};
-  for (const OsHyv::PakEntry& pak : image.paks) {
+  for (const Trusted::PakEntry& pak : image.paks) {
     info.packages.push_back({pak.name, pak.version, pak.vendor, pak.type, pak.summary});
   }
   done(std::move(info));

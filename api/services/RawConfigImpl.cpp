@@ -1,7 +1,7 @@
 #include "api/services/RawConfigImpl.h"
 
 #include "api/errors/ErrorCatalogue.h"
-#include "config/transfer/ConfigTransfer.h"
+#include "transfer/ConfigTransfer.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 
@@ -15,7 +15,7 @@ void RawConfigImpl::Export(std::optional<InfoType> info_type, Callback<Info> don
   }
   std::string text;
   Info info;
-  if (!Config::ExportConfiguration(text, info.hash)) {
+  if (!Transfer::ExportConfiguration(text, info.hash)) {
     done(Errors::Error(Errors::kRawConfigExportFailed));
     return;
   }
@@ -43,7 +43,7 @@ void RawConfigImpl::Import(const std::vector<uint8_t>& config, Callback<Lumen::V
     done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }
-  if (Config::ImportConfiguration(text) != Config::ConfigResult::kConfigOk) {
+  if (Transfer::ImportConfiguration(text) != Config::ConfigResult::kConfigOk) {
     done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }

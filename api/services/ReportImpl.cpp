@@ -1,5 +1,6 @@
 #include "api/services/ReportImpl.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <set>
@@ -8,7 +9,7 @@
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
 #include "config/tpm2/Tpm2Settings.h"
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "document/AttestationToken.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
@@ -162,6 +163,28 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
   return std::nullopt;
 }
 
+// The report errors of the session manager's result codes 1 to 9.
+constexpr const char* kReportErrorIds[] = {
+    nullptr,
+    Errors::kReportAttestFailed,
+    Errors::kReportAttestInvalidInput,
+    Errors::kReportAttestUnknownSession,
+    Errors::kReportAttestSessionLimit,
+    Errors::kReportAttestInvalidState,
+    Errors::kReportAttestIncomplete,
+    Errors::kReportAttestUnknownSoftware,
+    Errors::kReportAttestNoSecureBoot,
+    Errors::kReportAttestVerifyFailed,
+};
+
+// OutcomeOf is the last part of an error's message id.
+std::string OutcomeOf(const std::string& id) { return id.substr(id.rfind('.') + 1); }
+
+Metrics::Counter& Attestations(const std::string& outcome) {
+  return Metrics::GetCounter("witnessd_attestations_total",
+                             "Attestations ended, by outcome (success or report error).", {{"outcome", outcome}});
+}
+
 // CountAttestation records an attestation that ended: "success", or the
 // last part of the message id of the error it ended with ("error" for a
 // failure without one). Requests refused before the EK is looked at are
@@ -169,37 +192,31 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
 void CountAttestation(const Lumen::StdError* error) {
   std::string outcome = "success";
   if (error != nullptr) {
-    outcome = "error";
-    if (!error->messages.empty()) {
-      const std::string& id = error->messages[0].id;
-      outcome = id.substr(id.rfind('.') + 1);
-    }
+    outcome = error->messages.empty() ? "error" : OutcomeOf(error->messages[0].id);
   }
-  Metrics::GetCounter("witnessd_attestations_total", "Attestations ended, by outcome (success or report error).",
-                      {{"outcome", outcome}})
-      .Inc();
+  Attestations(outcome).Increment();
 }
 
 }  // namespace
 
+ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
+  // Every outcome an attestation can end with is listed from the start, at
+  // zero, so that a rate over it needs no first occurrence.
+  Attestations("success");
+  for (const char* id : {kUnknownTpm, kUnknownTpmCa, kTpmCertRequired}) {
+    Attestations(OutcomeOf(id));
+  }
+  for (size_t i = 1; i < std::size(kReportErrorIds); ++i) {
+    Attestations(OutcomeOf(kReportErrorIds[i]));
+  }
+}
+
 Lumen::StdError ReportImpl::ReportError(SessionResult code) {
-  static constexpr const char* kIds[] = {
-      nullptr,
-      Errors::kReportAttestFailed,
-      Errors::kReportAttestInvalidInput,
-      Errors::kReportAttestUnknownSession,
-      Errors::kReportAttestSessionLimit,
-      Errors::kReportAttestInvalidState,
-      Errors::kReportAttestIncomplete,
-      Errors::kReportAttestUnknownSoftware,
-      Errors::kReportAttestNoSecureBoot,
-      Errors::kReportAttestVerifyFailed,
-  };
   int index = static_cast<int>(code);
   if (index < 1 || index > 9) {
     NOT_REACHED();
   }
-  return Errors::Error(kIds[index]);
+  return Errors::Error(kReportErrorIds[index]);
 }
 
 void ReportImpl::Create(const Request& request, Callback<Result> done) {

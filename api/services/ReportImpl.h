@@ -10,8 +10,9 @@ namespace Witnessd::AttestApi {
 
 class ReportImpl : public ReportSvc {
  public:
-  // |sessions| is the session manager; it outlives the service.
-  explicit ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {}
+  // |sessions| is the session manager; it outlives the service. Registers
+  // the attestation outcome counters.
+  explicit ReportImpl(Tpm2::Attestation* sessions);
 
   void Create(const Request& request, Callback<Result> done) override;
 

@@ -51,7 +51,7 @@ void StatusImpl::Get(Callback<Info> done) {
   }
 
   std::vector<std::string> versions;
-  OsHyv::ListBaseImages(versions);
+  Trusted::ListBaseImages(versions);
   SetStatusCondition(kStatusTrustedSoftwareUnset, versions.empty());
 
   Info info;

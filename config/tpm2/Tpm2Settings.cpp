@@ -1,6 +1,6 @@
 #include "config/tpm2/Tpm2Settings.h"
 
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 
 namespace Witnessd::Config::Tpm2 {
@@ -31,17 +31,28 @@ void SetCachedTpm2Settings(bool require_endorsement_keys, bool require_certifica
   g_require_certificate_validation = require_certificate_validation;
 }
 
+void ReadTpm2SettingsRecord(const HyvConfig::StoreObject& record, bool& require_endorsement_keys,
+                            bool& require_certificate_validation) {
+  require_endorsement_keys = true;
+  require_certificate_validation = false;
+  if (record.HasValue("require_endorsement_keys")) {
+    record.GetValue("require_endorsement_keys", &require_endorsement_keys);
+  }
+  if (record.HasValue("require_certificate_validation")) {
+    record.GetValue("require_certificate_validation", &require_certificate_validation);
+  }
+}
+
 ConfigResult ReadTpm2Settings(bool& require_endorsement_keys, bool& require_certificate_validation) {
   try {
     auto store = ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
     ConfigStoreObjectPtr object = store->GetObject(MakeId(kKeyTpm2Settings));
     if (object == nullptr) {
-      // No record yet: a fresh object reads as the store's defaults.
+      // No record yet: a fresh object reads as the defaults.
       object = std::make_shared<ConfigStoreObject>(MakeId(kKeyTpm2Settings));
       VERIFY(object != nullptr);
     }
-    object->GetValue("require_endorsement_keys", &require_endorsement_keys);
-    object->GetValue("require_certificate_validation", &require_certificate_validation);
+    ReadTpm2SettingsRecord(*object, require_endorsement_keys, require_certificate_validation);
     return ConfigResult::kConfigOk;
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception getting tpm2 settings from configstore: %s\n", e.what());

@@ -12,8 +12,16 @@ namespace Witnessd::Config::Tpm2 {
 // shared. Both are false until the first load. Always kConfigOk.
 ConfigResult GetTpm2Settings(bool& require_endorsement_keys, bool& require_certificate_validation);
 
+// ReadTpm2SettingsRecord reads the pair from a "tpm2_settings" record; an
+// absent field has its default: a fresh host requires configured endorsement
+// keys, so only TPMs an administrator declared can attest until the settings
+// are changed, and does not require certificate validation. A field of
+// another type throws HostCtlException.
+void ReadTpm2SettingsRecord(const HyvConfig::StoreObject& record, bool& require_endorsement_keys,
+                            bool& require_certificate_validation);
+
 // ReadTpm2Settings reads the pair from the store; an absent record gives the
-// store's defaults. The caller holds the configuration lock. kConfigError
+// defaults. The caller holds the configuration lock. kConfigError
 // when the store fails (logged).
 ConfigResult ReadTpm2Settings(bool& require_endorsement_keys, bool& require_certificate_validation);
 

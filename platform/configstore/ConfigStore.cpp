@@ -25,28 +25,6 @@ namespace {
 
 constexpr const char* kExportFormat = "witnessd-configstore-1";
 
-// Defaults of fields that have one other than "", false or an empty list. A
-// fresh host requires configured endorsement keys: only TPMs an administrator
-// declared can attest until the settings are changed.
-struct FieldDefault {
-  const char* key;
-  const char* field;
-  bool value;
-};
-constexpr FieldDefault kBoolDefaults[] = {
-    {"tpm2_settings", "require_endorsement_keys", true},
-    {"tpm2_settings", "require_certificate_validation", false},
-};
-
-bool DefaultBool(const std::string& key, const std::string& field) {
-  for (const FieldDefault& d : kBoolDefaults) {
-    if (key == d.key && field == d.field) {
-      return d.value;
-    }
-  }
-  return false;
-}
-
 std::string ReadBootId() {
   std::ifstream in("/proc/sys/kernel/random/boot_id");
   std::string id;
@@ -194,7 +172,7 @@ void StoreObject::GetValue(const std::string& field, std::string* out) const {
 void StoreObject::GetValue(const std::string& field, bool* out) const {
   auto it = fields_.find(field);
   if (it == fields_.end()) {
-    *out = DefaultBool(id_.key, field);
+    *out = false;
     return;
   }
   const bool* b = std::get_if<bool>(&it->second);

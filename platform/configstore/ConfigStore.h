@@ -72,9 +72,9 @@ struct ErrorInfo {
 class ConfigStoreObject;
 using ConfigStoreObjectPtr = std::shared_ptr<ConfigStoreObject>;
 
-// StoreObject holds typed fields. Reading an absent field yields the schema's
-// default for the record's key, or "", false or an empty list; reading a field
-// of another type throws HostCtlException.
+// StoreObject holds typed fields. Reading an absent field yields "", false or
+// an empty list (a record's own defaults are its owner's to apply); reading a
+// field of another type throws HostCtlException.
 class StoreObject {
  public:
   using Value = std::variant<std::string, bool, std::vector<std::string>>;
@@ -91,6 +91,7 @@ class StoreObject {
   void SetValue(const std::string& field, bool value);
   void SetValue(const std::string& field, const std::vector<std::string>& value);
 
+  bool HasValue(const std::string& field) const { return fields_.count(field) != 0; }
   const ConfigStoreObjectId& GetConfigStoreObjectId() const { return id_; }
 
  protected:

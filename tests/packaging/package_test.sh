@@ -16,6 +16,7 @@ deb=$(ls "$work"/out/witnessd_*.deb)
 # the writer's SIGPIPE as a failure.
 info=$(dpkg-deb --info "$deb")
 [[ "$info" == *"Depends: "*libssl3* ]] || fail "package does not depend on libssl3"
+[[ "$info" == *"Depends: "*libprometheus-cpp-core1.0* ]] || fail "package does not depend on libprometheus-cpp-core1.0"
 root=$work/root
 dpkg-deb -x "$deb" "$root"
 for f in usr/sbin/witnessd usr/bin/witnessctl usr/lib/quarro/lumen/attest_lumen_metadata.json \

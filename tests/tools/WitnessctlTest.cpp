@@ -15,6 +15,7 @@
 #include "tests/support/DaemonProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/BootLog.h"
+#include "tools/HttpClient.h"
 
 namespace Witnessd::Testing {
 namespace {
@@ -82,7 +83,7 @@ class WitnessctlTest : public ::testing::Test {
   static CtlRun Ctl(const std::string& args, const std::string& token = "", uint16_t port = 0) {
     static int n = 0;
     std::string base = *dir_ + "/run" + std::to_string(++n);
-    std::string command = "cd " + *dir_ + " && env -u WITNESSD_TOKEN WITNESSD_PORT=" +
+    std::string command = "cd " + *dir_ + " && env -u WITNESSD_TOKEN XDG_CACHE_HOME=" + *dir_ + "/cache WITNESSD_PORT=" +
                           std::to_string(port != 0 ? port : daemon_->Port()) +
                           (token.empty() ? "" : " WITNESSD_TOKEN=" + token) + " " + WITNESSCTL_PATH + " " + args +
                           " > " + base + ".out 2> " + base + ".err";
@@ -237,6 +238,44 @@ TEST_F(WitnessctlTest, FilesInAndOut) {
   EXPECT_EQ(1, huge.status);
   EXPECT_NE(std::string::npos, huge.err.find("uploading: ")) << huge.err;
   EXPECT_NE(std::string::npos, huge.err.find("larger than the daemon accepts")) << huge.err;
+}
+
+// A command again costs the checksum question and its own call: the
+// catalogue comes from the cache. A damaged cache, or one of other metadata,
+// is read afresh from the daemon and rewritten.
+TEST_F(WitnessctlTest, CatalogueCachedByMetadataChecksum) {
+  Agent::HttpClient http("127.0.0.1", daemon_->Port());
+  auto calls = [&] {
+    int status = 0;
+    std::string body, error;
+    EXPECT_TRUE(http.Get("/metrics", &status, &body, &error)) << error;
+    std::istringstream lines(body);
+    double total = 0;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("witnessd_api_calls_total{", 0) == 0) {
+        total += std::stod(line.substr(line.rfind(' ') + 1));
+      }
+    }
+    return total;
+  };
+  ASSERT_EQ(0, Admin("status get").status);
+  const struct {
+    const char* damage;  // done to the cached file before the command
+    bool cached;
+  } rows[] = {
+      {"true", true},
+      {"printf '{' > $f", false},
+      {"sed -i 's/\"checksum\":\"/&0/' $f", false},
+      {"true", true},
+  };
+  for (const auto& row : rows) {
+    Shell("for f in " + *dir_ + "/cache/witnessctl/catalog-*.json; do " + row.damage + "; done");
+    double before = calls();
+    CtlRun r = Admin("status get");
+    EXPECT_EQ(0, r.status) << row.damage << "\n" << r.err;
+    double made = calls() - before;
+    EXPECT_TRUE(row.cached ? made == 2 : made > 2) << row.damage << ": " << made << " calls";
+  }
 }
 
 // A command and an alias that only the metadata file declares are callable

@@ -53,7 +53,7 @@ class AttestationTest : public Testing::StoreFixture {
   void SetUp() override {
     StoreFixture::SetUp();
     Config::Tpm2::ResetTpm2ConfigForTesting();
-    Config::OsHyv::ClearBaseImageCache();
+    Trusted::ClearBaseImageCache();
     Config::InitConfigLocks();
     Config::EnsureSigningKey();
     Config::Tpm2::InitTpm2Config();
@@ -153,8 +153,8 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
     EXPECT_EQ(0u, manager_->SessionCount());
     EXPECT_EQ(std::optional<int32_t>(0), EkCount());
   }
-  Config::OsHyv::StoredBaseImage image;
-  ASSERT_EQ(ConfigResult::kConfigOk, Config::OsHyv::ReadBaseImage(kVersion, image));
+  Trusted::StoredBaseImage image;
+  ASSERT_EQ(ConfigResult::kConfigOk, Trusted::ReadBaseImage(kVersion, image));
   EXPECT_FALSE(image.last_attested_time.empty());
   EXPECT_EQ(3u, manager_->Statistics().success);
 }

@@ -10,7 +10,7 @@ namespace Witnessd::Testing {
 using AttestApi::ReportSvc;
 
 bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version) {
-  using namespace Config::OsHyv;
+  using namespace Trusted;
   PakEntry base{"hyv-base", version, "Quarro", "bootbank", "base", {}};
   base.payloads.push_back(
       {"k", "k.b00", {{Hex(Agent::PayloadDigest(plan, Agent::kKernelPayload)), "sha-256", "gunzip"}}});

@@ -10,8 +10,10 @@
 #include "tests/trusted/ImgdbFixture.h"
 #include "trusted/BaseImageStore.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
 namespace {
+
+using namespace Config;
 
 const std::string kKernel(64, 'a');  // the generator's default Hvkernel digest
 constexpr const char* kVersion = "8.0.1-12345";
@@ -165,4 +167,4 @@ TEST_F(BaseImageImportTest, DeleteRemovesTheImageAndItsLookups) {
 }
 
 }  // namespace
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

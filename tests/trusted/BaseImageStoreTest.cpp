@@ -8,10 +8,11 @@
 #include "tests/config/StoreFixture.h"
 #include "tests/support/LogCapture.h"
 
-namespace Witnessd::Config::OsHyv {
+namespace Witnessd::Trusted {
 namespace {
 
 using Testing::Capture;
+using namespace Config;
 
 constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 constexpr ConfigResult kNotFound = ConfigResult::kConfigNotFound;
@@ -212,4 +213,4 @@ TEST_F(BaseImageStoreTest, LastAttestedTime) {
 }
 
 }  // namespace
-}  // namespace Witnessd::Config::OsHyv
+}  // namespace Witnessd::Trusted

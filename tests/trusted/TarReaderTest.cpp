@@ -12,6 +12,7 @@ namespace {
 
 using Witnessd::Testing::TarBuilder;
 using Witnessd::Testing::TarHeaderSpec;
+using namespace Witnessd::Trusted;
 
 TarArchivePtr Populate(const std::vector<uint8_t>& bytes) {
   return TarArchivePtr(TarReaderPopulate(bytes.data(), bytes.size()));

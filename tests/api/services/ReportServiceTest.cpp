@@ -350,8 +350,10 @@ double MetricValue(const std::string& page, const std::string& series) {
   return at == std::string::npos ? 0 : std::stod(page.substr(at + series.size() + 2));
 }
 
+// A fresh daemon lists every family at zero, the known outcomes included;
+// then the attestation series move with attestations.
 TEST_F(ReportService, MetricsMoveWithAttestations) {
-  Ready({});
+  StartDaemon();
   Agent::HttpClient http("127.0.0.1", daemon_->Port());
   auto page = [&] {
     int status = 0;
@@ -365,6 +367,24 @@ TEST_F(ReportService, MetricsMoveWithAttestations) {
   const std::string unknown_tpm = R"(witnessd_attestations_total{outcome="unknown_tpm"})";
   const std::string calls = R"(witnessd_api_calls_total{operation="com.quarro.hyv.attestation.report.create",result="ok"})";
   const std::string ended = R"(witnessd_attestation_session_seconds_count{outcome="success"})";
+  const std::string fresh = page();
+  for (const char* line : {
+           "# TYPE witnessd_api_calls_total counter",
+           "# TYPE witnessd_api_request_seconds histogram",
+           "witnessd_api_request_seconds_bucket{le=\"0.005\"} 0",
+           "witnessd_api_request_seconds_count 0",
+           "witnessd_attestations_total{outcome=\"success\"} 0",
+           "witnessd_attestations_total{outcome=\"unknown_tpm_ca\"} 0",
+           "witnessd_attestations_total{outcome=\"attest_verify_failed\"} 0",
+           "witnessd_attestation_sessions 0",
+           "witnessd_attestation_sessions_peak 0",
+           "witnessd_attestation_session_seconds_bucket{outcome=\"failed\",le=\"0.025\"} 0",
+           "witnessd_attestation_session_seconds_bucket{outcome=\"success\",le=\"+Inf\"} 0",
+       }) {
+    EXPECT_NE(std::string::npos, fresh.find(std::string(line) + "\n")) << line << "\nin:\n" << fresh;
+  }
+  ImportImage(Agent::BootPlan{});
+  Ready({});
   std::string before = page();
 
   ASSERT_TRUE(Attest({}).ok);

@@ -1,7 +1,7 @@
 // Export and import of the whole configuration over a real store: what
 // travels, what does not, and that a refused import changes neither the
 // store nor the caches built from it.
-#include "config/transfer/ConfigTransfer.h"
+#include "transfer/ConfigTransfer.h"
 
 #include <gtest/gtest.h>
 
@@ -16,13 +16,14 @@
 #include "config/tpm2/Tpm2Settings.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
-#include "tests/support/LogCapture.h"
 #include "tests/platform/ssl/TestCerts.h"
+#include "tests/support/LogCapture.h"
 
-namespace Witnessd::Config {
+namespace Witnessd::Transfer {
 namespace {
 
 using Testing::Capture;
+using namespace Config;
 
 constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 
@@ -194,4 +195,4 @@ TEST_F(ConfigTransferTest, RestoreLogsEachStoredKey) {
 }
 
 }  // namespace
-}  // namespace Witnessd::Config
+}  // namespace Witnessd::Transfer

@@ -7,7 +7,9 @@
 
 #include "config/Configuration.h"
 
-namespace Witnessd::Config {
+namespace Witnessd::Transfer {
+
+using Config::ConfigResult;
 
 // RestoreConfigKey marks the single-instance record |key| as restored for
 // this boot when the store holds a desired configuration for it.
@@ -32,4 +34,4 @@ bool ExportConfiguration(std::string& out_text, std::string& out_hash);
 // nothing has changed then.
 ConfigResult ImportConfiguration(const std::string& text);
 
-}  // namespace Witnessd::Config
+}  // namespace Witnessd::Transfer

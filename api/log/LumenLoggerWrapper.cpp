@@ -1,6 +1,6 @@
-#include "daemon/log/LumenLoggerWrapper.h"
+#include "api/log/LumenLoggerWrapper.h"
 
-#include "daemon/log/Assert.h"
+#include "platform/Assert.h"
 #include "platform/Log.h"
 
 namespace Witnessd::AttestApi {

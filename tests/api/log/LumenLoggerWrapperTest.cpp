@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/log/LumenLoggerWrapper.h"
+#include "api/log/LumenLoggerWrapper.h"
 #include "platform/Log.h"
 
 namespace {

@@ -1,14 +1,18 @@
-#include "config/transfer/ConfigTransfer.h"
+#include "transfer/ConfigTransfer.h"
 
 #include <algorithm>
 
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "trusted/BaseImageStore.h"
 
-namespace Witnessd::Config {
+namespace Witnessd::Transfer {
+
+using namespace Config;
+
 namespace {
 
 using HostCtl::Lib::HostCtlException;
@@ -46,13 +50,13 @@ std::string CheckBaseImage(const HyvConfig::ConfigStoreObject& image) {
   if (version.empty() || version != image.GetConfigStoreObjectId().instance_id) {
     return "version does not match the record";
   }
-  for (const ConfigStoreObjectPtr& pak : image.GetSubObjects(OsHyv::kSubPaks)) {
-    for (const ConfigStoreObjectPtr& payload : pak->GetSubObjects(OsHyv::kSubPayloads)) {
-      for (const ConfigStoreObjectPtr& sum : payload->GetSubObjects(OsHyv::kSubChecksums)) {
-        OsHyv::ChecksumEntry entry;
+  for (const ConfigStoreObjectPtr& pak : image.GetSubObjects(Trusted::kSubPaks)) {
+    for (const ConfigStoreObjectPtr& payload : pak->GetSubObjects(Trusted::kSubPayloads)) {
+      for (const ConfigStoreObjectPtr& sum : payload->GetSubObjects(Trusted::kSubChecksums)) {
+        Trusted::ChecksumEntry entry;
         sum->GetValue("checksum", &entry.checksum);
         sum->GetValue("checksum_type", &entry.checksum_type);
-        if (!OsHyv::ChecksumWellFormed(entry)) {
+        if (!Trusted::ChecksumWellFormed(entry)) {
           return "checksum is not a well-formed digest";
         }
       }
@@ -70,8 +74,7 @@ std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
   const std::string& key = object.GetConfigStoreObjectId().key;
   if (key == kKeyTpm2Settings) {
     bool require_eks = false, require_certs = false;
-    object.GetValue("require_endorsement_keys", &require_eks);
-    object.GetValue("require_certificate_validation", &require_certs);
+    Tpm2::ReadTpm2SettingsRecord(object, require_eks, require_certs);
     return require_eks || require_certs ? "" : "settings require neither endorsement keys nor certificates";
   }
   if (key == kKeyEndorsementKeys) {
@@ -143,7 +146,7 @@ void InitConfiguration() {
   EnsureSigningKey();
   RestoreTpm2Config();
   RestoreConfigKeyInstances(kKeyBaseImages);
-  OsHyv::InitBaseImageStore();
+  Trusted::InitBaseImageStore();
 }
 
 bool ExportConfiguration(std::string& out_text, std::string& out_hash) {
@@ -182,8 +185,8 @@ ConfigResult ImportConfiguration(const std::string& text) {
     return ConfigResult::kConfigError;
   }
   Tpm2::LoadEndorsementKeys();
-  OsHyv::ClearBaseImageCache();
+  Trusted::ClearBaseImageCache();
   return ConfigResult::kConfigOk;
 }
 
-}  // namespace Witnessd::Config
+}  // namespace Witnessd::Transfer

@@ -4,6 +4,7 @@
 
 #include "config/SigningKey.h"
 #include "platform/Assert.h"
+#include "platform/Log.h"
 
 namespace Witnessd::Config {
 namespace {
@@ -36,6 +37,59 @@ std::vector<std::string> ReadInstanceNames(const std::string& key) {
     names.push_back(std::move(name));
   }
   return names;
+}
+
+ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts,
+                             HyvConfig::ConfigStoreObjectPtr& out) {
+  try {
+    out = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->GetObject(MakeId(key, name));
+  } catch (const HostCtl::Lib::HostCtlException& e) {
+    Log_Level(kLogError, texts.read_failed, name.c_str(), e.what());
+    return ConfigResult::kConfigError;
+  }
+  if (out == nullptr) {
+    Log_Level(kLogError, texts.missing, name.c_str());
+    return ConfigResult::kConfigNotFound;
+  }
+  return ConfigResult::kConfigOk;
+}
+
+ConfigResult ListNamedRecords(const std::string& key, const NamedRecordTexts& texts, std::vector<std::string>& out) {
+  try {
+    out = ReadInstanceNames(key);
+    return ConfigResult::kConfigOk;
+  } catch (const HostCtl::Lib::HostCtlException& e) {
+    Log_Level(kLogError, texts.list_failed, e.what());
+    return ConfigResult::kConfigError;
+  }
+}
+
+ConfigResult WriteNamedRecord(HyvConfig::ConfigStoreObject& record, const std::string& name,
+                              const NamedRecordTexts& texts) {
+  try {
+    record.SetValue("name", name);
+    int status = 0;
+    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->SetObject(record, status);
+    return ConfigResult::kConfigOk;
+  } catch (const HostCtl::Lib::HostCtlException& e) {
+    Log_Level(kLogError, texts.write_failed, name.c_str(), e.what());
+    return ConfigResult::kConfigError;
+  }
+}
+
+ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts) {
+  try {
+    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
+    if (store->GetObject(MakeId(key, name)) == nullptr) {
+      Log_Level(kLogError, texts.delete_missing, name.c_str());
+      return ConfigResult::kConfigNotFound;
+    }
+    store->DeleteObject(MakeId(key, name));
+    return ConfigResult::kConfigOk;
+  } catch (const HostCtl::Lib::HostCtlException& e) {
+    Log_Level(kLogError, texts.delete_failed, name.c_str(), e.what());
+    return ConfigResult::kConfigError;
+  }
 }
 
 MXUserRWLock* ConfigLock() {

@@ -41,6 +41,33 @@ HyvConfig::ConfigStoreObjectId MakeId(const std::string& key, const std::string&
 // the store's order. Throws HostCtlException; callers log and map it.
 std::vector<std::string> ReadInstanceNames(const std::string& key);
 
+// Named records (EKs, CA chains): one instance of a key per name. Each kind
+// keeps its own log lines, given as printf formats taking the record's name
+// and, where the store failed, the store's reason. The caller holds the
+// configuration lock.
+struct NamedRecordTexts {
+  const char* missing;         // (name) a read found no record
+  const char* read_failed;     // (name, reason)
+  const char* list_failed;     // (reason)
+  const char* delete_missing;  // (name) a delete found no record
+  const char* delete_failed;   // (name, reason)
+  const char* write_failed;    // (name, reason)
+};
+
+// ReadNamedRecord sets |out| to the record |name| of |key|: kConfigOk,
+// kConfigNotFound or kConfigError (each failure logged).
+ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts,
+                             HyvConfig::ConfigStoreObjectPtr& out);
+// ListNamedRecords gives the names of |key|'s records in store order.
+ConfigResult ListNamedRecords(const std::string& key, const NamedRecordTexts& texts, std::vector<std::string>& out);
+// WriteNamedRecord stores |record| (its "name" field set here); kConfigError
+// when the store fails.
+ConfigResult WriteNamedRecord(HyvConfig::ConfigStoreObject& record, const std::string& name,
+                              const NamedRecordTexts& texts);
+// DeleteNamedRecord removes record |name| of |key|: kConfigOk,
+// kConfigNotFound or kConfigError.
+ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts);
+
 // The configuration lock guards every access to this service's records, the
 // cached TPM settings, the CA cache, the signing key pair in memory and the
 // status conditions. The EK map lock guards the EK reference-count map and is

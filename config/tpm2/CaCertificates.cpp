@@ -9,7 +9,6 @@ namespace Witnessd::Config::Tpm2 {
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObject;
 using HyvConfig::ConfigStoreObjectPtr;
 using HyvConfig::SubObjectId;
@@ -29,19 +28,24 @@ struct ParsedCas {
 std::mutex g_parsed_mutex;
 ParsedCas g_parsed;  // guarded by g_parsed_mutex
 
-std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
-  return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
-}
+constexpr NamedRecordTexts kCaTexts = {
+    "CA Certificate name: %s does not exist in configstore.\n",
+    "Exception reading CA certificate '%s' from configstore: %s\n",
+    "Exception reading CA certificate list from configstore: %s\n",
+    "CA Cerfificates '%s' not found\n",  // misspelling kept on purpose
+    "Exception deleting CA Certificate '%s' from configstore: %s\n",
+    "Exception writing CA certificate '%s' to configstore: %s\n",
+};
 
 // ReadChain reads the stored chain of |name|. The caller holds the
 // configuration lock.
 ConfigResult ReadChain(const std::string& name, std::vector<std::string>& out_certs) {
+  ConfigStoreObjectPtr object;
+  ConfigResult result = ReadNamedRecord(kKeyCaCertificates, name, kCaTexts, object);
+  if (result != ConfigResult::kConfigOk) {
+    return result;
+  }
   try {
-    ConfigStoreObjectPtr object = Store()->GetObject(MakeId(kKeyCaCertificates, name));
-    if (object == nullptr) {
-      Log_Level(kLogError, "CA Certificate name: %s does not exist in configstore.\n", name.c_str());
-      return ConfigResult::kConfigNotFound;
-    }
     ConfigStoreObjectPtr chain = object->GetSubObject(SubObjectId(kChainSubObject));
     if (chain == nullptr) {
       Log_Level(kLogError, "Unable to create ConfigStoreObjectPtr for certChain.\n");
@@ -50,19 +54,13 @@ ConfigResult ReadChain(const std::string& name, std::vector<std::string>& out_ce
     chain->GetValue("certs", &out_certs);
     return ConfigResult::kConfigOk;
   } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading CA certificate '%s' from configstore: %s\n", name.c_str(), e.what());
+    Log_Level(kLogError, kCaTexts.read_failed, name.c_str(), e.what());
     return ConfigResult::kConfigError;
   }
 }
 
 ConfigResult ListChains(std::vector<std::string>& out_names) {
-  try {
-    out_names = ReadInstanceNames(kKeyCaCertificates);
-    return ConfigResult::kConfigOk;
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading CA certificate list from configstore: %s\n", e.what());
-    return ConfigResult::kConfigError;
-  }
+  return ListNamedRecords(kKeyCaCertificates, kCaTexts, out_names);
 }
 
 }  // namespace
@@ -100,18 +98,13 @@ ConfigResult AddCaCertificates(const std::string& name, const std::vector<std::s
     return result;
   }
   ConfigStoreObject object(MakeId(kKeyCaCertificates, name));
-  object.SetValue("name", name);
   ConfigStoreObjectPtr chain = object.CreateSubObject(SubObjectId(kChainSubObject));
   if (chain == nullptr) {
     Log_Level(kLogError, "Unable to create ConfigStoreObjectPtr for certChain.\n");
     return ConfigResult::kConfigError;
   }
   chain->SetValue("certs", certs);
-  try {
-    int status = 0;
-    Store()->SetObject(object, status);
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception writing CA certificate '%s' to configstore: %s\n", name.c_str(), e.what());
+  if (WriteNamedRecord(object, name, kCaTexts) != ConfigResult::kConfigOk) {
     return ConfigResult::kConfigError;
   }
   // Deliberately incremental, even onto a list not built yet: the new chain is
@@ -128,18 +121,7 @@ ConfigResult AddCaCertificates(const std::string& name, const std::vector<std::s
 ConfigResult DeleteCaCertificates(const std::string& name) {
   MXUser::WriteGuard guard(ConfigLock());
   ResetCaCache();  // whether or not the delete succeeds
-  try {
-    auto store = Store();
-    if (store->GetObject(MakeId(kKeyCaCertificates, name)) == nullptr) {
-      Log_Level(kLogError, "CA Cerfificates '%s' not found\n", name.c_str());  // misspelling kept on purpose
-      return ConfigResult::kConfigNotFound;
-    }
-    store->DeleteObject(MakeId(kKeyCaCertificates, name));
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception deleting CA Certificate '%s' from configstore: %s\n", name.c_str(), e.what());
-    return ConfigResult::kConfigError;
-  }
-  return ConfigResult::kConfigOk;
+  return DeleteNamedRecord(kKeyCaCertificates, name, kCaTexts);
 }
 
 CaCertList GetAllCaCertificates() {

@@ -11,7 +11,6 @@ namespace Witnessd::Config::Tpm2 {
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObject;
 using HyvConfig::ConfigStoreObjectPtr;
 using Orm::Common::SslUtils;
@@ -32,32 +31,27 @@ struct EkEntry {
 // Guarded by the EK map lock.
 std::map<EkDigest, EkEntry> g_ek_map;
 
-std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
-  return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
-}
+constexpr NamedRecordTexts kEkTexts = {
+    "Endorsement Key name: %s does not exist in configstore.\n",
+    "Exception reading EK '%s' from configstore: %s\n",
+    "Exception reading EK list from configstore: %s\n",
+    "Endorsement key '%s' not found\n",
+    "Failed to delete EK %s from configstore: %s\n",
+    "Exception writing EK '%s' to configstore: %s\n",
+};
 
 // ReadEk reads the stored PEM of |name|. The caller holds the configuration lock.
 ConfigResult ReadEk(const std::string& name, std::string& out_pem) {
+  ConfigStoreObjectPtr object;
+  ConfigResult result = ReadNamedRecord(kKeyEndorsementKeys, name, kEkTexts, object);
+  if (result != ConfigResult::kConfigOk) {
+    return result;
+  }
   try {
-    ConfigStoreObjectPtr object = Store()->GetObject(MakeId(kKeyEndorsementKeys, name));
-    if (object == nullptr) {
-      Log_Level(kLogError, "Endorsement Key name: %s does not exist in configstore.\n", name.c_str());
-      return ConfigResult::kConfigNotFound;
-    }
     object->GetValue("public_key", &out_pem);
     return ConfigResult::kConfigOk;
   } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading EK '%s' from configstore: %s\n", name.c_str(), e.what());
-    return ConfigResult::kConfigError;
-  }
-}
-
-ConfigResult ListEks(std::vector<std::string>& out_names) {
-  try {
-    out_names = ReadInstanceNames(kKeyEndorsementKeys);
-    return ConfigResult::kConfigOk;
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading EK list from configstore: %s\n", e.what());
+    Log_Level(kLogError, kEkTexts.read_failed, name.c_str(), e.what());
     return ConfigResult::kConfigError;
   }
 }
@@ -97,7 +91,7 @@ ConfigResult GetEndorsementKey(const std::string& name, std::string& out_pem) {
 
 ConfigResult ListEndorsementKeys(std::vector<std::string>& out_names) {
   MXUser::ReadGuard guard(ConfigLock());
-  return ListEks(out_names);
+  return ListNamedRecords(kKeyEndorsementKeys, kEkTexts, out_names);
 }
 
 ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem) {
@@ -122,14 +116,9 @@ ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem) 
     return ConfigResult::kConfigDuplicate;
   }
   entry->second.configured = true;
-  try {
-    ConfigStoreObject object(MakeId(kKeyEndorsementKeys, name));
-    object.SetValue("name", name);
-    object.SetValue("public_key", pem);
-    int status = 0;
-    Store()->SetObject(object, status);
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception writing EK '%s' to configstore: %s\n", name.c_str(), e.what());
+  ConfigStoreObject object(MakeId(kKeyEndorsementKeys, name));
+  object.SetValue("public_key", pem);
+  if (WriteNamedRecord(object, name, kEkTexts) != ConfigResult::kConfigOk) {
     if (inserted) {
       g_ek_map.erase(entry);
     } else {
@@ -153,16 +142,9 @@ ConfigResult DeleteEndorsementKey(const std::string& name) {
   }
   // The store first: when it fails, the EK stays configured in both.
   MXUser::WriteGuard ek_map(EkMapLock());
-  try {
-    auto store = Store();
-    if (store->GetObject(MakeId(kKeyEndorsementKeys, name)) == nullptr) {
-      Log_Level(kLogError, "Endorsement key '%s' not found\n", name.c_str());
-      return ConfigResult::kConfigNotFound;
-    }
-    store->DeleteObject(MakeId(kKeyEndorsementKeys, name));
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Failed to delete EK %s from configstore: %s\n", name.c_str(), e.what());
-    return ConfigResult::kConfigError;
+  result = DeleteNamedRecord(kKeyEndorsementKeys, name, kEkTexts);
+  if (result != ConfigResult::kConfigOk) {
+    return result;
   }
   // Sessions still holding a reference find the entry gone when they end.
   g_ek_map.erase(digest);
@@ -232,7 +214,7 @@ bool IsEkConfigured(const EkDigest& digest) {
 void LoadEndorsementKeys() {
   std::vector<std::string> names;
   std::vector<EkDigest> digests;
-  bool listed = ListEks(names) == ConfigResult::kConfigOk;
+  bool listed = ListNamedRecords(kKeyEndorsementKeys, kEkTexts, names) == ConfigResult::kConfigOk;
   if (listed) {
     Log_Level(kLogVerbose, "EKs count in the config store : %ld\n", static_cast<long>(names.size()));
     for (const std::string& name : names) {

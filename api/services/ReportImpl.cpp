@@ -203,7 +203,7 @@ ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
   // Every outcome an attestation can end with is listed from the start, at
   // zero, so that a rate over it needs no first occurrence.
   Attestations("success");
-  for (const char* id : {kUnknownTpm, kUnknownTpmCa, kTpmCertRequired}) {
+  for (const char* id : {Errors::kReportUnknownTpm, Errors::kReportUnknownTpmCa, Errors::kReportTpmCertRequired}) {
     Attestations(OutcomeOf(id));
   }
   for (size_t i = 1; i < std::size(kReportErrorIds); ++i) {

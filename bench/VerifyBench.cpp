@@ -165,9 +165,10 @@ struct HvLog {
       EVP_Digest(name.data(), name.size(), h.data(), &len, EVP_sha256(), nullptr);
       sha256.push_back(h);
       if (pcr != 10) checksums[name] = Hearth::HexString(h.data(), 32);
-      Bytes input(replay[pcr], replay[pcr] + 32);
-      input.insert(input.end(), h.begin(), h.end());
-      EVP_Digest(input.data(), 64, replay[pcr], &len, EVP_sha256(), nullptr);
+      uint8_t input[64];
+      std::memcpy(input, replay[pcr], 32);
+      std::memcpy(input + 32, h.data(), 32);
+      EVP_Digest(input, 64, replay[pcr], &len, EVP_sha256(), nullptr);
     }
     for (int i = 0; i < kEvents; ++i) {
       digests.push_back({{v::kTpmAlgSha256, sha256[i].data(), 32}});

@@ -11,7 +11,6 @@ namespace {
 
 using Config::ConfigResult;
 using Orm::Common::SslUtils;
-namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 
 std::optional<Lumen::StdError> CheckName(const std::string& name) {
   if (name.empty()) {
@@ -75,17 +74,8 @@ void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> do
     return;
   }
   // Stored as received; reads give the standardized form.
-  switch (Config::Tpm2::AddCaCertificates(args.name, args.certificates)) {
-    case ConfigResult::kConfigOk:
-      done(Lumen::Void{});
-      return;
-    case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(Errors::kCaCertificatesAlreadyExists, {args.name}));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  done(CreateOutcome(Config::Tpm2::AddCaCertificates(args.name, args.certificates),
+                     Errors::kCaCertificatesAlreadyExists, args.name));
 }
 
 void CaCertificatesImpl::Delete(const std::string& name, Callback<Lumen::Void> done) {

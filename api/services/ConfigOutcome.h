@@ -29,6 +29,26 @@ Lumen::Outcome<T> ReadOutcome(Config::ConfigResult result, T item, const char* i
   }
 }
 
+// CreateOutcome: nothing on kConfigOk, ALREADY_EXISTS with |exists_id| and
+// the item's name for a taken name, ALREADY_EXISTS with |duplicate_id| (when
+// given) for an item stored under another name, ERROR otherwise.
+inline Lumen::Outcome<Lumen::Void> CreateOutcome(Config::ConfigResult result, const char* exists_id,
+                                                 const std::string& name, const char* duplicate_id = nullptr) {
+  switch (result) {
+    case Config::ConfigResult::kConfigOk:
+      return Lumen::Void{};
+    case Config::ConfigResult::kConfigAlreadyExists:
+      return Errors::AlreadyExists(exists_id, {name});
+    case Config::ConfigResult::kConfigDuplicate:
+      if (duplicate_id != nullptr) {
+        return Errors::AlreadyExists(duplicate_id);
+      }
+      return Com::Quarro::Lumen::Std::Errors::Error();
+    default:
+      return Com::Quarro::Lumen::Std::Errors::Error();
+  }
+}
+
 // DeleteOutcome: nothing on kConfigOk, NOT_FOUND without a message, ERROR
 // otherwise.
 inline Lumen::Outcome<Lumen::Void> DeleteOutcome(Config::ConfigResult result) {

@@ -110,20 +110,8 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
     done(std::move(*error));
     return;
   }
-  switch (Config::Tpm2::AddEndorsementKey(args.name, key)) {
-    case ConfigResult::kConfigOk:
-      done(Lumen::Void{});
-      return;
-    case ConfigResult::kConfigAlreadyExists:
-      done(Errors::AlreadyExists(Errors::kEndorsementKeysAlreadyExists, {args.name}));
-      return;
-    case ConfigResult::kConfigDuplicate:
-      done(Errors::AlreadyExists(Errors::kEndorsementKeysAlreadyExistsEk));
-      return;
-    default:
-      done(StdErrors::Error());
-      return;
-  }
+  done(CreateOutcome(Config::Tpm2::AddEndorsementKey(args.name, key), Errors::kEndorsementKeysAlreadyExists,
+                     args.name, Errors::kEndorsementKeysAlreadyExistsEk));
 }
 
 void EndorsementKeysImpl::Delete(const std::string& name, Callback<Lumen::Void> done) {

@@ -130,7 +130,10 @@ int main(int argc, char** argv) {
     if (a == "--host" && (v = next())) {
       host = v;
     } else if (a == "--port" && (v = next())) {
-      port = static_cast<uint16_t>(std::atoi(v));
+      if (!Witnessd::Tools::ParsePort(v, &port)) {
+        std::fprintf(stderr, "witnessd-agent: --port: not a port: %s\n", v);
+        return 2;
+      }
     } else if (a == "--swtpm-port" && (v = next())) {
       swtpm_port = std::atoi(v);
     } else if (a == "--software") {

@@ -54,7 +54,6 @@ inline constexpr VerifyStatus kNoSha256Digest = MakeStatus(6, 19);
 inline constexpr VerifyStatus kDuplicateSha256Digest = MakeStatus(6, 20);
 inline constexpr VerifyStatus kNoSecureBoot = MakeStatus(7, 0);
 inline constexpr VerifyStatus kReplayMismatch = MakeStatus(8, 10);
-inline constexpr VerifyStatus kReplayHashFailed = MakeStatus(8, 11);
 
 // ValidateEventLog checks |count| events against the trusted payloads
 // |checksums| and the expected TXT MLE digest (lower-case hex), then

@@ -70,7 +70,7 @@ ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, 
 
 // The configuration lock guards every access to this service's records, the
 // cached TPM settings, the CA cache, the signing key pair in memory and the
-// status conditions. The EK map lock guards the EK reference-count map and is
+// status conditions. The EK map lock guards the set of configured EK digests and is
 // always taken after the configuration lock (their ranks enforce it).
 inline constexpr uint32_t kConfigLockRank = 0xFEFFFFFF;
 inline constexpr uint32_t kEkMapLockRank = 0xFF000000;

@@ -4,8 +4,10 @@
 #include <utility>
 
 #include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Assert.h"
 #include "platform/Hearth.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
 #include "platform/System.h"
@@ -62,19 +64,6 @@ int64_t ReadLimit(const Hearth::Service::Config& settings, const char* key, int6
     return def;
   }
   return value;
-}
-
-// EkDigestOf digests the EK PEM as received. Unlike the registry's digest
-// of configured keys, missing PEM marker lines are not added first: a
-// configured key matches only when its stored text canonicalises alike.
-bool EkDigestOf(const std::string& ek_pem, Bytes& out) {
-  std::string canonical = ek_pem;
-  Orm::Common::SslUtils::CanonicalizePem(canonical);
-  if (!Orm::Common::SslUtils::ComputeHash(canonical, out)) {
-    Log_Level(kLogError, "Failed to compute EK public key digest\n");
-    return false;
-  }
-  return true;
 }
 
 ProcessResult Fail(SessionResult code) {
@@ -141,8 +130,9 @@ SessionResult CheckResponses(const Context::Message& m) {
 }
 
 // HandleMessage runs the step for the one response of |m| and appends the
-// requests that follow it to |out|.
-SessionResult HandleMessage(Session& session, const Context::Message& m, Context& out) {
+// requests that follow it to |out|; |activated| is set when the step was the
+// credential activation.
+SessionResult HandleMessage(Session& session, const Context::Message& m, Context& out, bool& activated) {
   SessionResult code;
   if (m.has_create_ak_response()) {
     Log_Level(kLogVerbose, "Found create_ak_response message\n");
@@ -166,6 +156,7 @@ SessionResult HandleMessage(Session& session, const Context::Message& m, Context
       Log_Level(kLogError, "Failed to handle attestation key activation\n");
       return code;
     }
+    activated = true;
     auto* quote = out.add_messages()->mutable_quote_request();
     quote->set_qualifying_data(ToString(session.QuoteQualifyingData()));
     quote->set_sig_scheme(ToString(QuoteSigScheme()));
@@ -199,6 +190,20 @@ SessionResult HandleMessage(Session& session, const Context::Message& m, Context
 }
 
 }  // namespace
+
+Bytes Attestation::EkDigestOf(const std::string& ek_pem) {
+  // Unlike the registry's digest of configured keys, missing PEM marker
+  // lines are not added first: a configured key matches only when its
+  // stored text canonicalises alike.
+  std::string canonical = ek_pem;
+  Orm::Common::SslUtils::CanonicalizePem(canonical);
+  Bytes digest;
+  if (!Orm::Common::SslUtils::ComputeHash(canonical, digest)) {
+    Log_Level(kLogError, "Failed to compute EK public key digest\n");
+    digest.clear();
+  }
+  return digest;
+}
 
 SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings) {
   SessionLimits defaults;
@@ -270,40 +275,68 @@ void Attestation::ScheduleStatistics(Hearth::Service::Scheduler& scheduler) {
 }
 
 ProcessResult Attestation::ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context) {
-  Bytes ek_digest;
-  if (!EkDigestOf(ek_pem, ek_digest)) {
+  Bytes ek_digest = EkDigestOf(ek_pem);
+  if (ek_digest.empty()) {
     return Fail(SessionResult::kInternalFailure);
   }
   return context ? ContinueSession(ek_digest, *context) : StartSession(ek_digest);
 }
 
 ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
-  ConfigResult counted = Config::Tpm2::IncrementEkReference(ek_digest, limits_.max_sessions_per_ek);
-  if (counted != ConfigResult::kConfigOk) {
-    SessionResult code = SessionResult::kInternalFailure;
-    if (counted == ConfigResult::kConfigLimitReached) {
-      code = SessionResult::kSessionLimit;
-    } else if (counted != ConfigResult::kConfigNotFound) {
-      Log_Level(kLogError, "Failed to increment EK reference count: %d\n", static_cast<int>(counted));
-    }
+  bool require_eks = false;
+  bool require_certs = false;
+  Config::Tpm2::GetTpm2Settings(require_eks, require_certs);
+  // Sessions of an EK that is not configured do not make it one.
+  if (require_eks && !Config::Tpm2::IsEkConfigured(ek_digest)) {
+    Log_Level(kLogError, "Failed to locate EK in public key map\n");
     Log_Level(kLogError, "Failed to start attestation\n");
-    return Fail(code);
+    return Fail(SessionResult::kInternalFailure);
   }
 
   auto session = std::make_shared<Session>(ek_digest, clock_(), limits_.strict_quote_checks);
-  bool inserted = false;
+  std::vector<std::shared_ptr<Session>> evicted;
+  SessionResult refused = SessionResult::kSuccess;
+  size_t ek_live = 0;
+  size_t live = 0;
   {
     MXUser::WriteGuard guard(table_lock_);
-    if (sessions_.size() < static_cast<size_t>(limits_.max_sessions)) {
-      inserted = sessions_.emplace(session->Id(), session).second;
+    // A first call proves nothing: anyone may present a host's EK, which is
+    // public. Were its place kept for the session's lifetime, strangers
+    // could hold every place of a host's EK, or of the whole table, and
+    // lock real hosts out at will; so a new session takes the place of the
+    // oldest one that has not activated its credential, and only sessions
+    // that have (whose caller holds the TPM) keep theirs until they end.
+    auto ek = ek_sessions_.find(ek_digest);
+    if (ek != ek_sessions_.end() && ek->second.live >= static_cast<size_t>(limits_.max_sessions_per_ek) &&
+        !MakeRoom(ek->second.unproven, evicted)) {
+      ek_live = ek->second.live;
+      refused = SessionResult::kSessionLimit;
+    } else if (sessions_.size() >= static_cast<size_t>(limits_.max_sessions) && !MakeRoom(unproven_, evicted)) {
+      refused = SessionResult::kInternalFailure;
+    } else if (sessions_.count(session->Id()) != 0) {
+      refused = SessionResult::kInternalFailure;
+    } else {
+      Admit(session);
     }
+    live = sessions_.size();
+    LiveSessions().Set(static_cast<double>(live));
   }
-  if (!inserted) {
-    Log_Level(kLogError, "Unable to allocate new session\n");
+  for (const std::shared_ptr<Session>& ended : evicted) {
+    Log_Level(kLogWarning, "Ending unproven session %lu of EK %s for a new session\n", ended->Id(),
+              Hearth::HexString(ended->EkDigest().data(), ended->EkDigest().size()).c_str());
+    Log_Level(kLogInfo, "End session %lu: %s\n", ended->Id(), "failed");
+    CountEnded(*ended, false);
+  }
+  if (refused != SessionResult::kSuccess) {
+    if (refused == SessionResult::kSessionLimit) {
+      Log_Level(kLogError, "Reached max EK reference count: %d\n", static_cast<int>(ek_live));
+    } else {
+      Log_Level(kLogError, "Unable to allocate new session\n");
+    }
     Log_Level(kLogError, "Failed to start attestation\n");
-    // The session never entered the table: its EK reference goes back.
-    Config::Tpm2::DecrementEkReference(ek_digest);
-    return Fail(SessionResult::kInternalFailure);
+    ProcessResult result = Fail(refused);
+    result.evicted = static_cast<uint32_t>(evicted.size());
+    return result;
   }
 
   Context out;
@@ -313,12 +346,6 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
   create->set_outside_info(ToString(OutsideInfo()));
   Log_Level(kLogInfo, "New attestation session: %lu\n", session->Id());
 
-  size_t live;
-  {
-    MXUser::ReadGuard guard(table_lock_);
-    live = sessions_.size();
-  }
-  LiveSessions().Set(static_cast<double>(live));
   {
     MXUser::ExclGuard guard(stats_lock_);
     if (live > stats_.peak) {
@@ -327,7 +354,9 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     }
   }
 
-  return Reply(out, session);
+  ProcessResult result = Reply(out, session);
+  result.evicted = static_cast<uint32_t>(evicted.size());
+  return result;
 }
 
 ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& context) {
@@ -360,11 +389,18 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
     Log_Level(kLogError, "Context specifies no messages\n");
     code = SessionResult::kInvalidInput;
   }
+  bool activated = false;
   for (int i = 0; i < in.messages_size() && code == SessionResult::kSuccess; i++) {
     code = CheckResponses(in.messages(i));
     if (code == SessionResult::kSuccess) {
-      code = HandleMessage(*session, in.messages(i), out);
+      code = HandleMessage(*session, in.messages(i), out, activated);
     }
+  }
+  // A session ended for a newer one while this turn ran has no place left
+  // to keep, proven or not.
+  if (code == SessionResult::kSuccess && activated && !MarkProven(session->Id())) {
+    Log_Level(kLogError, "Invalid session ID: %lu\n", session->Id());
+    return Fail(SessionResult::kUnknownSession);
   }
   if (code != SessionResult::kSuccess) {
     Log_Level(kLogError, "Failed attestation for session ID: %lu\n", session->Id());
@@ -408,9 +444,9 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
 }
 
 void Attestation::EndRefusedSession(const std::string& ek_pem, const Bytes& context) {
-  Bytes ek_digest;
+  Bytes ek_digest = EkDigestOf(ek_pem);
   Context in;
-  if (!EkDigestOf(ek_pem, ek_digest) || context.size() > static_cast<size_t>(INT_MAX) ||
+  if (ek_digest.empty() || context.size() > static_cast<size_t>(INT_MAX) ||
       !in.ParseFromArray(context.data(), static_cast<int>(context.size())) || !in.has_session_id()) {
     return;
   }
@@ -435,24 +471,82 @@ ProcessResult Attestation::Reply(const attestation::proto::Context& out, const s
 std::shared_ptr<Session> Attestation::FindSession(uint64_t id) {
   MXUser::ReadGuard guard(table_lock_);
   auto it = sessions_.find(id);
-  return it == sessions_.end() ? nullptr : it->second;
+  return it == sessions_.end() ? nullptr : it->second.session;
+}
+
+void Attestation::Admit(const std::shared_ptr<Session>& session) {
+  uint64_t admitted = next_admission_++;
+  sessions_.emplace(session->Id(), Entry{session, admitted, false});
+  EkSessions& ek = ek_sessions_[session->EkDigest()];
+  ek.live++;
+  ek.unproven.emplace(admitted, session->Id());
+  unproven_.emplace(admitted, session->Id());
+}
+
+std::shared_ptr<Session> Attestation::Remove(uint64_t id) {
+  auto it = sessions_.find(id);
+  if (it == sessions_.end()) {
+    return nullptr;
+  }
+  Entry entry = std::move(it->second);
+  sessions_.erase(it);
+  auto ek = ek_sessions_.find(entry.session->EkDigest());
+  VERIFY(ek != ek_sessions_.end() && ek->second.live > 0);
+  if (!entry.proven) {
+    ek->second.unproven.erase({entry.admitted, id});
+    unproven_.erase({entry.admitted, id});
+  }
+  if (--ek->second.live == 0) {
+    ek_sessions_.erase(ek);
+  }
+  return entry.session;
+}
+
+bool Attestation::MakeRoom(const std::set<std::pair<uint64_t, uint64_t>>& candidates,
+                           std::vector<std::shared_ptr<Session>>& evicted) {
+  if (candidates.empty()) {
+    return false;
+  }
+  // Copied: Remove erases it from |candidates|.
+  uint64_t id = candidates.begin()->second;
+  std::shared_ptr<Session> session = Remove(id);
+  VERIFY(session != nullptr);
+  evicted.push_back(std::move(session));
+  return true;
+}
+
+bool Attestation::MarkProven(uint64_t id) {
+  MXUser::WriteGuard guard(table_lock_);
+  auto it = sessions_.find(id);
+  if (it == sessions_.end()) {
+    return false;
+  }
+  Entry& entry = it->second;
+  if (!entry.proven) {
+    entry.proven = true;
+    ek_sessions_[entry.session->EkDigest()].unproven.erase({entry.admitted, id});
+    unproven_.erase({entry.admitted, id});
+  }
+  return true;
 }
 
 void Attestation::EndSession(const std::shared_ptr<Session>& session, bool success) {
   Log_Level(kLogInfo, "End session %lu: %s\n", session->Id(), success ? "success" : "failed");
-  size_t removed;
+  std::shared_ptr<Session> removed;
   {
     MXUser::WriteGuard guard(table_lock_);
-    removed = sessions_.erase(session->Id());
+    removed = Remove(session->Id());
     LiveSessions().Set(static_cast<double>(sessions_.size()));
   }
-  // A session leaves the table once: when the cleanup took it first, it was
-  // counted as timed out and its EK reference was given back there.
-  if (removed == 0) {
-    return;
+  // A session leaves the table once: when the cleanup or a newer session
+  // took it first, it was counted there.
+  if (removed != nullptr) {
+    CountEnded(*session, success);
   }
-  Config::Tpm2::DecrementEkReference(session->EkDigest());
-  int64_t elapsed_us = static_cast<int64_t>(clock_() - session->Created());
+}
+
+void Attestation::CountEnded(const Session& session, bool success) {
+  int64_t elapsed_us = static_cast<int64_t>(clock_() - session.Created());
   uint64_t duration_ms = static_cast<uint64_t>(elapsed_us / 1000);
   SessionSeconds(success).Observe(static_cast<double>(elapsed_us) / 1e6);
   MXUser::ExclGuard guard(stats_lock_);
@@ -474,28 +568,25 @@ void Attestation::EndSession(const std::shared_ptr<Session>& session, bool succe
 void Attestation::CleanupExpiredSessions() {
   Log_Level(kLogVerbose, "Running cleanup\n");
   uint64_t now = clock_();
-  std::vector<Bytes> expired;
+  size_t expired = 0;
   {
     MXUser::WriteGuard guard(table_lock_);
-    for (auto it = sessions_.begin(); it != sessions_.end();) {
-      const Session& s = *it->second;
+    std::vector<uint64_t> ids;
+    for (const auto& [id, entry] : sessions_) {
+      const Session& s = *entry.session;
       if (static_cast<int64_t>(now - s.Created()) > limits_.timeout_us) {
         Log_Level(kLogInfo, "Removing expired session %lu\n", s.Id());
-        expired.push_back(s.EkDigest());
-        it = sessions_.erase(it);
-      } else {
-        ++it;
+        ids.push_back(id);
       }
     }
+    for (uint64_t id : ids) {
+      Remove(id);
+    }
+    expired = ids.size();
     LiveSessions().Set(static_cast<double>(sessions_.size()));
   }
-  {
-    MXUser::ExclGuard guard(stats_lock_);
-    stats_.timed_out += expired.size();
-  }
-  for (const Bytes& digest : expired) {
-    Config::Tpm2::DecrementEkReference(digest);
-  }
+  MXUser::ExclGuard guard(stats_lock_);
+  stats_.timed_out += expired;
 }
 
 void Attestation::LogStatistics() {
@@ -514,6 +605,12 @@ SessionStatistics Attestation::Statistics() {
 size_t Attestation::SessionCount() {
   MXUser::ReadGuard guard(table_lock_);
   return sessions_.size();
+}
+
+size_t Attestation::EkSessionCount(const Bytes& ek_digest) {
+  MXUser::ReadGuard guard(table_lock_);
+  auto it = ek_sessions_.find(ek_digest);
+  return it == ek_sessions_.end() ? 0 : it->second.live;
 }
 
 }  // namespace Witnessd::Tpm2

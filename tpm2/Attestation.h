@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/MXUser.h"
@@ -57,6 +60,8 @@ struct ProcessResult {
   Bytes out_context;  // serialized Context while the conversation goes on
   bool done = false;
   AttestationOutcome outcome;  // set when done
+  // Unproven sessions this call ended to make room for its own.
+  uint32_t evicted = 0;
 };
 
 class Attestation {
@@ -81,6 +86,13 @@ class Attestation {
   // is |ek_pem|. |context| is absent on the first call. On kSuccess either
   // done is false and out_context holds the next requests, or done is true
   // and the outcome is set. Any other code is the failure; nothing throws.
+  //
+  // A session is unproven until its caller has activated the credential,
+  // which only the EK's own TPM can do, and proven after. A first call that
+  // finds its EK at maxSessionsPerEk sessions, or the table at maxSessions,
+  // ends the oldest unproven session there (of that EK, or of any EK) to
+  // take its place; only proven sessions make it wait (kSessionLimit, or
+  // kInternalFailure for a full table).
   ProcessResult ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context);
 
   // EndRefusedSession ends, as failed, the session that |context| names when
@@ -95,6 +107,12 @@ class Attestation {
 
   SessionStatistics Statistics();
   size_t SessionCount();
+  // EkSessionCount is the number of live sessions of the EK whose digest
+  // is |ek_digest| (as EkDigestOf makes it).
+  size_t EkSessionCount(const Bytes& ek_digest);
+  // EkDigestOf digests an EK PEM the way sessions are keyed by it; empty
+  // (logged) when hashing fails.
+  static Bytes EkDigestOf(const std::string& ek_pem);
   const SessionLimits& Limits() const { return limits_; }
 
  private:
@@ -104,13 +122,44 @@ class Attestation {
   ProcessResult Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session);
   std::shared_ptr<Session> FindSession(uint64_t id);
   void EndSession(const std::shared_ptr<Session>& session, bool success);
+  // CountEnded adds an ended session to the statistics.
+  void CountEnded(const Session& session, bool success);
+
+  // A live session in the table, with its admission number: unproven
+  // sessions are ended oldest admitted first.
+  struct Entry {
+    std::shared_ptr<Session> session;
+    uint64_t admitted = 0;
+    bool proven = false;
+  };
+  // The live sessions of one EK; the unproven ones by (admission, id).
+  struct EkSessions {
+    size_t live = 0;
+    std::set<std::pair<uint64_t, uint64_t>> unproven;
+  };
+  // The table's bookkeeping; each runs under the table's write lock.
+  void Admit(const std::shared_ptr<Session>& session);
+  // Remove takes |id| out of the table and the EK's count; null when it is
+  // no longer there.
+  std::shared_ptr<Session> Remove(uint64_t id);
+  // MakeRoom ends the oldest unproven session among |candidates| into
+  // |evicted|; false when there is none.
+  bool MakeRoom(const std::set<std::pair<uint64_t, uint64_t>>& candidates,
+                std::vector<std::shared_ptr<Session>>& evicted);
+  // MarkProven moves |id| out of the unproven orders; false when it is no
+  // longer in the table (ended by expiry or for a newer session).
+  bool MarkProven(uint64_t id);
   void ScheduleCleanupExpiredSessions(Hearth::Service::Scheduler& scheduler);
   void ScheduleStatistics(Hearth::Service::Scheduler& scheduler);
 
   const SessionLimits limits_;
   const Clock clock_;
   MXUserRWLock* table_lock_;
-  std::unordered_map<uint64_t, std::shared_ptr<Session>> sessions_;
+  // Guarded by table_lock_.
+  std::unordered_map<uint64_t, Entry> sessions_;
+  std::map<Bytes, EkSessions> ek_sessions_;
+  std::set<std::pair<uint64_t, uint64_t>> unproven_;
+  uint64_t next_admission_ = 0;
   MXUserExclLock* stats_lock_;
   SessionStatistics stats_;
 };

@@ -177,6 +177,10 @@ constexpr const char* kReportErrorIds[] = {
     Errors::kReportAttestVerifyFailed,
 };
 
+// The outcome of a session the session manager ended, before its caller
+// had activated the credential, to admit a newer one.
+constexpr const char* kEvictedOutcome = "evicted";
+
 // OutcomeOf is the last part of an error's message id.
 std::string OutcomeOf(const std::string& id) { return id.substr(id.rfind('.') + 1); }
 
@@ -203,6 +207,7 @@ ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
   // Every outcome an attestation can end with is listed from the start, at
   // zero, so that a rate over it needs no first occurrence.
   Attestations("success");
+  Attestations(kEvictedOutcome);
   for (const char* id : {Errors::kReportUnknownTpm, Errors::kReportUnknownTpmCa, Errors::kReportTpmCertRequired}) {
     Attestations(OutcomeOf(id));
   }
@@ -275,6 +280,9 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   }
 
   Tpm2::ProcessResult turn = sessions_->ProcessRequest(ek_pem, context);
+  if (turn.evicted != 0) {
+    Attestations(kEvictedOutcome).Increment(turn.evicted);
+  }
   if (turn.code != SessionResult::kSuccess) {
     Log_Level(kLogError, "TPM 2 attestation failure: %d\n", static_cast<int>(turn.code));
     Lumen::StdError error = ReportError(turn.code);

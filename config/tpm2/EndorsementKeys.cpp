@@ -1,6 +1,6 @@
 #include "config/tpm2/EndorsementKeys.h"
 
-#include <map>
+#include <set>
 
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/Tpm2Settings.h"
@@ -19,17 +19,8 @@ using Orm::Common::SslUtils;
 constexpr std::string_view kCanonicalBegin = "-----BEGINPUBLICKEY-----";
 constexpr std::string_view kCanonicalEnd = "-----ENDPUBLICKEY-----";
 
-// An EK map entry: the live sessions of the EK, and whether the EK is one
-// an administrator configured. Entries that are not configured exist only
-// while sessions hold them (EKs are then not required) and go when their
-// count falls to 0; configured entries stay at 0.
-struct EkEntry {
-  int32_t count = 0;
-  bool configured = false;
-};
-
-// Guarded by the EK map lock.
-std::map<EkDigest, EkEntry> g_ek_map;
+// The digests of the configured EKs. Guarded by the EK map lock.
+std::set<EkDigest> g_configured_eks;
 
 constexpr NamedRecordTexts kEkTexts = {
     "Endorsement Key name: %s does not exist in configstore.\n",
@@ -109,23 +100,16 @@ ConfigResult AddEndorsementKey(const std::string& name, const std::string& pem) 
     return ConfigResult::kConfigError;
   }
   MXUser::WriteGuard ek_map(EkMapLock());
-  // An entry that only live sessions hold becomes configured, count kept.
-  auto [entry, inserted] = g_ek_map.try_emplace(digest);
-  if (entry->second.configured) {
+  if (g_configured_eks.count(digest) != 0) {
     Log_Level(kLogError, "Failed to add EK public key digest to map. Already exists\n");
     return ConfigResult::kConfigDuplicate;
   }
-  entry->second.configured = true;
   ConfigStoreObject object(MakeId(kKeyEndorsementKeys, name));
   object.SetValue("public_key", pem);
   if (WriteNamedRecord(object, name, kEkTexts) != ConfigResult::kConfigOk) {
-    if (inserted) {
-      g_ek_map.erase(entry);
-    } else {
-      entry->second.configured = false;
-    }
     return ConfigResult::kConfigError;
   }
+  g_configured_eks.insert(std::move(digest));
   return ConfigResult::kConfigOk;
 }
 
@@ -146,69 +130,15 @@ ConfigResult DeleteEndorsementKey(const std::string& name) {
   if (result != ConfigResult::kConfigOk) {
     return result;
   }
-  // Sessions still holding a reference find the entry gone when they end.
-  g_ek_map.erase(digest);
+  // Live sessions of the EK keep their places: the session manager counts
+  // them.
+  g_configured_eks.erase(digest);
   return ConfigResult::kConfigOk;
-}
-
-ConfigResult IncrementEkReference(const EkDigest& digest, int32_t max_count) {
-  bool require_eks = false;
-  bool require_certs = false;
-  GetTpm2Settings(require_eks, require_certs);
-  MXUser::WriteGuard ek_map(EkMapLock());
-  auto it = g_ek_map.find(digest);
-  // Sessions of an EK that is not configured do not make it one.
-  if (require_eks && (it == g_ek_map.end() || !it->second.configured)) {
-    Log_Level(kLogError, "Failed to locate EK in public key map\n");
-    return ConfigResult::kConfigNotFound;
-  }
-  if (it == g_ek_map.end()) {
-    g_ek_map.emplace(digest, EkEntry{1, false});
-    Log_Level(kLogVerbose, "Added EK in the map and set reference count to 1\n");
-    return ConfigResult::kConfigOk;
-  }
-  if (it->second.count >= max_count) {
-    Log_Level(kLogError, "Reached max EK reference count: %d\n", it->second.count);
-    return ConfigResult::kConfigLimitReached;
-  }
-  ++it->second.count;
-  Log_Level(kLogVerbose, "EK reference count after increment: %d\n", it->second.count);
-  return ConfigResult::kConfigOk;
-}
-
-void DecrementEkReference(const EkDigest& digest) {
-  MXUser::WriteGuard ek_map(EkMapLock());
-  auto it = g_ek_map.find(digest);
-  if (it == g_ek_map.end()) {
-    Log_Level(kLogWarning, "Cannot decrement EK reference count: Not in map\n");
-    return;
-  }
-  if (it->second.count == 0) {
-    Log_Level(kLogWarning, "Cannot decrement EK reference count: Already 0\n");
-  } else {
-    --it->second.count;
-    Log_Level(kLogVerbose, "EK reference count after decrement: %d\n", it->second.count);
-  }
-  // Whatever the settings: a configured EK stays, one that only sessions
-  // held goes with its last session, so it never counts as configured.
-  if (!it->second.configured && it->second.count == 0) {
-    g_ek_map.erase(it);
-  }
-}
-
-std::optional<int32_t> GetEkReferenceCount(const EkDigest& digest) {
-  MXUser::WriteGuard ek_map(EkMapLock());
-  auto it = g_ek_map.find(digest);
-  if (it == g_ek_map.end()) {
-    return std::nullopt;
-  }
-  return it->second.count;
 }
 
 bool IsEkConfigured(const EkDigest& digest) {
-  MXUser::WriteGuard ek_map(EkMapLock());
-  auto it = g_ek_map.find(digest);
-  return it != g_ek_map.end() && it->second.configured;
+  MXUser::ReadGuard ek_map(EkMapLock());
+  return g_configured_eks.count(digest) != 0;
 }
 
 void LoadEndorsementKeys() {
@@ -235,16 +165,10 @@ void LoadEndorsementKeys() {
     Log_Level(kLogError, "Failed to read EKs from configuration\n");
   } else {
     Log_Level(kLogVerbose, "EKs count in the config store: %ld\n", static_cast<long>(digests.size()));
+    std::set<EkDigest> fresh(digests.begin(), digests.end());
     MXUser::WriteGuard ek_map(EkMapLock());
-    // Counts of EKs that stay configured carry over; dynamic entries of
-    // sessions in progress are dropped.
-    std::map<EkDigest, EkEntry> fresh;
-    for (const EkDigest& digest : digests) {
-      auto it = g_ek_map.find(digest);
-      fresh[digest] = EkEntry{it != g_ek_map.end() ? it->second.count : 0, true};
-    }
-    g_ek_map.swap(fresh);
-    Log_Level(kLogInfo, "Loaded %ld EKs from configuration\n", static_cast<long>(g_ek_map.size()));
+    g_configured_eks.swap(fresh);
+    Log_Level(kLogInfo, "Loaded %ld EKs from configuration\n", static_cast<long>(g_configured_eks.size()));
   }
   bool require_eks = false;
   bool require_certs = false;
@@ -264,7 +188,7 @@ void ResetTpm2ConfigForTesting() {
   SetCachedTpm2Settings(false, false);
   ResetCaCache();
   MXUser::WriteGuard ek_map(EkMapLock());
-  g_ek_map.clear();
+  g_configured_eks.clear();
 }
 
 }  // namespace Witnessd::Config::Tpm2

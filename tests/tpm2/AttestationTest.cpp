@@ -25,6 +25,7 @@
 #include "tpm2/Attestation.h"
 #include "tpm2/CredentialProtection.h"
 #include "tpm2/proto/attestation.pb.h"
+#include "transfer/ConfigTransfer.h"
 #include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Tpm2 {
@@ -72,11 +73,7 @@ class AttestationTest : public Testing::StoreFixture {
     return Agent::AttestWith(host_.get(), options, Testing::InProcessTransport(report_.get()));
   }
 
-  std::optional<int32_t> EkCount() {
-    Config::Tpm2::EkDigest digest;
-    EXPECT_TRUE(Config::Tpm2::ComputeEkDigest(ek_pem_, digest));
-    return Config::Tpm2::GetEkReferenceCount(digest);
-  }
+  size_t EkCount() { return manager_->EkSessionCount(Attestation::EkDigestOf(ek_pem_)); }
 
   ManualClock clock_;
   std::unique_ptr<Agent::HostTpm> host_;
@@ -151,7 +148,7 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
     EXPECT_GE(exp - iat, 25200);
     EXPECT_LE(exp - iat, 28740);
     EXPECT_EQ(0u, manager_->SessionCount());
-    EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+    EXPECT_EQ(0u, EkCount());
   }
   Trusted::StoredBaseImage image;
   ASSERT_EQ(ConfigResult::kConfigOk, Trusted::ReadBaseImage(kVersion, image));
@@ -213,7 +210,7 @@ TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
     Capture([&] { manager_->CleanupExpiredSessions(); });
     // Whatever failed, no session and no EK reference is left behind.
     EXPECT_EQ(0u, manager_->SessionCount());
-    EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+    EXPECT_EQ(0u, EkCount());
   }
 }
 
@@ -227,33 +224,82 @@ TEST_F(AttestationTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
   EXPECT_EQ(1u, manager_->Statistics().failed);
 }
 
-TEST_F(AttestationTest, SixthConcurrentSessionOfOneEkIsRefused) {
+// Proven sessions (credential activated) hold their EK's places; deleting
+// and re-adding the EK, or importing the configuration, loses none of them.
+TEST_F(AttestationTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
   Agent::AttestOptions hold;
-  hold.max_turns = 1;  // open the session, then leave it
+  hold.max_turns = 3;  // first call, AK created, credential activated
   for (int i = 0; i < 5; i++) {
     Capture([&] { EXPECT_TRUE(Run(hold).error_id.empty()); });
   }
-  EXPECT_EQ(5u, manager_->SessionCount());
-  Agent::AttestResult sixth;
-  std::string log = Capture([&] { sixth = Run(hold); });
-  EXPECT_EQ(Errors::kReportAttestSessionLimit, sixth.error_id);
-  EXPECT_NE(std::string::npos, log.find("Failed to start attestation"));
-  EXPECT_EQ(5u, manager_->SessionCount());
-  EXPECT_EQ(std::optional<int32_t>(5), EkCount());
+  std::string exported, hash;
+  ASSERT_TRUE(Transfer::ExportConfiguration(exported, hash));
+  const struct {
+    const char* name;
+    std::function<void()> change;
+  } kChanges[] = {
+      {"none", [] {}},
+      {"EK deleted and added again",
+       [&] {
+         ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::DeleteEndorsementKey("ek1"));
+         ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("ek1", ek_pem_));
+       }},
+      {"configuration imported", [&] { ASSERT_EQ(ConfigResult::kConfigOk, Transfer::ImportConfiguration(exported)); }},
+  };
+  for (const auto& c : kChanges) {
+    SCOPED_TRACE(c.name);
+    Capture(c.change);
+    Agent::AttestResult sixth;
+    std::string log = Capture([&] { sixth = Run(hold); });
+    EXPECT_EQ(Errors::kReportAttestSessionLimit, sixth.error_id);
+    EXPECT_NE(std::string::npos, log.find("Failed to start attestation"));
+    EXPECT_EQ(std::string::npos, log.find("Ending unproven session"));
+    EXPECT_EQ(5u, EkCount());
+  }
 
-  // Expiry gives the references back and makes room again.
+  // Expiry gives the places back.
   clock_.now_us += manager_->Limits().timeout_us + 1;
-  log = Capture([&] { manager_->CleanupExpiredSessions(); });
+  std::string log = Capture([&] { manager_->CleanupExpiredSessions(); });
   EXPECT_EQ(5, [&] {
     int n = 0;
     for (size_t p = 0; (p = log.find("Removing expired session", p)) != std::string::npos; p++) n++;
     return n;
   }());
   EXPECT_EQ(0u, manager_->SessionCount());
-  EXPECT_EQ(std::optional<int32_t>(0), EkCount());
+  EXPECT_EQ(0u, EkCount());
   EXPECT_EQ(5u, manager_->Statistics().timed_out);
   EXPECT_EQ(5u, manager_->Statistics().peak);
   Capture([&] { EXPECT_TRUE(Run({}).ok); });
+}
+
+// A full table ends its oldest unproven session for a new one, whatever
+// the EK; a table of proven sessions refuses.
+TEST_F(AttestationTest, FullTableEndsTheOldestUnprovenSessionFirst) {
+  SessionLimits limits;
+  limits.max_sessions = 2;
+  limits.max_sessions_per_ek = 20;
+  manager_ = std::make_unique<Attestation>(limits, clock_.Fn());
+  report_ = std::make_unique<ReportImpl>(manager_.get());
+  Agent::AttestOptions unproven;
+  unproven.max_turns = 1;
+  Agent::AttestOptions proven;
+  proven.max_turns = 3;
+
+  Agent::AttestResult a, b, c, d, refused;
+  Capture([&] { a = Run(unproven); });
+  Capture([&] { b = Run(proven); });
+  std::string log = Capture([&] { c = Run(unproven); });
+  EXPECT_NE(std::string::npos, log.find("Ending unproven session " + std::to_string(a.session_id) + " of EK"));
+  log = Capture([&] { d = Run(proven); });
+  EXPECT_NE(std::string::npos, log.find("Ending unproven session " + std::to_string(c.session_id) + " of EK"));
+  log = Capture([&] { refused = Run(unproven); });
+  EXPECT_EQ(Errors::kReportAttestFailed, refused.error_id);
+  EXPECT_NE(std::string::npos, log.find("Unable to allocate new session"));
+  EXPECT_EQ(2u, manager_->SessionCount());
+  EXPECT_EQ(2u, manager_->Statistics().failed);  // the two ended for newer ones
+  for (const auto* r : {&a, &b, &c, &d}) {
+    EXPECT_TRUE(r->error_id.empty()) << r->error_id;
+  }
 }
 
 // Steps against one session driven by hand, for what the agent cannot fake.
@@ -405,18 +451,6 @@ TEST_F(ManualConversation, IncompleteResponsesAreInvalidInput) {
     EXPECT_NE(std::string::npos, last_log_.find("Failed attestation for session ID: "));
     EXPECT_EQ(0u, manager_->SessionCount());
   }
-}
-
-TEST_F(ManualConversation, TableFullRefusesAndGivesTheReferenceBack) {
-  SessionLimits limits;
-  limits.max_sessions = 2;
-  limits.max_sessions_per_ek = 20;
-  manager_ = std::make_unique<Attestation>(limits, clock_.Fn());
-  EXPECT_EQ(SessionResult::kSuccess, Call(ek_pem_, std::nullopt).code);
-  EXPECT_EQ(SessionResult::kSuccess, Call(ek_pem_, std::nullopt).code);
-  EXPECT_EQ(SessionResult::kInternalFailure, Call(ek_pem_, std::nullopt).code);
-  EXPECT_NE(std::string::npos, last_log_.find("Unable to allocate new session"));
-  EXPECT_EQ(std::optional<int32_t>(2), EkCount());
 }
 
 TEST(SessionLimits, OutOfRangeValuesFallBackToDefaults) {

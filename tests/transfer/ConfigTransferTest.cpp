@@ -76,8 +76,7 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
   std::string exported = Export();
 
-  // Change everything, with a live session on an EK that stays.
-  ASSERT_EQ(kOk, Tpm2::IncrementEkReference(Digest(kept.public_pem), 5));
+  // Change everything.
   ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("dropped", dropped.public_pem));
   ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(true, false));
   ASSERT_EQ(kOk, Tpm2::DeleteCaCertificates("pki"));
@@ -87,8 +86,8 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   bool eks = false, certs = false;
   Tpm2::GetTpm2Settings(eks, certs);
   EXPECT_TRUE(certs) << "settings cache reloaded";
-  EXPECT_EQ(std::nullopt, Tpm2::GetEkReferenceCount(Digest(dropped.public_pem)));
-  EXPECT_EQ(std::optional<int32_t>(1), Tpm2::GetEkReferenceCount(Digest(kept.public_pem)));
+  EXPECT_FALSE(Tpm2::IsEkConfigured(Digest(dropped.public_pem)));
+  EXPECT_TRUE(Tpm2::IsEkConfigured(Digest(kept.public_pem)));
   Tpm2::CaCertList cas = Tpm2::GetAllCaCertificates();
   ASSERT_NE(nullptr, cas);
   EXPECT_EQ(1u, cas->size());
@@ -172,7 +171,7 @@ TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
     std::string key_now;
     EXPECT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key_now));
     EXPECT_EQ(signing_key, key_now);
-    EXPECT_TRUE(Tpm2::GetEkReferenceCount(Digest(ek.public_pem)).has_value()) << "EK map unchanged";
+    EXPECT_TRUE(Tpm2::IsEkConfigured(Digest(ek.public_pem))) << "EK set unchanged";
     bool eks = true, certs = false;
     Tpm2::GetTpm2Settings(eks, certs);
     EXPECT_FALSE(eks);

@@ -14,6 +14,7 @@
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/SwtpmHostTest.h"
+#include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/TokenCheck.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/Agent.h"
@@ -77,7 +78,10 @@ class ReportService : public SwtpmHostTest {
     }
   }
 
-  void StartDaemon() {
+  void StartDaemon(const std::string& settings = "") {
+    if (!settings.empty()) {
+      std::ofstream(sysroot_ + "/etc/quarro/cpservices/witnessd/config.xml") << settings;
+    }
     daemon_ = std::make_unique<DaemonProcess>(sysroot_, FreePort());
     ASSERT_TRUE(daemon_->Start());
     ASSERT_TRUE(daemon_->WaitForLog(kServing)) << daemon_->Log();
@@ -109,6 +113,37 @@ class ReportService : public SwtpmHostTest {
     ApiReply r = admin_->Invoke(kCertificate, "get");
     EXPECT_TRUE(r.ok) << r.raw;
     return r.output.value("certificate", "");
+  }
+
+  // FirstCall opens a session anonymously, as anyone may, with the EK
+  // |ek| ({"certificate": PEM} or {"public_key": PEM}); the session's
+  // context, empty when refused.
+  std::string FirstCall(ApiClient& client, const nlohmann::json& ek) {
+    ApiReply r = client.Invoke(kReport, "create", ReportInput(ek, nlohmann::json::array()));
+    EXPECT_TRUE(r.ok) << r.raw;
+    return r.ok ? r.output["contexts"][0].get<std::string>() : "";
+  }
+
+  static nlohmann::json ReportInput(const nlohmann::json& ek, const nlohmann::json& contexts) {
+    return {{"request",
+             {{"type", "TPM2"},
+              {"tpm2", {{"document_types", {"KMS_AUTH_JWT"}}, {"contexts", contexts}, {"ek", ek}}}}}};
+  }
+
+  // Metrics returns the /metrics page.
+  std::string Metrics() {
+    Agent::HttpClient http("127.0.0.1", daemon_->Port());
+    int status = 0;
+    std::string body, error;
+    EXPECT_TRUE(http.Get("/metrics", &status, &body, &error)) << error;
+    EXPECT_EQ(200, status);
+    return body;
+  }
+
+  std::string HostCertificate() {
+    std::string pem;
+    EXPECT_TRUE(tpm_->EkCertificatePem(&pem)) << tpm_->LastError();
+    return pem;
   }
 
   std::string sysroot_;
@@ -404,6 +439,88 @@ TEST_F(ReportService, MetricsMoveWithAttestations) {
   EXPECT_EQ(7, MetricValue(after, calls) - MetricValue(before, calls));
   EXPECT_EQ(0, MetricValue(after, "witnessd_attestation_sessions"));
   EXPECT_LT(0, MetricValue(after, "witnessd_api_request_seconds_count"));
+}
+
+// Strangers fill the session places of the host's EK, or of the whole table,
+// with first calls that anyone can make (EK certificates and keys are
+// public); the host still attests: its session takes the place of the
+// oldest stranger's, whose next call then names an unknown session.
+TEST_F(ReportService, StrangersCannotHoldTheHostsSessionPlaces) {
+  const std::string evicted = R"(witnessd_attestations_total{outcome="evicted"})";
+  std::vector<std::string> decoys;  // configured EKs of other hosts
+  for (int i = 0; i < 5; ++i) {
+    decoys.push_back(MakeKey(2048).public_pem);
+  }
+  const struct {
+    const char* name;
+    const char* settings;
+    TrustConfig trust;
+    bool host_by_certificate;
+    bool strangers_use_decoys;  // else the host's own EK certificate
+    int strangers;
+  } kCases[] = {
+      {"the host's EK places, with its certificate", "", {true, true, true, true}, true, false, 5},
+      {"every place of the table, with other hosts' keys",
+       "<config><maxSessions>100</maxSessions><maxSessionsPerEk>20</maxSessionsPerEk></config>",
+       {true, false, true, false}, false, true, 100},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    // A restart with the case's settings; the store stays.
+    bool first = daemon_ == nullptr;
+    daemon_.reset();
+    StartDaemon(c.settings);
+    if (first) {
+      ImportImage(Agent::BootPlan{});
+      for (size_t i = 0; i < decoys.size(); ++i) {
+        ApiReply r = admin_->Invoke(kEks, "create", {{"name", "decoy" + std::to_string(i)}, {"public_key", decoys[i]}});
+        ASSERT_TRUE(r.ok) << r.raw;
+      }
+    }
+    Configure(c.trust);
+    ApiClient stranger(daemon_->Port(), "");
+    std::vector<std::string> held;
+    for (int i = 0; i < c.strangers; ++i) {
+      nlohmann::json ek = c.strangers_use_decoys ? nlohmann::json{{"public_key", decoys[i % decoys.size()]}}
+                                                 : nlohmann::json{{"certificate", HostCertificate()}};
+      held.push_back(FirstCall(stranger, ek));
+    }
+    EXPECT_EQ(c.strangers, MetricValue(Metrics(), "witnessd_attestation_sessions"));
+
+    Agent::AttestOptions options;
+    options.use_certificate = c.host_by_certificate;
+    Agent::AttestResult r = Attest(options);
+    EXPECT_TRUE(r.ok) << r.error_id << r.failure;
+    EXPECT_EQ(1, MetricValue(Metrics(), evicted));
+    EXPECT_EQ(1, daemon_->CountInLog("Ending unproven session "));
+
+    // The oldest stranger's session is gone, the next one's lives on.
+    for (size_t i = 0; i < 2; ++i) {
+      nlohmann::json ek = c.strangers_use_decoys ? nlohmann::json{{"public_key", decoys[i % decoys.size()]}}
+                                                 : nlohmann::json{{"certificate", HostCertificate()}};
+      ApiReply next = stranger.Invoke(kReport, "create", ReportInput(ek, {held[i]}));
+      EXPECT_FALSE(next.ok);
+      EXPECT_EQ(i == 0, next.HasMessage(Errors::kReportAttestUnknownSession)) << next.raw;
+    }
+  }
+}
+
+// Sessions whose caller activated the credential hold the TPM: they keep
+// their places, and a further session of the EK is refused.
+TEST_F(ReportService, ProvenSessionsStillMeetTheSessionLimit) {
+  Ready({});
+  Agent::AttestOptions hold;
+  hold.max_turns = 3;  // first call, AK created, credential activated
+  for (int i = 0; i < 5; ++i) {
+    Agent::AttestResult r = Attest(hold);
+    ASSERT_TRUE(r.error_id.empty() && r.failure.empty()) << r.error_id << r.failure;
+  }
+  ApiClient stranger(daemon_->Port(), "");
+  ApiReply refused = stranger.Invoke(kReport, "create", ReportInput({{"public_key", ek_pem_}}, nlohmann::json::array()));
+  EXPECT_TRUE(refused.HasMessage(Errors::kReportAttestSessionLimit)) << refused.raw;
+  EXPECT_EQ(Errors::kReportAttestSessionLimit, Attest({}).error_id);
+  EXPECT_EQ(0, daemon_->CountInLog("Ending unproven session "));
+  EXPECT_EQ(5, MetricValue(Metrics(), "witnessd_attestation_sessions"));
 }
 
 TEST_F(ReportService, RequestChecksComeBeforeTheEk) {

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
 
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
@@ -120,7 +118,7 @@ TEST_F(Tpm2ConfigTest, EkRecordsAddGetListDelete) {
 
   ASSERT_EQ(kOk, AddEndorsementKey("tpm-a", a));
   ASSERT_EQ(kOk, AddEndorsementKey("tpm-b", b));
-  EXPECT_EQ(0, GetEkReferenceCount(Digest(a)));
+  EXPECT_TRUE(IsEkConfigured(Digest(a)));
   const struct {
     const char* name;
     std::string ek_name;
@@ -154,72 +152,11 @@ TEST_F(Tpm2ConfigTest, EkRecordsAddGetListDelete) {
   EXPECT_EQ(ConfigResult::kConfigInvalidData, GetEndorsementKey("junk", got));
 
   ASSERT_EQ(kOk, DeleteEndorsementKey("tpm-a"));
-  EXPECT_FALSE(GetEkReferenceCount(Digest(a)).has_value());
+  EXPECT_FALSE(IsEkConfigured(Digest(a)));
   log = Capture([] { EXPECT_EQ(ConfigResult::kConfigNotFound, DeleteEndorsementKey("tpm-a")); });
   EXPECT_NE(std::string::npos, log.find("does not exist in configstore"));
   // Now free, the key may be added again under a new name.
   EXPECT_EQ(kOk, AddEndorsementKey("tpm-c", Rewrap(a, 40)));
-}
-
-TEST_F(Tpm2ConfigTest, EkReferenceCounts) {
-  const std::string configured = MakeKey().public_pem;
-  const EkDigest known = Digest(configured);
-  const std::string unknown_pem = MakeKey().public_pem;
-  const EkDigest unknown = Digest(unknown_pem);
-  ASSERT_EQ(kOk, UpdateTpm2Settings(true, false));
-  ASSERT_EQ(kOk, AddEndorsementKey("tpm", configured));
-
-  // Required EKs: an unknown one is refused, a known one counts to the limit.
-  EXPECT_EQ(ConfigResult::kConfigNotFound, IncrementEkReference(unknown, 5));
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_EQ(kOk, IncrementEkReference(known, 5));
-  }
-  EXPECT_EQ(ConfigResult::kConfigLimitReached, IncrementEkReference(known, 5));
-  EXPECT_EQ(5, GetEkReferenceCount(known));
-  for (int i = 0; i < 5; ++i) {
-    DecrementEkReference(known);
-  }
-  std::string log = Capture([&] { DecrementEkReference(known); });
-  EXPECT_NE(std::string::npos, log.find("Cannot decrement EK reference count: Already 0"));
-  EXPECT_EQ(0, GetEkReferenceCount(known));
-
-  // A reload keeps the counts of EKs that stay configured.
-  ASSERT_EQ(kOk, IncrementEkReference(known, 5));
-  Reload();
-  EXPECT_EQ(1, GetEkReferenceCount(known));
-
-  // Deleting while referenced removes the entry at once.
-  ASSERT_EQ(kOk, DeleteEndorsementKey("tpm"));
-  log = Capture([&] { DecrementEkReference(known); });
-  EXPECT_NE(std::string::npos, log.find("Cannot decrement EK reference count: Not in map"));
-
-  // EKs not required: an unknown EK lives in the map while it is used.
-  ASSERT_EQ(kOk, UpdateTpm2Settings(false, true));
-  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
-  EXPECT_EQ(1, GetEkReferenceCount(unknown));
-  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
-  DecrementEkReference(unknown);
-  EXPECT_EQ(1, GetEkReferenceCount(unknown));
-  DecrementEkReference(unknown);
-  EXPECT_FALSE(GetEkReferenceCount(unknown).has_value());
-  // A reload drops dynamic entries of sessions in progress.
-  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
-  Reload();
-  EXPECT_FALSE(GetEkReferenceCount(unknown).has_value());
-
-  // Sessions of an EK do not make it configured; configuring it while they
-  // run keeps their count, and it then stays at 0 whatever the settings.
-  ASSERT_EQ(kOk, IncrementEkReference(unknown, 2));
-  ASSERT_EQ(kOk, UpdateTpm2Settings(true, true));
-  EXPECT_FALSE(IsEkConfigured(unknown));
-  EXPECT_EQ(ConfigResult::kConfigNotFound, IncrementEkReference(unknown, 2));
-  ASSERT_EQ(kOk, AddEndorsementKey("late", unknown_pem));
-  EXPECT_TRUE(IsEkConfigured(unknown));
-  EXPECT_EQ(1, GetEkReferenceCount(unknown));
-  ASSERT_EQ(kOk, UpdateTpm2Settings(false, true));
-  DecrementEkReference(unknown);
-  EXPECT_EQ(0, GetEkReferenceCount(unknown));
-  EXPECT_EQ(ConfigResult::kConfigDuplicate, AddEndorsementKey("again", unknown_pem));
 }
 
 TEST_F(Tpm2ConfigTest, InitLoadsStoredEksAndSettings) {
@@ -229,10 +166,10 @@ TEST_F(Tpm2ConfigTest, InitLoadsStoredEksAndSettings) {
   // A new process: nothing in memory until the start-up load.
   ResetTpm2ConfigForTesting();
   EXPECT_EQ(std::make_pair(false, false), Cached());
-  EXPECT_FALSE(GetEkReferenceCount(Digest(a)).has_value());
+  EXPECT_FALSE(IsEkConfigured(Digest(a)));
   InitTpm2Config();
   EXPECT_EQ(std::make_pair(false, true), Cached());
-  EXPECT_EQ(0, GetEkReferenceCount(Digest(a)));
+  EXPECT_TRUE(IsEkConfigured(Digest(a)));
 }
 
 // --- CA certificates ----------------------------------------------------------
@@ -383,93 +320,13 @@ TEST_F(Tpm2ConfigTest, EveryStoreFailureIsAConfigErrorWithLocksReleased) {
       SCOPED_TRACE(log);
       EXPECT_TRUE(std::any_of(op.lines.begin(), op.lines.end(),
                               [&](const char* line) { return log.find(line) != std::string::npos; }));
-      // A failed add leaves no digest behind; the configured EK keeps its
-      // entry, also when its delete failed.
-      EXPECT_FALSE(GetEkReferenceCount(Digest(ek2)).has_value());
+      // A failed add leaves no digest behind; the configured EK stays
+      // configured, also when its delete failed.
+      EXPECT_FALSE(IsEkConfigured(Digest(ek2)));
       EXPECT_TRUE(IsEkConfigured(present));
     }
     EXPECT_GT(failures, 0);
   }
-}
-
-// --- Concurrency --------------------------------------------------------------
-
-// Sessions take and give back EK references on many threads while readers
-// read the settings and an administrator updates settings and adds and
-// deletes other EKs. No count passes the limit, none is lost, no deadlock.
-TEST_F(Tpm2ConfigTest, ConcurrentReferenceCountsStayConsistent) {
-  constexpr int kSessionThreads = 6;
-  constexpr int kRounds = 400;
-  constexpr int32_t kLimit = 4;
-  std::vector<EkDigest> eks;
-  for (int i = 0; i < 3; ++i) {
-    std::string pem = MakeKey().public_pem;
-    ASSERT_EQ(kOk, AddEndorsementKey("ek" + std::to_string(i), pem));
-    eks.push_back(Digest(pem));
-  }
-  std::vector<std::string> extra;
-  for (int i = 0; i < 4; ++i) {
-    extra.push_back(MakeKey().public_pem);
-  }
-  ASSERT_EQ(kOk, UpdateTpm2Settings(true, false));
-  const int saved_level = Log_GetMaxLevel();
-  Log_SetMaxLevel(kLogPanic);  // the limit is hit often; keep the output quiet
-
-  std::atomic<bool> stop{false};
-  std::atomic<int> over_limit{0};
-  std::atomic<int> unexpected{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kSessionThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int round = 0; round < kRounds; ++round) {
-        const EkDigest& digest = eks[(t + round) % eks.size()];
-        ConfigResult result = IncrementEkReference(digest, kLimit);
-        if (result == kOk) {
-          if (GetEkReferenceCount(digest).value_or(0) > kLimit) {
-            ++over_limit;
-          }
-          DecrementEkReference(digest);
-        } else if (result != ConfigResult::kConfigLimitReached) {
-          ++unexpected;
-        }
-      }
-    });
-  }
-  threads.emplace_back([&] {
-    while (!stop) {
-      bool a = false, b = false;
-      GetTpm2Settings(a, b);
-      if (!a) {
-        ++unexpected;  // require_endorsement_keys is never switched off
-      }
-    }
-  });
-  threads.emplace_back([&] {
-    for (int round = 0; !stop; ++round) {
-      UpdateTpm2Settings({}, round % 2 == 0);
-      const std::string name = "extra" + std::to_string(round % extra.size());
-      if (AddEndorsementKey(name, extra[round % extra.size()]) != kOk) {
-        ++unexpected;
-      }
-      if (DeleteEndorsementKey(name) != kOk) {
-        ++unexpected;
-      }
-    }
-  });
-  for (int t = 0; t < kSessionThreads; ++t) {
-    threads[t].join();
-  }
-  stop = true;
-  for (size_t t = kSessionThreads; t < threads.size(); ++t) {
-    threads[t].join();
-  }
-  Log_SetMaxLevel(saved_level);
-  EXPECT_EQ(0, over_limit);
-  EXPECT_EQ(0, unexpected);
-  for (const EkDigest& digest : eks) {
-    EXPECT_EQ(0, GetEkReferenceCount(digest));
-  }
-  ExpectLocksReleased();
 }
 
 }  // namespace

@@ -39,6 +39,19 @@ std::vector<std::string> ReadInstanceNames(const std::string& key) {
   return names;
 }
 
+bool RecordNameValid(const std::string& name) {
+  if (name.size() > kMaxRecordNameBytes) {
+    return false;
+  }
+  for (char c : name) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f || c == '/') {
+      return false;
+    }
+  }
+  return true;
+}
+
 ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts,
                              HyvConfig::ConfigStoreObjectPtr& out) {
   try {

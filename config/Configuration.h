@@ -2,6 +2,7 @@
 // two process-wide configuration locks and the status conditions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -53,6 +54,14 @@ struct NamedRecordTexts {
   const char* delete_failed;   // (name, reason)
   const char* write_failed;    // (name, reason)
 };
+
+// The longest name of a named record (or base image version), in bytes.
+inline constexpr size_t kMaxRecordNameBytes = 255;
+// RecordNameValid is true when |name| may name a record: at most
+// kMaxRecordNameBytes bytes, no control characters, no "/". The empty name
+// passes: each caller refuses it with its own message. The API reads names
+// with it and the configuration import holds imported records to it.
+bool RecordNameValid(const std::string& name);
 
 // ReadNamedRecord sets |out| to the record |name| of |key|: kConfigOk,
 // kConfigNotFound or kConfigError (each failure logged).

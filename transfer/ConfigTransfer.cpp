@@ -1,9 +1,8 @@
 #include "transfer/ConfigTransfer.h"
 
-#include <algorithm>
-
 #include "config/SigningKey.h"
 #include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/RecordChecks.h"
 #include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
@@ -19,7 +18,6 @@ using HostCtl::Lib::HostCtlException;
 using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObjectPtr;
 using HyvConfig::UserConfigView;
-using Orm::Common::SslUtils;
 
 std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
   return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
@@ -41,7 +39,10 @@ std::vector<HyvConfig::FilterSpecObject> ExportedKeyFilters() {
 std::string CheckNamedRecord(const HyvConfig::ConfigStoreObject& object) {
   std::string name;
   object.GetValue("name", &name);
-  return name.empty() || name != object.GetConfigStoreObjectId().instance_id ? "name does not match the record" : "";
+  if (name.empty() || name != object.GetConfigStoreObjectId().instance_id) {
+    return "name does not match the record";
+  }
+  return RecordNameValid(name) ? "" : "name is longer than 255 bytes or holds a control character or '/'";
 }
 
 std::string CheckBaseImage(const HyvConfig::ConfigStoreObject& image) {
@@ -67,9 +68,12 @@ std::string CheckBaseImage(const HyvConfig::ConfigStoreObject& image) {
 
 // CheckImportedRecord holds an imported record to what the create operations
 // accept, so an import cannot store what the API would refuse: consistent
-// settings, EKs that are public keys, CA chains of certificates, base images
-// with well-formed digests. Wrongly typed fields throw HostCtlException,
-// which the store reports as a refused record too.
+// settings, EKs and CA chains under names the API takes, EKs that are usable
+// public keys, CA chains of CA certificates, base images with well-formed
+// digests. The chains are not verified again: one may hang off a CA chain
+// since deleted, or off a CA since expired, and an export must import back.
+// Wrongly typed fields throw HostCtlException, which the store reports as a
+// refused record too.
 std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
   const std::string& key = object.GetConfigStoreObjectId().key;
   if (key == kKeyTpm2Settings) {
@@ -81,7 +85,7 @@ std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
     std::string why = CheckNamedRecord(object);
     std::string pem;
     object.GetValue("public_key", &pem);
-    if (why.empty() && (!SslUtils::StandardizePemPubKey(pem) || !SslUtils::ValidatePemKey(pem))) {
+    if (why.empty() && !Tpm2::StandardEndorsementKey(pem)) {
       why = "public_key is not a usable public key";
     }
     return why;
@@ -93,8 +97,19 @@ std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
     if (chain != nullptr) {
       chain->GetValue("certs", &certs);
     }
-    if (why.empty() && (certs.empty() || !std::all_of(certs.begin(), certs.end(), SslUtils::ValidatePemCert))) {
-      why = "cert_chain is not a list of certificates";
+    if (!why.empty()) {
+      return why;
+    }
+    switch (Tpm2::CheckCaChainMembers(certs).fault) {
+      case Tpm2::CaChainFault::kNone:
+        break;
+      case Tpm2::CaChainFault::kEmpty:
+      case Tpm2::CaChainFault::kUnreadable:
+        why = "cert_chain is not a list of certificates";
+        break;
+      case Tpm2::CaChainFault::kNotCa:
+        why = "cert_chain holds a certificate that is not a CA";
+        break;
     }
     return why;
   }

@@ -105,7 +105,9 @@ void AsyncAuthnFilter::Invoke(Request request, ResultCallback done) {
     if (status != Hyv::Authn::TokenHandler::Status::kOk) {
       LUMEN_LOG(*logger_, kLumenInfo) << "Token refused for " << FullOperation(request) << ": "
                                       << Hyv::Authn::TokenHandler::StatusText(status);
-      LeaveAuthnFailure(request, claimed, Hyv::Authn::TokenHandler::StatusText(status));
+      // The subject of a refused token is only what its sender claims: the
+      // entry marks it as such and carries a bounded, escaped copy.
+      LeaveAuthnFailure(request, QrwAudit_UnverifiedSubject(claimed), Hyv::Authn::TokenHandler::StatusText(status));
       done(MethodResult::Failure(StdErrors::Unauthenticated()));
       return;
     }
@@ -231,14 +233,15 @@ std::string Get(const std::map<std::string, std::string>& record, const std::str
 }
 
 // WriteEvent writes one authentication or authorization entry, or the
-// "product.issue" entry when a mandatory part of it is empty.
-void WriteEvent(const std::string& event_id, const std::string& subject, const std::string& object, bool success,
-                const std::map<std::string, std::string>& record, const std::string& prefix) {
+// "product.issue" entry when a mandatory part of it is empty, through |log|.
+void WriteEvent(QrwAuditRefusalLog& log, const std::string& event_id, const std::string& subject,
+                const std::string& object, bool success, const std::map<std::string, std::string>& record,
+                const std::string& prefix) {
   if (event_id.empty() || subject.empty() || object.empty()) {
     std::string reason = "One or more mandatory string arguments to function are empty. eventId:" + event_id +
                          ";subject:" + subject + ";object:" + object;
     QrwAuditItem items[] = {{"reason", reason.c_str()}, {"location", "Service audit"}};
-    QrwAudit_LogList("product.issue", "", "hyv", false, items, 2);
+    log.LogList("product.issue", "", "hyv", false, items, 2);
     return;
   }
   std::vector<std::pair<std::string, std::string>> extra;
@@ -251,7 +254,7 @@ void WriteEvent(const std::string& event_id, const std::string& subject, const s
   for (const auto& [name, value] : extra) {
     items.push_back({name.c_str(), value.c_str()});
   }
-  QrwAudit_LogList(event_id.c_str(), subject.c_str(), object.c_str(), success, items.data(), items.size());
+  log.LogList(event_id.c_str(), subject.c_str(), object.c_str(), success, items.data(), items.size());
 }
 
 }  // namespace
@@ -275,7 +278,8 @@ void AuditObserver::OnCallStart(const Request& request) {
   auto& record = request.ctx->audit;
   record["eventID"] = "api.call";
   record["subject"] = "";
-  record["object"] = FullOperation(request);
+  // An operation the provider does not know is named by the caller alone.
+  record["object"] = QrwAudit_SanitizeText(FullOperation(request));
 }
 
 void AuditObserver::OnCallEnd(const Request& request, const MethodResult& result) {
@@ -286,18 +290,19 @@ void AuditObserver::OnCallEnd(const Request& request, const MethodResult& result
   record["result"] = result.error ? "false" : "true";
   bool enabled = AuditSwitch::Get() == AuditSwitch::State::kEnabled;
   VERIFY(record.count("eventID") == 1);
+  refusals_.Flush();
   if (enabled) {
     VERIFY(record.count("subject") == 1 && record.count("object") == 1 && record.count("result") == 1);
     QrwAudit_LogList(record["eventID"].c_str(), record["subject"].c_str(), record["object"].c_str(),
                      record["result"] == "true", nullptr, 0);
   }
   if (record.count(kAuthnEventKey) != 0) {
-    WriteEvent(Get(record, kAuthnEventKey), Get(record, kAuthnSubjectKey), Get(record, kAuthnObjectKey), false,
-               record, kAuthnParamPrefix);
+    WriteEvent(refusals_, Get(record, kAuthnEventKey), Get(record, kAuthnSubjectKey), Get(record, kAuthnObjectKey),
+               false, record, kAuthnParamPrefix);
   }
   if (record.count(kAuthzSubjectKey) != 0 || record.count(kAuthzEventKey) != 0) {
     std::string event_id = record.count(kAuthzEventKey) != 0 ? record[kAuthzEventKey] : "service.access.denied";
-    WriteEvent(event_id, Get(record, kAuthzSubjectKey), Get(record, kAuthzObjectKey), false, record,
+    WriteEvent(refusals_, event_id, Get(record, kAuthzSubjectKey), Get(record, kAuthzObjectKey), false, record,
                kAuthzParamPrefix);
   }
 }

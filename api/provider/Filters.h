@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/Trackers.h"
+#include "platform/lumen/Audit.h"
 #include "platform/lumen/Log.h"
 #include "platform/lumen/Provider.h"
 #include "platform/lumen/TokenHandler.h"
@@ -160,11 +161,15 @@ class AuditSwitch {
 
 // AuditObserver fills each call's audit record and writes the "api.call"
 // entry when auditing is enabled, and the authentication and authorization
-// entries the filters left.
+// entries the filters left. Those refusals are written through a refusal log,
+// which caps them a second and reports the excess at the end of a later call.
 class AuditObserver : public Lumen::Observer::CallObserver {
  public:
   void OnCallStart(const Lumen::Provider::Request& request) override;
   void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result) override;
+
+ private:
+  QrwAuditRefusalLog refusals_;
 };
 
 // TrafficObserver counts calls and errors in the daemon's trackers.

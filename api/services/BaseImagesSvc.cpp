@@ -1,5 +1,7 @@
 #include "api/services/BaseImagesSvc.h"
 
+#include "config/Configuration.h"
+
 namespace Witnessd::AttestApi {
 
 namespace {
@@ -36,7 +38,7 @@ void BaseImagesSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<BaseI
   using Lumen::Void;
   auto iface = std::make_shared<Lumen::Provider::ApiInterface>();
   iface->service_id = kServiceId;
-  auto by_version = [](Binding::InputReader& r) { return r.Name("version"); };
+  auto by_version = [](Binding::InputReader& r) { return r.Checked("version", Config::RecordNameValid); };
   iface->operations["import"] = Binding::MakeOperation<std::vector<uint8_t>, std::string>(
       [](Binding::InputReader& r) { return r.Binary("imgdb"); },
       [impl](const std::vector<uint8_t>& imgdb, Callback<std::string> done) {

@@ -3,6 +3,7 @@
 #include "api/errors/ErrorCatalogue.h"
 #include "api/services/ConfigOutcome.h"
 #include "config/tpm2/CaCertificates.h"
+#include "config/tpm2/RecordChecks.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 
@@ -20,24 +21,27 @@ std::optional<Lumen::StdError> CheckName(const std::string& name) {
   return std::nullopt;
 }
 
-// ChainIsValid establishes that every certificate parses and that the chain
-// is made of CAs that verify up to a configured CA or to a root of its own.
+// ChainIsValid establishes that the chain's members are CA certificates, as
+// every stored chain's are, and that they verify up to a configured CA or to
+// a root of their own. The caller has refused an empty chain.
 bool ChainIsValid(const std::vector<std::string>& certificates) {
-  std::vector<std::string> chain;
-  for (const std::string& cert : certificates) {
-    std::string standard = cert;
-    if (!SslUtils::StandardizePemCert(standard)) {
-      Log_Level(kLogError, "Failed to standardize TPM CA certificate chain: %s\n", cert.c_str());
+  Config::Tpm2::CaChainCheck check = Config::Tpm2::CheckCaChainMembers(certificates);
+  switch (check.fault) {
+    case Config::Tpm2::CaChainFault::kNone:
+      break;
+    case Config::Tpm2::CaChainFault::kUnreadable:
+      Log_Level(kLogError, "Failed to standardize TPM CA certificate chain: %s\n", certificates[check.index].c_str());
       return false;
-    }
-    chain.push_back(std::move(standard));
+    case Config::Tpm2::CaChainFault::kEmpty:
+    case Config::Tpm2::CaChainFault::kNotCa:
+      return false;
   }
   Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
   if (cas == nullptr) {
     Log_Level(kLogError, "Unable to get all configured CA certificates\n");
     return false;
   }
-  return SslUtils::ValidateCertChain(chain, *cas, true);
+  return SslUtils::ValidateCertChain(certificates, *cas, true);
 }
 
 }  // namespace

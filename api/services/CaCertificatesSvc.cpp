@@ -1,5 +1,7 @@
 #include "api/services/CaCertificatesSvc.h"
 
+#include "config/Configuration.h"
+
 namespace Witnessd::AttestApi {
 
 nlohmann::json Encode(const CaCertificatesSvc::Summary& summary) {
@@ -15,7 +17,7 @@ void CaCertificatesSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<C
   using Lumen::Void;
   auto iface = std::make_shared<Lumen::Provider::ApiInterface>();
   iface->service_id = kServiceId;
-  auto by_name = [](Binding::InputReader& r) { return r.Name("name"); };
+  auto by_name = [](Binding::InputReader& r) { return r.Checked("name", Config::RecordNameValid); };
   iface->operations["list"] = Binding::MakeOperation<Binding::NoInput, std::vector<Summary>>(
       Binding::DecodeNothing,
       [impl](const Binding::NoInput&, Callback<std::vector<Summary>> done) { impl->List(std::move(done)); });
@@ -24,7 +26,7 @@ void CaCertificatesSvc::AsyncServiceBinder::BindImplementation(std::shared_ptr<C
   iface->operations["create"] = Binding::MakeOperation<CreateSpec, Void>(
       [](Binding::InputReader& r) {
         CreateSpec args;
-        args.name = r.Name("name");
+        args.name = r.Checked("name", Config::RecordNameValid);
         args.certificates = r.StringList("certificates");
         return args;
       },

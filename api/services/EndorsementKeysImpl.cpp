@@ -4,6 +4,7 @@
 #include "api/services/ConfigOutcome.h"
 #include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/RecordChecks.h"
 #include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
@@ -100,12 +101,13 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
   }
   std::string key;
   if (!args.certificate) {
-    key = *args.public_key;
-    if (!SslUtils::StandardizePemPubKey(key) || !SslUtils::ValidatePemKey(key)) {
+    std::optional<std::string> standard = Config::Tpm2::StandardEndorsementKey(*args.public_key);
+    if (!standard) {
       Log_Level(kLogError, "Public Endorsement Key validation failed for '%s'\n", args.name.c_str());
       done(Errors::InvalidArgument(Errors::kEndorsementKeysInvalidKey));
       return;
     }
+    key = std::move(*standard);
   } else if (auto error = KeyFromCertificate(args.name, *args.certificate, args.public_key, key)) {
     done(std::move(*error));
     return;

@@ -221,14 +221,9 @@ std::string InputReader::String(const char* name) {
   return f->get<std::string>();
 }
 
-std::string InputReader::Name(const char* name) {
+std::string InputReader::Checked(const char* name, bool (*valid)(const std::string&)) {
   std::string value = String(name);
-  bool bad = value.size() > kMaxNameBytes;
-  for (char c : value) {
-    unsigned char u = static_cast<unsigned char>(c);
-    bad = bad || u < 0x20 || u == 0x7f || c == '/';
-  }
-  if (bad) {
+  if (Ok() && !valid(value)) {
     Fail(name);
     return {};
   }

@@ -64,11 +64,9 @@ class InputReader {
   StdError Error() const;
 
   std::string String(const char* name);
-  // Name reads the name of a stored item: a string of at most kMaxNameBytes
-  // bytes without control characters or "/". Empty passes, so that the
-  // service reports it with its own message.
-  static constexpr size_t kMaxNameBytes = 255;
-  std::string Name(const char* name);
+  // Checked reads a string that |valid| accepts; one it refuses is a bad
+  // field and reads as empty.
+  std::string Checked(const char* name, bool (*valid)(const std::string&));
   std::optional<std::string> OptString(const char* name);
   std::optional<bool> OptBool(const char* name);
   std::vector<std::string> StringList(const char* name);

@@ -226,6 +226,12 @@ bool SslUtils::ExtractKeyFromCert(X509* cert, std::string& out_key) {
   return key != nullptr && WritePubKey(key, out_key);
 }
 
+bool SslUtils::IsCaCert(X509* cert) {
+  bool ca = X509_check_ca(cert) != 0;
+  ERR_clear_error();
+  return ca;
+}
+
 bool SslUtils::ComparePemKeys(const std::string& a, const std::string& b) {
   PkeyPtr ka = ParsePubKey(a);
   PkeyPtr kb = ParsePubKey(b);
@@ -261,7 +267,7 @@ bool SslUtils::ValidateCertChain(const std::vector<std::string>& chain, const st
     }
   }
   return std::all_of(certs.begin(), certs.end(), [&](const X509Ptr& cert) {
-    return X509_check_ca(cert.get()) != 0 && Verify(store.get(), cert.get(), untrusted.get());
+    return IsCaCert(cert.get()) && Verify(store.get(), cert.get(), untrusted.get());
   });
 }
 

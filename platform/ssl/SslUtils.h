@@ -54,6 +54,9 @@ class SslUtils {
   // overload of ExtractKeyFromCert takes such a parsed certificate.
   static ParsedCert ParsePemCert(const std::string& pem);
   static bool ExtractKeyFromCert(X509* cert, std::string& out_key);
+  // IsCaCert: |cert| may issue certificates (a CA by its basic constraints,
+  // or a self-signed version 1 root).
+  static bool IsCaCert(X509* cert);
   // ComparePemKeys is true when both texts parse and hold the same public key.
   static bool ComparePemKeys(const std::string& a, const std::string& b);
 

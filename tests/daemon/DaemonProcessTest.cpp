@@ -11,12 +11,15 @@
 #include <fstream>
 #include <vector>
 
+#include "platform/lumen/Audit.h"
+#include "tests/api/TestTokens.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
 
 namespace {
 
 using Witnessd::Testing::ApiClient;
+using Witnessd::Testing::ApiReply;
 using Witnessd::Testing::DaemonProcess;
 using Witnessd::Testing::FreePort;
 using Witnessd::Testing::MakeTempDir;
@@ -271,6 +274,54 @@ TEST_F(Daemon, ConnectionFloodNeitherCrashesNorWedges) {
     d.Signal(SIGTERM);
     EXPECT_EQ(0, d.WaitExit()) << d.Log();
   }
+}
+
+// An attacker sends tokens from a key the daemon does not trust, each
+// claiming a one-megabyte subject: every refusal is audited with a bounded,
+// marked subject, refusals past the cap are only counted, and the
+// administrator is still served.
+TEST_F(Daemon, RefusedTokensWithHugeSubjectsKeepTheAuditLogSmall) {
+  std::string admin = Witnessd::Testing::InstallTrustedIssuer(sysroot_);
+  DaemonProcess d(sysroot_, FreePort());
+  ASSERT_TRUE(d.Start());
+  ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+  fs::path audit_log = sysroot_ + kQrwAuditLogPath;
+  auto size = [&] {
+    std::error_code ec;
+    uintmax_t n = fs::file_size(audit_log, ec);
+    return ec ? uintmax_t{0} : n;
+  };
+  uintmax_t before = size();
+
+  Witnessd::Testing::Pkey forger = Witnessd::Testing::MakeRsaKey();
+  std::string subject = "admin\n" + std::string(1 << 20, 'A');
+  ApiClient attacker(d.Port(),
+                     Witnessd::Testing::MakeToken("RS256", forger.get(),
+                                                  Witnessd::Testing::Claims(subject, {"Attestation.Administer"})));
+  for (int i = 0; i < 20; ++i) {
+    ApiReply r = attacker.Invoke("com.quarro.hyv.attestation.status", "get");
+    EXPECT_EQ("UNAUTHENTICATED", r.error_type) << r.raw;
+  }
+  // The entries are written before the answers leave.
+  uintmax_t growth = size() - before;
+  RecordProperty("audit_log_growth_bytes", std::to_string(growth));
+  EXPECT_LE(growth, 16u * 1024);
+  std::ifstream in(audit_log);
+  std::string line;
+  int refusals = 0;
+  while (std::getline(in, line)) {
+    nlohmann::json entry = nlohmann::json::parse(line);
+    if (entry["eventID"] == "authentication.failed") {
+      ++refusals;
+      EXPECT_EQ("unverified:admin\\u000aAAA", entry["subject"].get<std::string>().substr(0, 25));
+    }
+  }
+  EXPECT_GE(refusals, 1);
+
+  ApiReply served = ApiClient(d.Port(), admin).Invoke("com.quarro.hyv.attestation.status", "get");
+  EXPECT_TRUE(served.ok) << served.raw;
+  d.Signal(SIGTERM);
+  EXPECT_EQ(0, d.WaitExit()) << d.Log();
 }
 
 }  // namespace

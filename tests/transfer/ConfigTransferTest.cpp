@@ -74,6 +74,7 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("kept", kept.public_pem));
   ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(true, true));
   ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
+  ASSERT_EQ(kOk, Tpm2::AddCaCertificates(std::string(kMaxRecordNameBytes, 'c'), {pki.intermediate.pem}));
   std::string exported = Export();
 
   // Change everything.
@@ -90,7 +91,7 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   EXPECT_TRUE(Tpm2::IsEkConfigured(Digest(kept.public_pem)));
   Tpm2::CaCertList cas = Tpm2::GetAllCaCertificates();
   ASSERT_NE(nullptr, cas);
-  EXPECT_EQ(1u, cas->size());
+  EXPECT_EQ(2u, cas->size());
   ExpectLocksReleased();
 }
 
@@ -126,6 +127,17 @@ TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
     throw std::runtime_error(key);
   };
   auto list_key = [](json& doc, const char* key) { doc["keys"].push_back({key, kComponent, kGroup}); };
+  // Rename gives a record another name, consistently.
+  auto rename = [&](const char* key, const std::string& name) {
+    return edit([&](json& doc) {
+      for (json& r : doc["records"]) {
+        if (r["key"] == key) {
+          r["instance"] = name;
+          r["object"]["fields"]["name"] = name;
+        }
+      }
+    });
+  };
   const struct {
     const char* name;
     std::string text;
@@ -142,6 +154,14 @@ TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
       {"EK named unlike its record", edit([&](json& doc) { record(doc, kKeyEndorsementKeys)["fields"]["name"] =
                                                                "ek2"; }),
        false, "name does not match"},
+      {"EK name with '/'", rename(kKeyEndorsementKeys, "ek/1"), false, "name is longer than 255 bytes"},
+      {"EK name with a control character", rename(kKeyEndorsementKeys, "ek\n1"), false, "holds a control character"},
+      {"CA name over 255 bytes", rename(kKeyCaCertificates, std::string(kMaxRecordNameBytes + 1, 'c')), false,
+       "name is longer than 255 bytes"},
+      {"CA chain with a leaf certificate", edit([&](json& doc) {
+         record(doc, kKeyCaCertificates)["subs"][0][2]["fields"]["certs"] = {pki.root.pem, pki.leaf.pem};
+       }),
+       false, "cert_chain holds a certificate that is not a CA"},
       {"CA entry that is no certificate", edit([&](json& doc) { record(doc, kKeyCaCertificates)["subs"][0][2]
                                                                     ["fields"]["certs"] = {pki.root.pem, "junk"}; }),
        false, "cert_chain is not a list of certificates"},

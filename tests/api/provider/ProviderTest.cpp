@@ -256,7 +256,7 @@ TEST_F(ProviderTest, AuditSwitchOnWritesCallAndRefusalEntries) {
   EXPECT_EQ("com.quarro.hyv.attestation.tpm2.settings.update", denied["object"]);
   EXPECT_EQ(false, denied["result"]);
   EXPECT_EQ("Attestation.Administer", denied["items"]["privilege"]);
-  json forged = find("authentication.failed", "mallory");
+  json forged = find("authentication.failed", "unverified:mallory");
   ASSERT_FALSE(forged.is_null());
   EXPECT_EQ(false, forged["result"]);
   // A refused token without a subject cannot name one: reported as a product issue.

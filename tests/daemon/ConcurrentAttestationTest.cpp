@@ -1,6 +1,7 @@
 // Several hosts with real swtpm TPMs attest at once, by EK key and by EK
-// certificate, while an administrator creates and deletes EKs and CA chains
-// and switches both TPM settings. Built with ThreadSanitizer (scripts/test.sh
+// certificate, while strangers present the same (public) certificates and
+// an administrator creates and deletes EKs and CA chains and switches both
+// TPM settings. Built with ThreadSanitizer (scripts/test.sh
 // --tsan), a data race the daemon reports fails the test; in every build the
 // daemon stays up and, once the configuration stops changing, every host
 // attests.
@@ -35,6 +36,7 @@ struct Host {
   std::unique_ptr<SwtpmProcess> swtpm;
   std::unique_ptr<Agent::HostTpm> tpm;
   std::string ek_pem;
+  std::string certificate_pem;
   bool by_certificate = false;
 };
 
@@ -93,6 +95,7 @@ TEST_F(ConcurrentAttestation, HostsAttestWhileTheAdministratorChangesTrust) {
     Agent::Bytes ek;
     ASSERT_TRUE(host.tpm->EkPublic(&ek)) << host.tpm->LastError();
     ASSERT_TRUE(Agent::EkPublicPem(ek, &host.ek_pem));
+    ASSERT_TRUE(host.tpm->EkCertificatePem(&host.certificate_pem)) << host.tpm->LastError();
     host.by_certificate = i % 2 == 1;
     hosts_.push_back(std::move(host));
   }
@@ -125,6 +128,28 @@ TEST_F(ConcurrentAttestation, HostsAttestWhileTheAdministratorChangesTrust) {
       }
     });
   }
+  // Strangers, meanwhile, open sessions with the hosts' certificates and
+  // drop them at their next call, one at a time each: the hosts' places
+  // stay free, but every certificate is checked on several threads at once.
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      ApiClient stranger(daemon_->Port(), "");
+      for (int n = t; !hosts_done; ++n) {
+        nlohmann::json input = {
+            {"request",
+             {{"type", "TPM2"},
+              {"tpm2",
+               {{"document_types", {"KMS_AUTH_JWT"}},
+                {"contexts", nlohmann::json::array()},
+                {"ek", {{"certificate", hosts_[n % kHosts].certificate_pem}}}}}}}};
+        ApiReply r = stranger.Invoke("com.quarro.hyv.attestation.report", "create", input);
+        if (r.ok) {
+          input["request"]["tpm2"]["contexts"] = r.output["contexts"];
+          stranger.Invoke("com.quarro.hyv.attestation.report", "create", input);
+        }
+      }
+    });
+  }
   // The administrator, meanwhile: settings switched, a host's EK and CA
   // chain deleted and declared again, other EKs and chains come and go.
   ApiClient churn(daemon_->Port(), token_);
@@ -149,10 +174,13 @@ TEST_F(ConcurrentAttestation, HostsAttestWhileTheAdministratorChangesTrust) {
       churn.Invoke(kCas, "delete", {{"name", "extra"}});
     }
   });
-  for (std::thread& t : threads) {
-    t.join();
+  for (int i = 0; i < kHosts; ++i) {
+    threads[i].join();
   }
   hosts_done = true;
+  for (size_t i = kHosts; i < threads.size(); ++i) {
+    threads[i].join();
+  }
   admin.join();
   for (int i = 0; i < kHosts; ++i) {
     EXPECT_EQ("", failures[i]) << "host " << i;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -44,6 +45,20 @@ std::atomic<AttestApi::Endpoint*> g_endpoint{nullptr};
 
 std::shared_ptr<Hearth::Service::Logger> g_witnessd_logger;
 
+int64_t WholeSeconds(std::chrono::nanoseconds d) {
+  return std::chrono::duration_cast<std::chrono::seconds>(d).count();
+}
+
+// ReadTimeout reads the connection timeout |key|, 1 to |max_seconds| seconds;
+// a value out of range ends the start, as for "maxConnections".
+std::chrono::seconds ReadTimeout(const Hearth::Service::Config& config, const char* key, int max_seconds) {
+  int64_t seconds = config.GetInt(key, 0);
+  if (seconds < 1 || seconds > max_seconds) {
+    throw std::runtime_error(std::string(key) + " must be between 1 and " + std::to_string(max_seconds));
+  }
+  return std::chrono::seconds(seconds);
+}
+
 void OnTerminationSignal(int) {
   Log_Level(kLogWarning, "Exiting with status %d\n", 0);
   Orm::Common::SignalUtils::SignalsExit();
@@ -71,6 +86,9 @@ int Main() {
   scratch->SetInt("tokenValiditySeconds", 0);
   scratch->SetBool("strictQuoteChecks", true);
   scratch->SetInt("maxConnections", AttestApi::DefaultMaxConnections());
+  const AttestApi::EndpointTimeouts default_timeouts;
+  scratch->SetInt("headerTimeoutSeconds", WholeSeconds(default_timeouts.header));
+  scratch->SetInt("idleTimeoutSeconds", WholeSeconds(default_timeouts.idle));
 
   Hearth::Service::SetAppInfo({"witnessd", WITNESSD_VERSION, WITNESSD_BUILD_NUMBER, 0});
   try {
@@ -111,6 +129,12 @@ int Main() {
       throw std::runtime_error("maxConnections must be between 1 and " + std::to_string(kMaxConnectionsLimit));
     }
     Log_Level(kLogInfo, "Max connections: %d\n", static_cast<int>(max_connections));
+    AttestApi::EndpointTimeouts timeouts;
+    timeouts.header = ReadTimeout(app.GetConfig(), "headerTimeoutSeconds", kMaxHeaderTimeoutSeconds);
+    timeouts.idle = ReadTimeout(app.GetConfig(), "idleTimeoutSeconds", kMaxIdleTimeoutSeconds);
+    Log_Level(kLogInfo, "Request head timeout: %lld s, idle timeout: %lld s\n",
+              static_cast<long long>(WholeSeconds(timeouts.header)),
+              static_cast<long long>(WholeSeconds(timeouts.idle)));
 
     auto logger = std::make_shared<AttestApi::LumenLoggerWrapper>(&Log_Level);
 
@@ -130,8 +154,7 @@ int Main() {
 
     auto io = std::make_shared<boost::asio::io_context>();
     auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, provider,
-                                                          [](const std::string&) {}, localizer, logger,
-                                                          AttestApi::Endpoint::Timeouts(),
+                                                          [](const std::string&) {}, localizer, logger, timeouts,
                                                           static_cast<int>(max_connections));
 
     bool serving = false;

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -303,15 +304,26 @@ int DefaultMaxConnections() {
   return static_cast<int>(std::min<rlim_t>(room, kDefaultMaxConnections));
 }
 
+namespace {
+class HttpSession;
+}  // namespace
+
 struct Endpoint::Shared {
   std::shared_ptr<Lumen::Provider::ApiProvider> provider;
   std::shared_ptr<Lumen::Log::Logger> logger;
   std::chrono::nanoseconds read_timeout;
   std::chrono::nanoseconds write_timeout;
+  std::chrono::nanoseconds header_timeout;
+  std::chrono::nanoseconds idle_timeout;
   size_t body_limit;
   int max_connections;
-  std::atomic<int> connections{0};  // open HttpSessions
+  std::atomic<int> connections{0};  // open HttpSessions, less those evicted
   std::atomic<bool> at_cap{false};  // for logging the change only
+  // The sessions waiting for a request head, in the order their waits began:
+  // the front one is evicted first. A session moves its own node in and out,
+  // so waiting allocates nothing.
+  std::mutex waiting_mutex;
+  std::list<HttpSession*> waiting;  // guarded by waiting_mutex
 };
 
 namespace {
@@ -407,15 +419,54 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   using Self = std::shared_ptr<HttpSession>;
 
   HttpSession(Socket socket, std::shared_ptr<Endpoint::Shared> shared)
-      : stream_(std::move(socket)), shared_(std::move(shared)) {
+      : strand_(socket.get_executor()), stream_(std::move(socket)), shared_(std::move(shared)) {
     ++shared_->connections;
   }
-  ~HttpSession() { --shared_->connections; }
+  ~HttpSession() {
+    bool counted;
+    {
+      std::lock_guard<std::mutex> lock(shared_->waiting_mutex);
+      Unwait();
+      counted = !evicted_;
+    }
+    if (counted) {
+      --shared_->connections;
+    }
+  }
 
   static void Run(Self self) {
     HttpSession* session = self.get();
-    asio::dispatch(session->stream_.get_executor(),
+    // Waiting from the accept on: the acceptor may evict the session before
+    // its first read starts.
+    session->BeginWait();
+    asio::dispatch(session->strand_,
                    session->Bind([self = std::move(self)]() mutable { self->DoReadHeader(std::move(self)); }));
+  }
+
+  // EvictOldestWaiting closes the session that has waited longest for a
+  // request head, to make room for a client at the cap. Its place counts as
+  // free at once; the socket is closed on the session's strand. Returns false
+  // when no session waits for a head: every one is serving a request.
+  static bool EvictOldestWaiting(Endpoint::Shared& shared) {
+    Self victim;
+    {
+      std::lock_guard<std::mutex> lock(shared.waiting_mutex);
+      if (shared.waiting.empty()) {
+        return false;
+      }
+      HttpSession* oldest = shared.waiting.front();
+      oldest->Unwait();
+      oldest->evicted_ = true;
+      --shared.connections;
+      // Null when the session is already being destroyed; its place is
+      // released all the same, and its destructor no longer counts it.
+      victim = oldest->weak_from_this().lock();
+    }
+    if (victim) {
+      HttpSession* session = victim.get();
+      asio::post(session->strand_, [victim = std::move(victim)] { victim->Close(); });
+    }
+    return true;
   }
 
   // Answer delivers a call's result on the strand.
@@ -482,10 +533,66 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     return name;
   }
 
+  // A connection waits for a request head from its accept, and when kept
+  // alive from the end of each response, until the head is complete. While
+  // it waits it may be evicted; once the head is complete it is serving and
+  // keeps its place. BeginWait and EndWait return false when the session has
+  // been evicted.
+  bool BeginWait() {
+    std::lock_guard<std::mutex> lock(shared_->waiting_mutex);
+    if (evicted_) {
+      return false;
+    }
+    shared_->waiting.splice(shared_->waiting.end(), wait_node_, wait_pos_);
+    waiting_ = true;
+    return true;
+  }
+
+  bool EndWait() {
+    std::lock_guard<std::mutex> lock(shared_->waiting_mutex);
+    Unwait();
+    return !evicted_;
+  }
+
+  // Unwait takes the session out of the waiting sessions; the caller holds
+  // the waiting mutex.
+  void Unwait() {
+    if (waiting_) {
+      wait_node_.splice(wait_node_.end(), shared_->waiting, wait_pos_);
+      waiting_ = false;
+    }
+  }
+
+  // DoIdle waits, on a kept-alive connection, for the first byte of the next
+  // request; the head then has the head timeout to complete. Bytes already
+  // buffered (a pipelined request) start the head at once.
+  void DoIdle(Self self) {
+    if (!BeginWait()) {
+      Close();
+      return;
+    }
+    if (buffer_.size() > 0) {
+      DoReadHeader(std::move(self));
+      return;
+    }
+    stream_.expires_after(shared_->idle_timeout);
+    stream_.async_read_some(buffer_.prepare(kIdleReadSize),
+                            Bind([self = std::move(self)](beast::error_code ec, size_t n) mutable {
+                              self->buffer_.commit(n);
+                              if (ec) {
+                                // Idle timeout, the peer's close or an eviction: nothing to answer.
+                                self->EndWait();
+                                self->Close();
+                                return;
+                              }
+                              self->DoReadHeader(std::move(self));
+                            }));
+  }
+
   void DoReadHeader(Self self) {
     parser_.emplace();  // fresh parser per request
     ConfigureParser(*parser_, shared_->body_limit);
-    stream_.expires_after(shared_->read_timeout);
+    stream_.expires_after(shared_->header_timeout);
     http::async_read_header(stream_, buffer_, *parser_,
                             Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
                               self->OnReadHeader(std::move(self), ec);
@@ -493,6 +600,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   }
 
   void OnReadHeader(Self self, beast::error_code ec) {
+    if (!EndWait()) {
+      Close();  // evicted: its place went to a waiting client
+      return;
+    }
     if (ec == http::error::end_of_stream || ec == beast::error::timeout || ec == asio::error::operation_aborted ||
         ec == asio::error::connection_reset) {
       Close();
@@ -698,7 +809,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       Close();
       return;
     }
-    DoReadHeader(std::move(self));
+    DoIdle(std::move(self));
   }
 
   // SendFixed writes one of the fixed replies and closes the connection.
@@ -721,11 +832,22 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     stream_.socket().close(ignored);
   }
 
+  // What DoIdle reads at most while waiting for a request's first byte.
+  static constexpr size_t kIdleReadSize = 1024;
+
   HandlerMemory memory_;  // first: outlives the stream's pending operations
+  const Strand strand_;   // the stream's executor, kept for posting from other threads
   Stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::shared_ptr<Endpoint::Shared> shared_;
+  // The session's node in the waiting sessions: in |wait_node_| while not
+  // waiting, in the endpoint's list while waiting. Guarded, with the flags,
+  // by the endpoint's waiting mutex.
+  std::list<HttpSession*> wait_node_{this};
+  const std::list<HttpSession*>::iterator wait_pos_ = wait_node_.begin();
+  bool waiting_ = false;
+  bool evicted_ = false;
   bool keep_alive_ = true;
   std::string method_;
   std::chrono::steady_clock::time_point request_done_;
@@ -775,6 +897,8 @@ Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
   shared_->logger = std::move(logger);
   shared_->read_timeout = timeouts.read;
   shared_->write_timeout = timeouts.write;
+  shared_->header_timeout = timeouts.header;
+  shared_->idle_timeout = timeouts.idle;
   shared_->body_limit = kHttpBodySizeLimitInBytes;
   shared_->max_connections = std::max(1, max_connections);
 }
@@ -815,6 +939,8 @@ bool Endpoint::Listen(Listener* l, const char* family_name) {
 namespace {
 
 void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared);
+void AcceptAtCap(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared);
+void AcceptOne(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared);
 
 // AcceptLater retries Accept after the back-off delay, unless the endpoint
 // is gone or stopped by then.
@@ -837,17 +963,40 @@ void AcceptLater(const std::shared_ptr<Endpoint::Listener>& listener, std::share
 // nor the I/O context: the endpoint owns the listener, and a handler that
 // runs after the endpoint is gone finds it expired and stops.
 void Accept(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
-  // At the cap, leave new clients in the listen backlog: accepting them
-  // would only spend descriptors the open connections need.
   bool full = shared->connections.load() >= shared->max_connections;
   if (shared->at_cap.exchange(full) != full) {
     LUMEN_LOG(*shared->logger, full ? kLumenWarning : kLumenInfo)
         << ".Acceptor info:" << (full ? ";ConnectionLimit " : ";ConnectionLimitCleared ") << shared->max_connections;
   }
   if (full) {
-    AcceptLater(listener, std::move(shared));
+    AcceptAtCap(listener, std::move(shared));
     return;
   }
+  AcceptOne(listener, std::move(shared));
+}
+
+// AcceptAtCap waits for a client in the listen backlog, then makes room for
+// it by evicting the connection that has waited longest for a request head:
+// an idle or half-sent connection must not keep a client out. When every
+// connection is serving a request, leave new clients in the listen backlog:
+// accepting them would only spend descriptors the open connections need.
+void AcceptAtCap(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
+  std::weak_ptr<Endpoint::Listener> weak = listener;
+  listener->acceptor.async_wait(tcp::acceptor::wait_read, [weak, shared](const boost::system::error_code& ec) {
+    auto l = weak.lock();
+    if (!l || ec == asio::error::operation_aborted || !l->acceptor.is_open()) {
+      return;
+    }
+    if (ec || (shared->connections.load() >= shared->max_connections && !HttpSession::EvictOldestWaiting(*shared))) {
+      AcceptLater(l, shared);
+      return;
+    }
+    AcceptOne(l, shared);
+  });
+}
+
+// AcceptOne accepts one client, starts its session and goes on accepting.
+void AcceptOne(const std::shared_ptr<Endpoint::Listener>& listener, std::shared_ptr<Endpoint::Shared> shared) {
   std::weak_ptr<Endpoint::Listener> weak = listener;
   auto& io = static_cast<asio::io_context&>(listener->acceptor.get_executor().context());
   listener->acceptor.async_accept(asio::make_strand(io), [weak, shared](const boost::system::error_code& ec,

@@ -66,10 +66,16 @@ enum class RequestVerdict {
 // the tests; the network path uses the same checks.
 RequestVerdict ClassifyHttpRequest(std::string_view bytes);
 
-// Per-connection timeouts; tests pass short ones.
+// Per-connection timeouts; tests pass short ones. |header| bounds the wait
+// for a complete request head: from the accept, or on a kept-alive
+// connection from the first byte of the next request. |idle| bounds the wait
+// for that first byte. |read| bounds the body of a request whose head is
+// complete, |write| the response.
 struct EndpointTimeouts {
   std::chrono::nanoseconds read = std::chrono::seconds(1200);
   std::chrono::nanoseconds write = std::chrono::seconds(1800);
+  std::chrono::nanoseconds header = std::chrono::seconds(10);
+  std::chrono::nanoseconds idle = std::chrono::seconds(30);
 };
 
 // The most connections served at once when the settings do not say.
@@ -90,8 +96,10 @@ class Endpoint {
 
   // Builds the configuration; opens nothing. |port| 0 binds an ephemeral
   // port per family (tests); BoundPort4/6 report it. While |max_connections|
-  // connections are open no further one is accepted; clients wait in the
-  // listen backlog until one closes.
+  // connections are open, a client waiting to be accepted takes the place of
+  // the connection that has waited longest for a request head (idle between
+  // requests or with part of a head); when every connection is serving a
+  // request, clients wait in the listen backlog until one closes.
   Endpoint(uint16_t port, std::shared_ptr<boost::asio::io_context> io,
            std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
            std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,

@@ -4,17 +4,23 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/lumen/Audit.h"
 #include "tests/api/TestTokens.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
+#include "tests/support/RawClient.h"
 
 namespace {
 
@@ -24,7 +30,9 @@ using Witnessd::Testing::DaemonProcess;
 using Witnessd::Testing::FreePort;
 using Witnessd::Testing::MakeTempDir;
 using Witnessd::Testing::PrepareSysroot;
+using Witnessd::Testing::RawClient;
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* kServing = "HTTP endpoint listening on TCP port";
 
@@ -76,6 +84,36 @@ bool CanConnect(int family, uint16_t port) {
   }
   close(fd);
   return rc == 0;
+}
+
+// The call any client may make, anonymously: its head, and its body in two
+// halves. A connection that has sent the head and the first half is being
+// served.
+const std::string kBody =
+    R"({"jsonrpc":"2.0","id":"1","method":"invoke","params":{"serviceId":)"
+    R"("com.quarro.lumen.std.introspection.provider","operationId":"get","ctx":{"securityCtx":{}},"input":{}}})";
+const std::string kHead =
+    "POST /api HTTP/1.1\r\nContent-Type: application/vnd.quarro.lumen.cleanjson\r\nContent-Length: " +
+    std::to_string(kBody.size()) + "\r\n\r\n";
+const std::string kHalfHead = kHead.substr(0, kHead.size() / 2);
+const std::string kHalfCall = kHead + kBody.substr(0, kBody.size() / 2);
+
+// Open connects, makes one whole call first when |after_call|, then sends
+// |bytes|; null once the daemon failed to take a connection or answer.
+std::unique_ptr<RawClient> Open(uint16_t port, bool after_call, const std::string& bytes) {
+  auto c = std::make_unique<RawClient>(port);
+  RawClient::Response reply;
+  bool ok = (!after_call || (c->Send(kHead + kBody) && c->ReadResponse(&reply) && reply.status == 200)) &&
+            c->Send(bytes) && !::testing::Test::HasFailure();
+  return ok ? std::move(c) : nullptr;
+}
+
+// FinishCall sends the rest of a kHalfCall and tells whether the call is
+// answered with the operation's output.
+bool FinishCall(RawClient& c) {
+  RawClient::Response reply;
+  return c.Send(kBody.substr(kBody.size() / 2)) && c.ReadResponse(&reply) && reply.status == 200 &&
+         reply.body.find(R"("output")") != std::string::npos;
 }
 
 class Daemon : public ::testing::Test {
@@ -320,6 +358,109 @@ TEST_F(Daemon, RefusedTokensWithHugeSubjectsKeepTheAuditLogSmall) {
 
   ApiReply served = ApiClient(d.Port(), admin).Invoke("com.quarro.hyv.attestation.status", "get");
   EXPECT_TRUE(served.ok) << served.raw;
+}
+
+// An attacker floods the daemon, far beyond its cap, with connections that
+// never finish a request. A client is answered at once all the same, and a
+// request being served, its body still on the way, keeps its place.
+TEST_F(Daemon, IdleAndHalfSentConnectionsDoNotKeepClientsOut) {
+  constexpr size_t kCap = 64;
+  constexpr size_t kFlood = 600;
+  const struct {
+    bool after_call;
+    const std::string& bytes;
+  } kFloodKinds[] = {{false, ""}, {false, kHalfHead}, {true, ""}};  // taken in turn
+  // Descriptors for the flood, in this process and the daemon it starts.
+  rlimit limit{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+  // Timeouts far beyond the test: only eviction frees places.
+  WriteSettings("<config><maxConnections>" + std::to_string(kCap) +
+                "</maxConnections><headerTimeoutSeconds>300</headerTimeoutSeconds></config>");
+  DaemonProcess d(sysroot_, FreePort());
+  ASSERT_TRUE(d.Start());
+  ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+  std::unique_ptr<RawClient> served = Open(d.Port(), false, kHalfCall);
+  ASSERT_NE(nullptr, served);
+  std::vector<std::unique_ptr<RawClient>> flood;
+  for (size_t i = 0; i < kFlood; ++i) {
+    flood.push_back(Open(d.Port(), kFloodKinds[i % 3].after_call, kFloodKinds[i % 3].bytes));
+    ASSERT_NE(nullptr, flood.back()) << "flood connection " << i;
+  }
+  // The daemon takes the whole flood; it holds no more than the places the
+  // served request leaves. (A connection the kernel queued late may still
+  // take a place from another.)
+  auto count_closed = [&flood] {
+    return static_cast<size_t>(std::count_if(flood.begin(), flood.end(), [](auto& c) { return c->PeerClosed(); }));
+  };
+  Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
+  while (count_closed() < kFlood - (kCap - 1) && !served->PeerClosed() && Clock::now() < deadline) {
+    usleep(20000);
+  }
+  ASSERT_FALSE(served->PeerClosed()) << "the request being served lost its place";
+  ASSERT_LE(kFlood - (kCap - 1), count_closed());
+  EXPECT_EQ(1, d.CountInLog(".Acceptor info:;ConnectionLimit " + std::to_string(kCap)));
+
+  Clock::time_point start = Clock::now();
+  std::unique_ptr<RawClient> client = Open(d.Port(), false, kHalfCall);
+  ASSERT_NE(nullptr, client);
+  EXPECT_TRUE(FinishCall(*client));
+  std::chrono::duration<double, std::milli> took = Clock::now() - start;
+  EXPECT_LT(took.count(), 1000.0);
+  RecordProperty("call_ms", std::to_string(took.count()));
+  EXPECT_TRUE(FinishCall(*served));
+  d.Signal(SIGTERM);
+  EXPECT_EQ(0, d.WaitExit()) << d.Log();
+}
+
+// The daemon closes a connection whose request head is not complete within
+// the head timeout, and a kept-alive one idle beyond the idle timeout; a
+// request whose head is complete has the read timeout for its body.
+TEST_F(Daemon, ConnectionsWithoutACompleteHeadAreClosedInTime) {
+  WriteSettings(
+      "<config><headerTimeoutSeconds>1</headerTimeoutSeconds><idleTimeoutSeconds>5</idleTimeoutSeconds></config>");
+  DaemonProcess d(sysroot_, FreePort());
+  ASSERT_TRUE(d.Start());
+  ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
+  const struct {
+    const char* name;
+    bool after_call;
+    const std::string& bytes;
+    double closed_after_seconds;
+  } kCases[] = {
+      {"silent", false, "", 1},
+      {"half a head", false, kHalfHead, 1},
+      {"kept alive after a call", true, "", 5},
+      {"half a head after a call", true, kHalfHead, 1},
+  };
+  std::unique_ptr<RawClient> served = Open(d.Port(), false, kHalfCall);
+  ASSERT_NE(nullptr, served);
+  std::vector<std::unique_ptr<RawClient>> connections;
+  std::vector<std::optional<std::chrono::duration<double>>> closed_after(std::size(kCases));
+  for (const auto& c : kCases) {
+    connections.push_back(Open(d.Port(), c.after_call, c.bytes));
+    ASSERT_NE(nullptr, connections.back()) << c.name;
+  }
+  Clock::time_point opened = Clock::now();
+  Clock::time_point deadline = opened + std::chrono::seconds(15);
+  while (std::count(closed_after.begin(), closed_after.end(), std::nullopt) > 0 && Clock::now() < deadline) {
+    usleep(20000);
+    for (size_t i = 0; i < connections.size(); ++i) {
+      if (!closed_after[i] && connections[i]->PeerClosed()) {
+        closed_after[i] = Clock::now() - opened;
+      }
+    }
+  }
+  for (size_t i = 0; i < std::size(kCases); ++i) {
+    SCOPED_TRACE(kCases[i].name);
+    ASSERT_TRUE(closed_after[i].has_value());
+    // Generous on the late side; early by no more than the time the test
+    // took to open the connections.
+    EXPECT_GE(closed_after[i]->count(), kCases[i].closed_after_seconds - 0.5);
+    EXPECT_LT(closed_after[i]->count(), kCases[i].closed_after_seconds + 2.5);
+  }
+  EXPECT_TRUE(FinishCall(*served));
   d.Signal(SIGTERM);
   EXPECT_EQ(0, d.WaitExit()) << d.Log();
 }

@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 
 #include "api/errors/ErrorCatalogue.h"
+#include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/ApiClient.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/DaemonProcess.h"
@@ -260,6 +262,12 @@ TEST_F(ReportService, CompromisedHostCannotPassOffATrustedLog) {
   }
 }
 
+// FirstTurn is the input of a host's first Report call, its EK identified by |ek|.
+nlohmann::json FirstTurn(const nlohmann::json& ek) {
+  nlohmann::json tpm2 = {{"document_types", {"KMS_AUTH_JWT"}}, {"contexts", nlohmann::json::array()}, {"ek", ek}};
+  return {{"request", {{"type", "TPM2"}, {"tpm2", tpm2}}}};
+}
+
 // The EK map tells the EKs an administrator configured from those that only
 // live sessions hold, whatever the order of sessions and settings changes.
 TEST_F(ReportService, OnlyConfiguredEksCountAsConfigured) {
@@ -287,14 +295,7 @@ TEST_F(ReportService, OnlyConfiguredEksCountAsConfigured) {
   auto switch_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
     if (call.turn == 1) {
       require(true);
-      ApiReply other = anonymous.Invoke(
-          kReport, "create",
-          {{"request",
-            {{"type", "TPM2"},
-             {"tpm2",
-              {{"document_types", {"KMS_AUTH_JWT"}},
-               {"contexts", nlohmann::json::array()},
-               {"ek", {{"certificate", call.ek_certificate_pem}}}}}}}});
+      ApiReply other = anonymous.Invoke(kReport, "create", FirstTurn({{"certificate", call.ek_certificate_pem}}));
       first_error = other.raw;
     }
     return http(call, out, failure);
@@ -404,6 +405,47 @@ TEST_F(ReportService, MetricsMoveWithAttestations) {
   EXPECT_EQ(7, MetricValue(after, calls) - MetricValue(before, calls));
   EXPECT_EQ(0, MetricValue(after, "witnessd_attestation_sessions"));
   EXPECT_LT(0, MetricValue(after, "witnessd_api_request_seconds_count"));
+}
+
+// VmRssKib is the resident memory of process |pid|.
+long VmRssKib(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string text((std::istreambuf_iterator<char>(status)), std::istreambuf_iterator<char>());
+  return std::stol(text.substr(text.find("VmRSS:") + 6));
+}
+
+// Anonymous callers flood the daemon with EK certificates: new ones just within the size limit, each
+// with a key of its own and sent in three text layouts, and one of 0.9 MB in ever new layouts, which the
+// daemon refuses as invalid. Its memory stays flat. The last certificate, found not to chain, chains once
+// the administrator adds its CA.
+TEST_F(ReportService, EkCertificateFloodLeavesMemoryFlat) {
+  Ready({false, true, false, false});
+  ApiClient anonymous(daemon_->Port(), "");
+  auto report = [&](const std::string& pem) {
+    return anonymous.Invoke(kReport, "create", FirstTurn({{"certificate", pem}}));
+  };
+  const TestCert ca = MakeCert(MakeKey(), "Flood CA", nullptr, true);
+  const std::string oversize = MakeSizedCert(ca, 900000).pem;
+  long before = 0;
+  int refused = 0;
+  std::string pem;
+  for (int round = 0; round < 65 && !HasFailure(); ++round) {
+    if (round == 5) {  // the daemon's threads and allocator warmed up
+      before = VmRssKib(daemon_->Pid());
+      refused = daemon_->CountInLog("Invalid EK certificate format");
+    }
+    pem = MakeSizedCert(ca, 16000).pem;
+    for (const std::string& layout : {pem, Rewrap(pem, 24), Rewrap(pem, 32)}) {
+      EXPECT_TRUE(report(layout).HasMessage(Errors::kReportUnknownTpmCa));
+    }
+    EXPECT_EQ("INVALID_ARGUMENT", report(Rewrap(oversize, 16 + round)).error_type);
+  }
+  const long after = VmRssKib(daemon_->Pid());
+  EXPECT_LT(after - before, 32 * 1024) << before << " KiB before, " << after << " KiB after";
+  EXPECT_EQ(refused + 60, daemon_->CountInLog("Invalid EK certificate format"));
+  ASSERT_TRUE(admin_->Invoke(kCas, "create", {{"name", "flood-ca"}, {"certificates", {ca.pem}}}).ok);
+  ApiReply r = report(pem);
+  EXPECT_TRUE(r.ok) << r.raw;
 }
 
 TEST_F(ReportService, RequestChecksComeBeforeTheEk) {

@@ -79,8 +79,11 @@ class ReportService : public SwtpmHostTest {
     }
   }
 
-  void StartDaemon() {
+  // StartDaemon starts the daemon with |asan_options| added to the sanitizer's options.
+  void StartDaemon(const std::string& asan_options = "") {
     daemon_ = std::make_unique<DaemonProcess>(sysroot_, FreePort());
+    const char* inherited = getenv("ASAN_OPTIONS");
+    daemon_->SetEnv("ASAN_OPTIONS", std::string(inherited ? inherited : "") + ":" + asan_options);
     ASSERT_TRUE(daemon_->Start());
     ASSERT_TRUE(daemon_->WaitForLog(kServing)) << daemon_->Log();
     admin_ = std::make_unique<ApiClient>(daemon_->Port(), token_);
@@ -419,6 +422,7 @@ long VmRssKib(pid_t pid) {
 // daemon refuses as invalid. Its memory stays flat. The last certificate, found not to chain, chains once
 // the administrator adds its CA.
 TEST_F(ReportService, EkCertificateFloodLeavesMemoryFlat) {
+  StartDaemon("quarantine_size_mb=16");  // the sanitizer holds less freed memory back: what the daemon keeps counts
   Ready({false, true, false, false});
   ApiClient anonymous(daemon_->Port(), "");
   auto report = [&](const std::string& pem) {
@@ -427,13 +431,9 @@ TEST_F(ReportService, EkCertificateFloodLeavesMemoryFlat) {
   const TestCert ca = MakeCert(MakeKey(), "Flood CA", nullptr, true);
   const std::string oversize = MakeSizedCert(ca, 900000).pem;
   long before = 0;
-  int refused = 0;
   std::string pem;
   for (int round = 0; round < 65 && !HasFailure(); ++round) {
-    if (round == 5) {  // the daemon's threads and allocator warmed up
-      before = VmRssKib(daemon_->Pid());
-      refused = daemon_->CountInLog("Invalid EK certificate format");
-    }
+    before = round == 5 ? VmRssKib(daemon_->Pid()) : before;  // its threads and allocator warmed up
     pem = MakeSizedCert(ca, 16000).pem;
     for (const std::string& layout : {pem, Rewrap(pem, 24), Rewrap(pem, 32)}) {
       EXPECT_TRUE(report(layout).HasMessage(Errors::kReportUnknownTpmCa));
@@ -442,7 +442,7 @@ TEST_F(ReportService, EkCertificateFloodLeavesMemoryFlat) {
   }
   const long after = VmRssKib(daemon_->Pid());
   EXPECT_LT(after - before, 32 * 1024) << before << " KiB before, " << after << " KiB after";
-  EXPECT_EQ(refused + 60, daemon_->CountInLog("Invalid EK certificate format"));
+  EXPECT_EQ(65, daemon_->CountInLog("Invalid EK certificate format"));
   ASSERT_TRUE(admin_->Invoke(kCas, "create", {{"name", "flood-ca"}, {"certificates", {ca.pem}}}).ok);
   ApiReply r = report(pem);
   EXPECT_TRUE(r.ok) << r.raw;

@@ -1,6 +1,7 @@
 #include "config/tpm2/EkCertificateCache.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace Witnessd::Config::Tpm2 {
@@ -52,10 +53,13 @@ std::optional<EkCertCheck> EkCertificateCache::Check(const std::string& pem, con
 }
 
 void EkCertificateCache::Insert(const Key& key, const EkCertCheck& check) {
-  // The key text, the entry in the list and its key again in the tree, with
-  // the links of both nodes and an allocation header for each block.
-  const size_t charge =
-      check.key.capacity() + sizeof(Entry) + sizeof(Key) + sizeof(Order::iterator) + 6 * sizeof(void*) + 3 * 16;
+  // Charged: the key text, the entry in the list and its key again in the
+  // tree, the links of both nodes and an allocation header for each block.
+  // Copied before the lock is taken.
+  Entry entry{key, check, 0};
+  entry.charge =
+      entry.check.key.capacity() + sizeof(Entry) + sizeof(Key) + sizeof(Order::iterator) + 6 * sizeof(void*) + 3 * 16;
+  const size_t charge = entry.charge;
   if (charge > max_bytes_) {
     return;
   }
@@ -70,7 +74,7 @@ void EkCertificateCache::Insert(const Key& key, const EkCertCheck& check) {
     bytes_ -= order_.back().charge;
     order_.pop_back();
   }
-  order_.push_front(Entry{key, check, charge});
+  order_.push_front(std::move(entry));
   index_.emplace(key, order_.begin());
   bytes_ += charge;
 }

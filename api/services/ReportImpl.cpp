@@ -1,7 +1,6 @@
 #include "api/services/ReportImpl.h"
 
 #include <iterator>
-#include <map>
 #include <mutex>
 #include <set>
 
@@ -59,52 +58,14 @@ void RememberValidEk(const Config::Tpm2::EkDigest& digest) {
   g_valid_eks.insert(digest);
 }
 
-// A presented EK certificate, parsed, with its public key in standard form.
-struct PresentedCert {
-  Orm::Common::ParsedCert cert;
-  std::string key;
-};
-
-// Certificates already presented, by the digest of their text: a host's
-// certificate is parsed once, not on each Report call of its session. Only
-// certificates that parse are kept, at most kMaxPresentedCerts of them (the
-// whole set is dropped when full).
-constexpr size_t kMaxPresentedCerts = 1024;
-std::mutex g_presented_mutex;
-std::map<std::vector<uint8_t>, PresentedCert> g_presented;
-
-// ParsePresentedCert gives the parsed |pem| and its key; null cert when it is
-// not a certificate with a readable key.
-PresentedCert ParsePresentedCert(const std::string& pem) {
-  std::vector<uint8_t> digest;
-  bool hashed = SslUtils::ComputeHash(pem, digest);
-  if (hashed) {
-    std::lock_guard<std::mutex> lock(g_presented_mutex);
-    auto it = g_presented.find(digest);
-    if (it != g_presented.end()) {
-      return it->second;
-    }
-  }
-  PresentedCert parsed{SslUtils::ParsePemCert(pem), ""};
-  if (parsed.cert == nullptr || !SslUtils::ExtractKeyFromCert(parsed.cert.get(), parsed.key)) {
-    return {};
-  }
-  if (hashed) {
-    std::lock_guard<std::mutex> lock(g_presented_mutex);
-    if (g_presented.size() >= kMaxPresentedCerts) {
-      g_presented.clear();
-    }
-    g_presented.emplace(std::move(digest), parsed);
-  }
-  return parsed;
-}
-
 // IdentifyEk establishes, from the TPM settings, that the host's EK is one
 // this daemon trusts: a configured key, a certificate that chains to a
 // configured CA, or both, as the settings require. |out_ek_pem| is the EK
 // public key the host presented, as soon as it is known (also when it is
-// then refused); on success it is the key to attest with.
-std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& out_ek_pem) {
+// then refused); on success it is the key to attest with. |certificates|
+// keeps what presented certificates showed.
+std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, Config::Tpm2::EkCertificateCache& certificates,
+                                          std::string& out_ek_pem) {
   bool require_eks = false;
   bool require_validation = false;
   if (Config::Tpm2::GetTpm2Settings(require_eks, require_validation) != Config::ConfigResult::kConfigOk) {
@@ -123,19 +84,21 @@ std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, std::string& 
     return Errors::Error(Errors::kReportTpmCertRequired);
   }
   if (ek.certificate) {
-    PresentedCert presented = ParsePresentedCert(*ek.certificate);
-    if (presented.cert == nullptr) {
+    // The chain is checked only when validation is required; without a
+    // store the certificate is only parsed for its key.
+    Orm::Common::TrustStore cas = require_validation ? Config::Tpm2::GetCaTrustStore() : nullptr;
+    std::optional<Orm::Common::EkCertCheck> presented = certificates.Check(*ek.certificate, cas);
+    if (!presented) {
       Log_Level(kLogError, "Invalid EK certificate format\n");
       return StdErrors::InvalidArgument({});
     }
-    const std::string& key = presented.key;
+    const std::string& key = presented->key;
     out_ek_pem = key;
     if (require_validation) {
-      Orm::Common::TrustStore cas = Config::Tpm2::GetCaTrustStore();
       if (cas == nullptr) {
         Log_Level(kLogError, "Error getting all configured CA certificates for EK validation\n");
       }
-      if (cas == nullptr || !SslUtils::ValidateEkCert(presented.cert.get(), cas.get())) {
+      if (cas == nullptr || !presented->chains) {
         Log_Level(kLogError, "Failed to validate EK certificate with configured CAs\n");
         return Errors::Error(Errors::kReportUnknownTpmCa);
       }
@@ -266,7 +229,7 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
     context = tpm.contexts[0];
   }
   std::string ek_pem;
-  if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, ek_pem)) {
+  if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, certificates_, ek_pem)) {
     Log_Level(kLogError, "Invalid Tpm2 identifier\n");
     // A host whose EK is no longer trusted (settings, EKs or CAs changed
     // under it) cannot finish its session: end it now rather than let it

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "api/services/ReportSvc.h"
+#include "config/tpm2/EkCertificateCache.h"
 #include "tpm2/Attestation.h"
 
 namespace Witnessd::AttestApi {
@@ -22,6 +23,7 @@ class ReportImpl : public ReportSvc {
 
  private:
   Tpm2::Attestation* sessions_;
+  Config::Tpm2::EkCertificateCache certificates_;  // what presented EK certificates showed
 };
 
 }  // namespace Witnessd::AttestApi

@@ -19,11 +19,11 @@ CaChainCheck CheckCaChainMembers(const std::vector<std::string>& certificates) {
     return {CaChainFault::kEmpty, 0};
   }
   for (size_t i = 0; i < certificates.size(); ++i) {
-    Orm::Common::ParsedCert cert = SslUtils::ParsePemCert(certificates[i]);
-    if (cert == nullptr) {
+    std::optional<bool> ca = SslUtils::IsCaCertPem(certificates[i]);
+    if (!ca) {
       return {CaChainFault::kUnreadable, i};
     }
-    if (!SslUtils::IsCaCert(cert.get())) {
+    if (!*ca) {
       return {CaChainFault::kNotCa, i};
     }
   }

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <memory>
 #include <set>
 
@@ -37,6 +38,56 @@ constexpr const char* kPubKeyBegin = "-----BEGIN PUBLIC KEY-----";
 constexpr const char* kPubKeyEnd = "-----END PUBLIC KEY-----";
 constexpr const char* kCertBegin = "-----BEGIN CERTIFICATE-----";
 constexpr const char* kCertEnd = "-----END CERTIFICATE-----";
+
+bool IsSpace(unsigned char c) { return std::isspace(c) != 0; }
+
+size_t CountNonSpace(const std::string& text) {
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](unsigned char c) { return !IsSpace(c); }));
+}
+
+// PemBody is the base64 body of |pem|: the text without white space and
+// without the markers where they stand at its ends. Empty when the body is
+// not base64 (characters, length and padding).
+std::string PemBody(const std::string& pem, const std::string& begin_marker, const std::string& end_marker) {
+  std::string body;
+  body.reserve(CountNonSpace(pem));
+  std::copy_if(pem.begin(), pem.end(), std::back_inserter(body), [](unsigned char c) { return !IsSpace(c); });
+  std::string begin = begin_marker;
+  std::string end = end_marker;
+  SslUtils::CanonicalizePem(begin);
+  SslUtils::CanonicalizePem(end);
+  bool has_begin = body.compare(0, begin.size(), begin) == 0;
+  bool has_end = body.size() >= end.size() && body.compare(body.size() - end.size(), end.size(), end) == 0;
+  if (has_begin) {
+    body.erase(0, begin.size());
+  }
+  if (has_end && body.size() >= end.size()) {
+    body.erase(body.size() - end.size());
+  }
+  if (body.empty() || body.size() % 4 != 0 ||
+      !std::all_of(body.begin(), body.end(),
+                   [](unsigned char c) { return std::isalnum(c) || c == '+' || c == '/' || c == '='; })) {
+    return "";
+  }
+  size_t pad = body.find('=');
+  if (pad != std::string::npos && (pad < body.size() - 2 || body.find_first_not_of('=', pad) != std::string::npos)) {
+    return "";
+  }
+  return body;
+}
+
+// DecodeBody decodes a body PemBody returned.
+std::optional<std::string> DecodeBody(const std::string& body) {
+  std::string out(body.size() / 4 * 3, '\0');
+  int len = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                            reinterpret_cast<const unsigned char*>(body.data()), static_cast<int>(body.size()));
+  if (len < 0) {
+    return std::nullopt;
+  }
+  size_t pad = body.size() - 1 - body.find_last_not_of('=');  // what EVP_DecodeBlock counts as zero bytes
+  out.resize(static_cast<size_t>(len) - pad);
+  return out;
+}
 
 BioPtr ReadBio(const std::string& text) {
   return BioPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
@@ -80,6 +131,12 @@ bool WritePubKey(EVP_PKEY* key, std::string& out) {
   return !out.empty();
 }
 
+bool ExtractKey(X509* cert, std::string& out_key) {
+  EVP_PKEY* key = X509_get0_pubkey(cert);
+  ERR_clear_error();
+  return key != nullptr && WritePubKey(key, out_key);
+}
+
 bool IsSelfSigned(X509* cert) {
   return X509_check_issued(cert, cert) == X509_V_OK;
 }
@@ -101,8 +158,7 @@ bool Verify(X509_STORE* store, X509* cert, STACK_OF(X509)* untrusted) {
 }  // namespace
 
 void SslUtils::CanonicalizePem(std::string& pem) {
-  pem.erase(std::remove_if(pem.begin(), pem.end(), [](unsigned char c) { return std::isspace(c) != 0; }),
-            pem.end());
+  pem.erase(std::remove_if(pem.begin(), pem.end(), IsSpace), pem.end());
 }
 
 bool SslUtils::ComputeHash(const std::string& data, std::vector<uint8_t>& out) {
@@ -128,33 +184,8 @@ bool SslUtils::ComputeHashHex(const std::string& data, std::string& out_hex) {
 
 bool SslUtils::StandardizePemString(std::string& pem, const std::string& begin_marker,
                                     const std::string& end_marker) {
-  std::string body = pem;
-  CanonicalizePem(body);
-  std::string begin = begin_marker;
-  std::string end = end_marker;
-  CanonicalizePem(begin);
-  CanonicalizePem(end);
-  bool has_begin = body.compare(0, begin.size(), begin) == 0;
-  bool has_end = body.size() >= end.size() && body.compare(body.size() - end.size(), end.size(), end) == 0;
-  if (has_begin) {
-    body.erase(0, begin.size());
-  }
-  if (has_end && body.size() >= end.size()) {
-    body.erase(body.size() - end.size());
-  }
-  // The body must be base64 that decodes: characters, length and padding.
-  if (body.empty() || body.size() % 4 != 0 ||
-      !std::all_of(body.begin(), body.end(),
-                   [](unsigned char c) { return std::isalnum(c) || c == '+' || c == '/' || c == '='; })) {
-    return false;
-  }
-  size_t pad = body.find('=');
-  if (pad != std::string::npos && (pad < body.size() - 2 || body.find_first_not_of('=', pad) != std::string::npos)) {
-    return false;
-  }
-  std::vector<unsigned char> decoded(body.size() / 4 * 3);
-  if (EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(body.data()),
-                      static_cast<int>(body.size())) < 0) {
+  std::string body = PemBody(pem, begin_marker, end_marker);
+  if (body.empty() || !DecodeBody(body)) {
     return false;
   }
   std::string out = begin_marker + "\n";
@@ -205,31 +236,43 @@ bool SslUtils::ValidatePemKey(const std::string& pem) {
 }
 
 bool SslUtils::ValidatePemCert(const std::string& pem) {
-  return ParsePemCert(pem) != nullptr;
-}
-
-ParsedCert SslUtils::ParsePemCert(const std::string& pem) {
   X509Ptr cert = ParseCert(pem);
   bool has_key = cert && X509_get0_pubkey(cert.get()) != nullptr;
   ERR_clear_error();
-  return has_key ? ParsedCert(cert.release(), X509_free) : nullptr;
+  return has_key;
 }
 
 bool SslUtils::ExtractKeyFromCert(const std::string& cert_pem, std::string& out_key) {
   X509Ptr cert = ParseCert(cert_pem);
-  return cert && ExtractKeyFromCert(cert.get(), out_key);
+  return cert && ExtractKey(cert.get(), out_key);
 }
 
-bool SslUtils::ExtractKeyFromCert(X509* cert, std::string& out_key) {
-  EVP_PKEY* key = X509_get0_pubkey(cert);
-  ERR_clear_error();
-  return key != nullptr && WritePubKey(key, out_key);
+std::optional<std::string> SslUtils::PemCertDer(const std::string& pem, size_t max_der_len) {
+  // Counted in place: an oversized text costs one pass, no copy.
+  size_t max_text = CountNonSpace(kCertBegin) + CountNonSpace(kCertEnd) + (max_der_len + 2) / 3 * 4;
+  if (CountNonSpace(pem) > max_text) {
+    return std::nullopt;
+  }
+  std::string body = PemBody(pem, kCertBegin, kCertEnd);
+  std::optional<std::string> der = body.empty() ? std::nullopt : DecodeBody(body);
+  if (!der || der->size() > max_der_len) {
+    return std::nullopt;
+  }
+  return der;
 }
 
 bool SslUtils::IsCaCert(X509* cert) {
   bool ca = X509_check_ca(cert) != 0;
   ERR_clear_error();
   return ca;
+}
+
+std::optional<bool> SslUtils::IsCaCertPem(const std::string& pem) {
+  X509Ptr cert = ParseCert(pem);
+  if (!cert) {
+    return std::nullopt;
+  }
+  return IsCaCert(cert.get());
 }
 
 bool SslUtils::ComparePemKeys(const std::string& a, const std::string& b) {
@@ -285,9 +328,22 @@ TrustStore SslUtils::BuildTrustStore(const std::vector<std::string>& trusted) {
   return store;
 }
 
-bool SslUtils::ValidateEkCert(X509* cert, X509_STORE* trusted) {
-  CertStackPtr untrusted(sk_X509_new_null());
-  return untrusted && sk_X509_push(untrusted.get(), cert) && Verify(trusted, cert, untrusted.get());
+std::optional<EkCertCheck> SslUtils::CheckEkCertDer(const std::string& der, X509_STORE* trusted) {
+  const unsigned char* start = reinterpret_cast<const unsigned char*>(der.data());
+  const unsigned char* next = start;
+  X509Ptr cert(d2i_X509(nullptr, &next, static_cast<long>(der.size())));
+  EkCertCheck check;
+  bool whole = cert && next == start + der.size();  // nothing after the certificate
+  ERR_clear_error();
+  if (!whole || !ExtractKey(cert.get(), check.key)) {
+    return std::nullopt;
+  }
+  if (trusted != nullptr) {
+    CertStackPtr untrusted(sk_X509_new_null());
+    check.chains =
+        untrusted && sk_X509_push(untrusted.get(), cert.get()) && Verify(trusted, cert.get(), untrusted.get());
+  }
+  return check;
 }
 
 bool SslUtils::CheckNoCaCertDups(const std::vector<std::string>& certs) {

@@ -5,18 +5,26 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-typedef struct x509_st X509;
 typedef struct x509_store_st X509_STORE;
 
 namespace Orm::Common {
 
-// A parsed certificate, and a parsed set of trust anchors: built once and
-// shared by many verifications (OpenSSL allows concurrent use of both).
-using ParsedCert = std::shared_ptr<X509>;
+// A parsed set of trust anchors: built once, never changed after, and shared
+// by many verifications (OpenSSL allows concurrent use of a store that no
+// thread modifies). Certificates to verify are never shared: each check
+// parses its own.
 using TrustStore = std::shared_ptr<X509_STORE>;
+
+// What an EK certificate shows: its public key in the StandardizePemPubKey
+// form, and whether it verifies up to the trust store it was checked against.
+struct EkCertCheck {
+  std::string key;
+  bool chains = false;
+};
 
 class SslUtils {
  public:
@@ -50,12 +58,16 @@ class SslUtils {
   // ExtractKeyFromCert sets |out_key| to the certificate's public key in the
   // StandardizePemPubKey form.
   static bool ExtractKeyFromCert(const std::string& cert_pem, std::string& out_key);
-  // ParsePemCert parses what ValidatePemCert accepts; null otherwise. The
-  // overload of ExtractKeyFromCert takes such a parsed certificate.
-  static ParsedCert ParsePemCert(const std::string& pem);
-  static bool ExtractKeyFromCert(X509* cert, std::string& out_key);
-  // IsCaCert: |cert| may issue certificates (a CA by its basic constraints,
-  // or a self-signed version 1 root).
+  // PemCertDer decodes the certificate text |pem| (any white space, markers
+  // optional, as ValidatePemCert takes it) to its DER bytes, without parsing
+  // them. Text with more base64 than |max_der_len| bytes need is refused
+  // before anything is copied or decoded, then DER longer than |max_der_len|.
+  // nullopt when refused or not base64.
+  static std::optional<std::string> PemCertDer(const std::string& pem, size_t max_der_len);
+  // IsCaCertPem tells whether the certificate text |pem| may issue
+  // certificates (a CA by its basic constraints, or a self-signed version 1
+  // root); nullopt when it does not parse.
+  static std::optional<bool> IsCaCertPem(const std::string& pem);
   static bool IsCaCert(X509* cert);
   // ComparePemKeys is true when both texts parse and hold the same public key.
   static bool ComparePemKeys(const std::string& a, const std::string& b);
@@ -72,10 +84,13 @@ class SslUtils {
   static bool ValidateCertChain(const std::vector<std::string>& chain, const std::vector<std::string>& trusted,
                                 bool is_ca_chain);
   // BuildTrustStore parses |trusted| once (entries that do not parse are left
-  // out); ValidateEkCert then checks |cert| against it exactly as
-  // ValidateCertChain({cert}, trusted, false) does, times included.
+  // out). CheckEkCertDer parses |der|, which must be one whole certificate
+  // with a readable public key (nullopt otherwise), and, when |trusted| is not
+  // null, checks it against that store exactly as ValidateCertChain({cert},
+  // trusted, false) does, times included. The parsed certificate lives only
+  // during the call.
   static TrustStore BuildTrustStore(const std::vector<std::string>& trusted);
-  static bool ValidateEkCert(X509* cert, X509_STORE* trusted);
+  static std::optional<EkCertCheck> CheckEkCertDer(const std::string& der, X509_STORE* trusted);
   // CheckNoCaCertDups is false when two entries of |certs| hold the same
   // certificate (compared by DER encoding) or one does not parse.
   static bool CheckNoCaCertDups(const std::vector<std::string>& certs);

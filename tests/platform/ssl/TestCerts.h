@@ -46,9 +46,9 @@ struct TestCert {
 
 // MakeCert issues a certificate for |key| named |subject|, signed by |issuer|
 // (self-signed when null). |ca| sets basicConstraints CA:TRUE. |expired|
-// makes it valid for one day that ended yesterday.
+// makes it valid for one day that ended yesterday. |padding| pads it.
 inline TestCert MakeCert(const TestKey& key, const std::string& subject, const TestCert* issuer, bool ca,
-                         long serial = 1, bool expired = false) {
+                         long serial = 1, bool expired = false, size_t padding = 0) {
   std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), X509_free);
   X509_set_version(cert.get(), X509_VERSION_3);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial);
@@ -77,10 +77,33 @@ inline TestCert MakeCert(const TestKey& key, const std::string& subject, const T
     X509_add_ext(cert.get(), ku, -1);
     X509_EXTENSION_free(ku);
   }
+  if (padding != 0) {  // a private extension
+    std::string value = "ASN1:FORMAT:ASCII,OCTETSTRING:" + std::string(padding, 'p');
+    X509_EXTENSION* pad = X509V3_EXT_nconf(nullptr, &ctx, "1.3.6.1.4.1.99999.1", value.c_str());
+    X509_add_ext(cert.get(), pad, -1);
+    X509_EXTENSION_free(pad);
+  }
   X509_sign(cert.get(), issuer != nullptr ? issuer->key.key.get() : key.key.get(), EVP_sha256());
   std::unique_ptr<BIO, decltype(&BIO_free)> out(BIO_new(BIO_s_mem()), BIO_free);
   PEM_write_bio_X509(out.get(), cert.get());
   return TestCert{key, subject, BioString(out.get())};
+}
+
+// MakeSizedCert issues an end-entity certificate for a fresh key under
+// |issuer| whose DER is exactly |der_len| bytes (at least 1 KiB).
+inline TestCert MakeSizedCert(const TestCert& issuer, size_t der_len) {
+  TestKey key = MakeKey();
+  for (size_t padding = der_len - 600, tries = 0; tries < 16; ++tries) {
+    TestCert cert = MakeCert(key, "Test EK", &issuer, false, 3, false, padding);
+    std::unique_ptr<BIO, decltype(&BIO_free)> in(BIO_new_mem_buf(cert.pem.data(), -1), BIO_free);
+    std::unique_ptr<X509, decltype(&X509_free)> x(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr), X509_free);
+    size_t len = static_cast<size_t>(i2d_X509(x.get(), nullptr));
+    if (len == der_len) {
+      return cert;
+    }
+    padding = padding + der_len - len;  // a signature's length varies by a byte or two
+  }
+  throw std::runtime_error("no certificate of the requested size");
 }
 
 // A root CA, an intermediate CA under it, and a leaf (an "EK certificate")

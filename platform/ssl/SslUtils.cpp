@@ -111,6 +111,14 @@ PkeyPtr ParsePubKey(const std::string& pem) {
   return key;
 }
 
+// IsCaCert: |cert| may issue certificates (a CA by its basic constraints,
+// or a self-signed version 1 root).
+bool IsCaCert(X509* cert) {
+  bool ca = X509_check_ca(cert) != 0;
+  ERR_clear_error();
+  return ca;
+}
+
 X509Ptr ParseCert(const std::string& pem) {
   std::string text = pem;
   if (!SslUtils::StandardizePemString(text, kCertBegin, kCertEnd)) {
@@ -259,12 +267,6 @@ std::optional<std::string> SslUtils::PemCertDer(const std::string& pem, size_t m
     return std::nullopt;
   }
   return der;
-}
-
-bool SslUtils::IsCaCert(X509* cert) {
-  bool ca = X509_check_ca(cert) != 0;
-  ERR_clear_error();
-  return ca;
 }
 
 std::optional<bool> SslUtils::IsCaCertPem(const std::string& pem) {

@@ -68,7 +68,6 @@ class SslUtils {
   // certificates (a CA by its basic constraints, or a self-signed version 1
   // root); nullopt when it does not parse.
   static std::optional<bool> IsCaCertPem(const std::string& pem);
-  static bool IsCaCert(X509* cert);
   // ComparePemKeys is true when both texts parse and hold the same public key.
   static bool ComparePemKeys(const std::string& a, const std::string& b);
 

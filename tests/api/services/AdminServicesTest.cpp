@@ -137,8 +137,6 @@ TEST_F(AdminServices, EndorsementKeyCreatePaths) {
        Errors::kEndorsementKeysMismatchedEk, ""},
       {"certificate where the key goes", false, {{"name", "x"}, {"public_key", ek_cert}}, "INVALID_ARGUMENT",
        Errors::kEndorsementKeysInvalidKey, ""},
-      {"key where the certificate goes", false, {{"name", "x"}, {"certificate", ek_key}}, "INVALID_ARGUMENT",
-       Errors::kEndorsementKeysInvalidCert, ""},
       {"neither", false, {{"name", "x"}}, "INVALID_ARGUMENT", Errors::kEndorsementKeysNoEk, ""},
       {"empty certificate", false, {{"name", "x"}, {"certificate", ""}}, "INVALID_ARGUMENT", Errors::kEndorsementKeysEmptyEk, ""},
       {"empty name", false, {{"name", ""}, {"public_key", ek_key}}, "INVALID_ARGUMENT", Errors::kEndorsementKeysEmptyName, ""},

@@ -233,19 +233,6 @@ TEST_F(Daemon, BadSettingsEndStartupBeforeAnythingStarts) {
   }
 }
 
-TEST_F(Daemon, SessionLimitsOutOfRangeFallBackAndTheDaemonServes) {
-  WriteSettings("<config><maxSessions>99</maxSessions><sessionTimeoutSeconds>1800</sessionTimeoutSeconds></config>");
-  DaemonProcess d(sysroot_, FreePort());
-  ASSERT_TRUE(d.Start());
-  ASSERT_TRUE(d.WaitForLog("HTTP endpoint listening on TCP port")) << d.Log();
-  EXPECT_EQ(1, d.CountInLog("Invalid max sessions configured: 99")) << d.Log();
-  EXPECT_EQ(1, d.CountInLog("Max sessions: 1000"));
-  EXPECT_EQ(1, d.CountInLog("Max sessions per-EK: 5"));
-  EXPECT_EQ(1, d.CountInLog("Session timeout: 1800000000 us"));
-  d.Signal(SIGTERM);
-  EXPECT_EQ(0, d.WaitExit());
-}
-
 TEST_F(Daemon, BadPortVariableTakesTheErrorExit) {
   DaemonProcess d(sysroot_, FreePort());
   d.SetEnv("WITNESSD_PORT", "http");

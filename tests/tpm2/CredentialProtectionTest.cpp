@@ -41,10 +41,6 @@ TEST(VerifyAkPublic, ChecksEachFieldWithItsOwnMessage) {
       {"SHA-1 name", [](TPMT_PUBLIC* p) { p->nameAlg = Verify::kTpmAlgSha1; }, "AK public key nameAlg does not match"},
       {"decrypt bit added", [](TPMT_PUBLIC* p) { p->objectAttributes |= 0x00020000; },
        "AK public key object attributes value does not match"},
-      {"restricted bit cleared", [](TPMT_PUBLIC* p) { p->objectAttributes &= ~0x00010000u; },
-       "AK public key object attributes value does not match"},
-      {"userWithAuth cleared", [](TPMT_PUBLIC* p) { p->objectAttributes &= ~0x00000040u; },
-       "AK public key object attributes value does not match"},
       {"AES symmetric", [](TPMT_PUBLIC* p) { p->parameters.symmetric.algorithm = Verify::kTpmAlgAes; },
        "AK public key RSA details do not match"},
       {"RSAPSS scheme", [](TPMT_PUBLIC* p) { p->parameters.scheme.scheme = Verify::kTpmAlgRsapss; },
@@ -54,7 +50,6 @@ TEST(VerifyAkPublic, ChecksEachFieldWithItsOwnMessage) {
       {"3072 bits", [](TPMT_PUBLIC* p) { p->parameters.keyBits = 3072; }, "AK public key RSA details do not match"},
       {"exponent 0 (default)", [](TPMT_PUBLIC* p) { p->parameters.exponent = 0; },
        "AK public key RSA details do not match"},
-      {"exponent 3", [](TPMT_PUBLIC* p) { p->parameters.exponent = 3; }, "AK public key RSA details do not match"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -129,26 +124,6 @@ class CredentialOnSwtpm : public testing::Test {
 
 Testing::SwtpmProcess* CredentialOnSwtpm::swtpm_ = nullptr;
 std::string CredentialOnSwtpm::setup_log_;
-
-TEST_F(CredentialOnSwtpm, ActivatesToTheSecret) {
-  Bytes secret(32);
-  for (size_t i = 0; i < secret.size(); ++i) {
-    secret[i] = static_cast<uint8_t>(0xC0 + i);
-  }
-  Bytes blob;
-  Bytes encrypted;
-  ASSERT_TRUE(MakeCredential(ek_, ak_, secret, &blob, &encrypted));
-  // SHA-256 and AES-128: size, HMAC size, HMAC, 2-byte size plus 32 bytes
-  // encrypted; the seed encrypted under RSA-2048.
-  EXPECT_EQ(2u + 2u + 32u + 34u, blob.size());
-  EXPECT_EQ(2u + 256u, encrypted.size());
-
-  Bytes cert_info;
-  ASSERT_TRUE(host_->ActivateCredential(blob, encrypted, &cert_info)) << host_->LastError();
-  Bytes want = {0x00, 0x20};
-  want.insert(want.end(), secret.begin(), secret.end());
-  EXPECT_EQ(want, cert_info);
-}
 
 TEST_F(CredentialOnSwtpm, SecretsUpToTheEkDigestSizeRoundTrip) {
   // The credential may be at most as long as a digest of the EK's nameAlg

@@ -163,8 +163,6 @@ TEST(ValidateEventLog, Rules) {
        },
        v::kChecksumMismatch},
       {"no SHA-256 digest", false, [](LogBuilder* b) { Find(b, "k.b00")->sha256_digests = 0; }, v::kNoSha256Digest},
-      {"two SHA-256 digests", false, [](LogBuilder* b) { Find(b, "k.b00")->sha256_digests = 2; },
-       v::kDuplicateSha256Digest},
       {"no SHA-256 digest in an unchecked PCR", false,
        [](LogBuilder* b) { Find(b, "anything")->sha256_digests = 0; }, v::kNoSha256Digest},
       {"no secure boot event", false, [](LogBuilder* b) { Find(b, "uefiSecureBootEnabled = TRUE")->pcr = 9; },

@@ -163,14 +163,9 @@ TEST_F(RawConfigService, RefusedImportsChangeNothing) {
   ConfigureFully(a);
   ConfigureFully(b);
   ASSERT_TRUE(b.api->Invoke(kEks, "delete", {{"name", "spare"}}).ok);
-  auto [config, hash] = a.Export();
   auto [before, before_hash] = b.Export();
   json view_before = b.View();
   std::string plain = a.Get(kRawConfig, "export", {{"info_type", "PLAIN"}})["config"];
-  std::string truncated = config.substr(0, config.size() / 2);
-  truncated.resize(truncated.size() / 4 * 4);
-  // A gzip stream of a text that is not an export.
-  std::string not_an_export = "H4sIAAAAAAACAyvJyCxWAKK8/BKFxDyF1IqC/KKS1BSF5Py8tMz00qLEksz8PC4AiS1eQCYAAAA=";
   // Hostile texts an administrator could write: A's export naming the
   // signing key pair, with or without a record of the importer's own, and
   // a record of 200,000 nested sub-objects.
@@ -210,8 +205,6 @@ TEST_F(RawConfigService, RefusedImportsChangeNothing) {
       {"empty", {{"config", ""}}},
       {"not gzip", {{"config", ApiClient::Base64(std::string("plain text, not gzip"))}}},
       {"the plain export", {{"config", plain}}},
-      {"truncated export", {{"config", truncated}}},
-      {"gzip of another text", {{"config", not_an_export}}},
       {"planted signing key", {{"config", with_signing_key(true)}}},
       {"signing key listed without a record", {{"config", with_signing_key(false)}}},
       {"200,000 nested sub-objects", {{"config", gzip(nested)}}},

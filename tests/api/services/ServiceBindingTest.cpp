@@ -3,14 +3,10 @@
 #include <gtest/gtest.h>
 
 #include "api/errors/ErrorCatalogue.h"
-#include "api/services/BaseImagesSvc.h"
-#include "api/services/CaCertificatesSvc.h"
 #include "api/services/CertificateSvc.h"
 #include "api/services/EndorsementKeysSvc.h"
 #include "api/services/RawConfigSvc.h"
 #include "api/services/ReportSvc.h"
-#include "api/services/StatusSvc.h"
-#include "api/services/Tpm2SettingsSvc.h"
 
 namespace {
 
@@ -193,23 +189,6 @@ TEST(Binding, EscapedExceptionAnswersOnceWithInternalError) {
   auto after = Call(list, "set", {{"certificate", "PEM"}});
   ASSERT_EQ(1u, after.size());
   EXPECT_FALSE(after[0].error.has_value());
-}
-
-TEST(Binding, OutputShapes) {
-  BaseImagesSvc::Info info{"1.2.3", "HYVi 1.2.3", std::nullopt, {{"p", "1", "v", "t", "s"}}};
-  EXPECT_EQ(json::parse(R"({"version":"1.2.3","name":"HYVi 1.2.3","last_attested_time":null,
-      "packages":[{"name":"p","version":"1","vendor":"v","type":"t","summary":"s"}]})"),
-            Encode(info));
-  StatusSvc::Info status{StatusSvc::Health::kWarning, {Errors::MakeMessage(Errors::kStatusTpmEkUnset)}};
-  json s = Encode(status);
-  EXPECT_EQ("WARNING", s["health"]);
-  EXPECT_EQ("No TPM Endorsement Keys are configured.", s["messages"][0]["default_message"]);
-  EXPECT_EQ(json::parse(R"({"require_endorsement_keys":true,"require_certificate_validation":false})"),
-            Encode(Tpm2SettingsSvc::Info{true, false}));
-  EXPECT_EQ(json::parse(R"({"name":"ca1","certificates":["A","B"]})"), Encode(CaCertificatesSvc::Info{"ca1", {"A", "B"}}));
-  ReportSvc::Result done;
-  done.documents = std::vector<ReportSvc::Document>{{ReportSvc::DocumentType::kReportingJwt, "jwt"}};
-  EXPECT_EQ(json::parse(R"({"documents":[{"type":"REPORTING_JWT","document":"jwt"}]})"), Encode(done));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The audit log's defences against callers who control what it records: the
-// text sanitizer, the refusal cap with its count of suppressed entries, and
-// the pacing of the daemon's own error lines.
+// The audit log: one JSON line per entry, and its defences against callers who
+// control what it records: the text sanitizer, the refusal cap with its count of
+// suppressed entries, and the pacing of the daemon's own error lines.
 #include "platform/lumen/Audit.h"
 
 #include <unistd.h>
@@ -101,6 +101,21 @@ class AuditLogTest : public ::testing::Test {
   fs::path dir_;
   int64_t now_ = 1000;
 };
+
+TEST_F(AuditLogTest, WritesOneJsonLinePerEntry) {
+  ASSERT_TRUE(QrwAudit_LogList("api.call", "alice", "s.get", true, nullptr, 0));
+  QrwAuditItem items[] = {{"reason", "expired \"token\"\n"}};
+  ASSERT_TRUE(QrwAudit_LogList("authentication.failed", "", "s.put", false, items, 1));
+  std::vector<json> lines = Lines();
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_EQ("api.call", lines[0]["eventID"]);
+  EXPECT_EQ("alice", lines[0]["subject"]);
+  EXPECT_EQ("s.get", lines[0]["object"]);
+  EXPECT_EQ(true, lines[0]["result"]);
+  EXPECT_FALSE(lines[0].contains("items"));
+  EXPECT_EQ(false, lines[1]["result"]);
+  EXPECT_EQ("expired \"token\"\n", lines[1]["items"]["reason"]);
+}
 
 // Refusals beyond the cap are counted and the count lands in one entry, at
 // whichever comes first after their second: the next refusal, a flush, or

@@ -1,11 +1,5 @@
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include <gtest/gtest.h>
 
-#include "platform/lumen/Audit.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
 #include "platform/lumen/Localizer.h"
@@ -126,11 +120,6 @@ TEST(ErrorJson, CleanAndDecoratedForms) {
   json decorated = Lumen::Json::DecorateError(e);
   EXPECT_EQ(clean, Lumen::Json::Undecorate(decorated));
   EXPECT_TRUE(decorated["ERROR"].contains("com.quarro.lumen.std.errors.already_exists"));
-  for (auto kind : {Errors::Kind::kOperationNotFound, Errors::Kind::kInternalServerError}) {
-    std::string name = Errors::KindName(kind);
-    std::string type = Errors::TypeId(kind);
-    EXPECT_EQ(type.substr(type.rfind('.') + 1).size(), name.size());
-  }
 }
 
 TEST(ParseCall, AcceptsInvokeCallsOnly) {
@@ -224,33 +213,6 @@ TEST(InputReader, ReportsFirstBadFieldPath) {
   }
   Lumen::Json::InputReader not_object(json::array());
   EXPECT_EQ("input", not_object.BadField());
-}
-
-TEST(QrwAuditLogList, WritesOneJsonLinePerEntry) {
-  std::filesystem::path dir = std::filesystem::temp_directory_path() / ("lumen-audit-" + std::to_string(getpid()));
-  std::filesystem::create_directories(dir);
-  std::string path = (dir / "audit.log").string();
-  QrwAudit_SetLogPath(path);
-  ASSERT_TRUE(QrwAudit_LogList("api.call", "alice", "s.get", true, nullptr, 0));
-  QrwAuditItem items[] = {{"reason", "expired \"token\"\n"}};
-  ASSERT_TRUE(QrwAudit_LogList("authentication.failed", "", "s.put", false, items, 1));
-  QrwAudit_SetLogPath("");
-
-  std::ifstream in(path);
-  std::string line;
-  std::vector<json> lines;
-  while (std::getline(in, line)) {
-    lines.push_back(json::parse(line));
-  }
-  ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ("api.call", lines[0]["eventID"]);
-  EXPECT_EQ("alice", lines[0]["subject"]);
-  EXPECT_EQ("s.get", lines[0]["object"]);
-  EXPECT_EQ(true, lines[0]["result"]);
-  EXPECT_FALSE(lines[0].contains("items"));
-  EXPECT_EQ(false, lines[1]["result"]);
-  EXPECT_EQ("expired \"token\"\n", lines[1]["items"]["reason"]);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

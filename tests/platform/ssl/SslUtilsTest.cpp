@@ -116,6 +116,7 @@ TEST(SslUtilsChain, EndEntityAndCaChains) {
   TestPki pki;
   TestPki other;
   const auto self_signed_leaf = MakeCert(MakeKey(), "Self EK", nullptr, false);
+  const auto expired_root = MakeCert(MakeKey(), "Expired Root CA", nullptr, true, 7, /*expired=*/true);
   using V = std::vector<std::string>;
   const struct {
     const char* name;
@@ -136,6 +137,7 @@ TEST(SslUtilsChain, EndEntityAndCaChains) {
       {"ca chain root first", {pki.root.pem, pki.intermediate.pem}, {}, true, true},
       {"ca chain under configured root", {pki.intermediate.pem}, {pki.root.pem}, true, true},
       {"ca chain without its root", {pki.intermediate.pem}, {}, true, false},
+      {"expired root", {expired_root.pem}, {}, true, false},
       {"ca chain under another root", {other.intermediate.pem}, {pki.root.pem}, true, false},
       {"end-entity in a ca chain", {pki.leaf.pem, pki.intermediate.pem}, {pki.root.pem}, true, false},
       {"empty chain", {}, {pki.root.pem}, true, false},

@@ -524,7 +524,9 @@ bool Attestation::MarkProven(uint64_t id) {
   Entry& entry = it->second;
   if (!entry.proven) {
     entry.proven = true;
-    ek_sessions_[entry.session->EkDigest()].unproven.erase({entry.admitted, id});
+    auto ek = ek_sessions_.find(entry.session->EkDigest());
+    VERIFY(ek != ek_sessions_.end());
+    ek->second.unproven.erase({entry.admitted, id});
     unproven_.erase({entry.admitted, id});
   }
   return true;

@@ -1,37 +1,17 @@
 #include "config/Configuration.h"
 
-#include <atomic>
-
-#include "config/SigningKey.h"
-#include "platform/Assert.h"
 #include "platform/Log.h"
 
 namespace Witnessd::Config {
-namespace {
-
-static constexpr const char* kSourcePath = "apps/witnessd/config/configuration";
-
-MXUserRWLock* CreateLock(const char* name, uint32_t rank) {
-  MXUserRWLock* lock = MXUser_CreateRWLock(name, rank);
-  VERIFY(lock != nullptr);
-  return lock;
-}
-
-// Atomic so that a holder of the configuration lock in shared mode may write
-// a condition without racing concurrent readers.
-std::atomic<bool> g_status_conditions[kNumStatusConditions];
-
-}  // namespace
 
 HyvConfig::ConfigStoreObjectId MakeId(const std::string& key, const std::string& instance) {
   return HyvConfig::ConfigStoreObjectId(key, kComponent, kGroup, instance);
 }
 
-std::vector<std::string> ReadInstanceNames(const std::string& key) {
+std::vector<std::string> ReadInstanceNames(HyvConfig::HyvConfigStore& store, const std::string& key) {
   HyvConfig::FilterSpecObject filter(HyvConfig::ConfigStoreObjectId(key, kComponent, kGroup));
-  auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
   std::vector<std::string> names;
-  for (const HyvConfig::ConfigStoreObjectPtr& object : store->GetObjectInstances(filter)) {
+  for (const HyvConfig::ConfigStoreObjectPtr& object : store.GetObjectInstances(filter)) {
     std::string name;
     object->GetValue("name", &name);
     names.push_back(std::move(name));
@@ -52,10 +32,10 @@ bool RecordNameValid(const std::string& name) {
   return true;
 }
 
-ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts,
-                             HyvConfig::ConfigStoreObjectPtr& out) {
+ConfigResult ReadNamedRecord(HyvConfig::HyvConfigStore& store, const std::string& key, const std::string& name,
+                             const NamedRecordTexts& texts, HyvConfig::ConfigStoreObjectPtr& out) {
   try {
-    out = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->GetObject(MakeId(key, name));
+    out = store.GetObject(MakeId(key, name));
   } catch (const HostCtl::Lib::HostCtlException& e) {
     Log_Level(kLogError, texts.read_failed, name.c_str(), e.what());
     return ConfigResult::kConfigError;
@@ -67,9 +47,10 @@ ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, co
   return ConfigResult::kConfigOk;
 }
 
-ConfigResult ListNamedRecords(const std::string& key, const NamedRecordTexts& texts, std::vector<std::string>& out) {
+ConfigResult ListNamedRecords(HyvConfig::HyvConfigStore& store, const std::string& key, const NamedRecordTexts& texts,
+                              std::vector<std::string>& out) {
   try {
-    out = ReadInstanceNames(key);
+    out = ReadInstanceNames(store, key);
     return ConfigResult::kConfigOk;
   } catch (const HostCtl::Lib::HostCtlException& e) {
     Log_Level(kLogError, texts.list_failed, e.what());
@@ -77,12 +58,12 @@ ConfigResult ListNamedRecords(const std::string& key, const NamedRecordTexts& te
   }
 }
 
-ConfigResult WriteNamedRecord(HyvConfig::ConfigStoreObject& record, const std::string& name,
-                              const NamedRecordTexts& texts) {
+ConfigResult WriteNamedRecord(HyvConfig::HyvConfigStore& store, HyvConfig::ConfigStoreObject& record,
+                              const std::string& name, const NamedRecordTexts& texts) {
   try {
     record.SetValue("name", name);
     int status = 0;
-    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->SetObject(record, status);
+    store.SetObject(record, status);
     return ConfigResult::kConfigOk;
   } catch (const HostCtl::Lib::HostCtlException& e) {
     Log_Level(kLogError, texts.write_failed, name.c_str(), e.what());
@@ -90,14 +71,14 @@ ConfigResult WriteNamedRecord(HyvConfig::ConfigStoreObject& record, const std::s
   }
 }
 
-ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts) {
+ConfigResult DeleteNamedRecord(HyvConfig::HyvConfigStore& store, const std::string& key, const std::string& name,
+                               const NamedRecordTexts& texts) {
   try {
-    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
-    if (store->GetObject(MakeId(key, name)) == nullptr) {
+    if (store.GetObject(MakeId(key, name)) == nullptr) {
       Log_Level(kLogError, texts.delete_missing, name.c_str());
       return ConfigResult::kConfigNotFound;
     }
-    store->DeleteObject(MakeId(key, name));
+    store.DeleteObject(MakeId(key, name));
     return ConfigResult::kConfigOk;
   } catch (const HostCtl::Lib::HostCtlException& e) {
     Log_Level(kLogError, texts.delete_failed, name.c_str(), e.what());
@@ -105,49 +86,20 @@ ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, 
   }
 }
 
-MXUserRWLock* ConfigLock() {
-  static MXUserRWLock* lock = CreateLock("configLock", kConfigLockRank);
-  return lock;
-}
-
-MXUserRWLock* EkMapLock() {
-  static MXUserRWLock* lock = CreateLock("ekMapLock", kEkMapLockRank);
-  return lock;
-}
-
-void InitConfigLocks() {
-  ConfigLock();
-  EkMapLock();
-}
-
-void SetStatusCondition(int index, bool value) {
-  if (index < 0 || index >= kNumStatusConditions) {
-    return;
+void StatusConditions::Set(int index, bool value) {
+  if (index >= 0 && index < kNumStatusConditions) {
+    conditions_[index] = value;
   }
-  if (MXUser_IsCurThreadHoldingRWLock(ConfigLock())) {
-    g_status_conditions[index] = value;
-    return;
-  }
-  MXUser::WriteGuard guard(ConfigLock());
-  g_status_conditions[index] = value;
 }
 
-std::vector<int> GetStatusConditions() {
-  MXUser::ReadGuard guard(ConfigLock());
+std::vector<int> StatusConditions::Get() const {
   std::vector<int> set;
   for (int i = 0; i < kNumStatusConditions; ++i) {
-    if (g_status_conditions[i]) {
+    if (conditions_[i]) {
       set.push_back(i);
     }
   }
   return set;
-}
-
-void ResetConfigurationForTesting() {
-  for (std::atomic<bool>& condition : g_status_conditions) {
-    condition = false;
-  }
-  ResetSigningKeyForTesting();
 }
 
 }  // namespace Witnessd::Config

@@ -1,16 +1,22 @@
 // The configuration layer's shared pieces: result codes, record identity, the
-// two process-wide configuration locks and the status conditions.
+// named-record helpers over a store the caller passes in, and the status
+// conditions.
 #pragma once
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "platform/MXUser.h"
 #include "platform/configstore/ConfigStore.h"
 
 namespace Witnessd::Config {
+
+// The configuration store every object of this layer reads and writes;
+// opened once by the daemon and passed in.
+using Store = std::shared_ptr<HyvConfig::HyvConfigStore>;
 
 // Result codes of the configuration layer, returned to the API services.
 enum class ConfigResult : int {
@@ -40,7 +46,7 @@ HyvConfig::ConfigStoreObjectId MakeId(const std::string& key, const std::string&
 
 // ReadInstanceNames returns the "name" field of every instance of |key|, in
 // the store's order. Throws HostCtlException; callers log and map it.
-std::vector<std::string> ReadInstanceNames(const std::string& key);
+std::vector<std::string> ReadInstanceNames(HyvConfig::HyvConfigStore& store, const std::string& key);
 
 // Named records (EKs, CA chains): one instance of a key per name. Each kind
 // keeps its own log lines, given as printf formats taking the record's name
@@ -65,31 +71,17 @@ bool RecordNameValid(const std::string& name);
 
 // ReadNamedRecord sets |out| to the record |name| of |key|: kConfigOk,
 // kConfigNotFound or kConfigError (each failure logged).
-ConfigResult ReadNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts,
+ConfigResult ReadNamedRecord(HyvConfig::HyvConfigStore& store, const std::string& key, const std::string& name, const NamedRecordTexts& texts,
                              HyvConfig::ConfigStoreObjectPtr& out);
 // ListNamedRecords gives the names of |key|'s records in store order.
-ConfigResult ListNamedRecords(const std::string& key, const NamedRecordTexts& texts, std::vector<std::string>& out);
+ConfigResult ListNamedRecords(HyvConfig::HyvConfigStore& store, const std::string& key, const NamedRecordTexts& texts, std::vector<std::string>& out);
 // WriteNamedRecord stores |record| (its "name" field set here); kConfigError
 // when the store fails.
-ConfigResult WriteNamedRecord(HyvConfig::ConfigStoreObject& record, const std::string& name,
+ConfigResult WriteNamedRecord(HyvConfig::HyvConfigStore& store, HyvConfig::ConfigStoreObject& record, const std::string& name,
                               const NamedRecordTexts& texts);
 // DeleteNamedRecord removes record |name| of |key|: kConfigOk,
 // kConfigNotFound or kConfigError.
-ConfigResult DeleteNamedRecord(const std::string& key, const std::string& name, const NamedRecordTexts& texts);
-
-// The configuration lock guards every access to this service's records, the
-// cached TPM settings, the CA cache, the signing key pair in memory and the
-// status conditions. The EK map lock guards the set of configured EK digests and is
-// always taken after the configuration lock (their ranks enforce it).
-inline constexpr uint32_t kConfigLockRank = 0xFEFFFFFF;
-inline constexpr uint32_t kEkMapLockRank = 0xFF000000;
-
-// InitConfigLocks creates both locks; start-up calls it before anything
-// else of the layer. Failing to create one panics. The accessors create the
-// locks on first use as well, so they never return null.
-void InitConfigLocks();
-MXUserRWLock* ConfigLock();
-MXUserRWLock* EkMapLock();
+ConfigResult DeleteNamedRecord(HyvConfig::HyvConfigStore& store, const std::string& key, const std::string& name, const NamedRecordTexts& texts);
 
 // Status conditions, indexed 0 to 5, all false at start. 0-4 are computed by
 // the status service; 5 is owned by the base image store.
@@ -103,15 +95,18 @@ enum StatusCondition : int {
 };
 inline constexpr int kNumStatusConditions = 6;
 
-// SetStatusCondition sets or clears one condition, taking the configuration
-// lock exclusively unless the calling thread already holds it. An index
-// outside 0-5 is ignored.
-void SetStatusCondition(int index, bool value);
-// GetStatusConditions returns the indices of the set conditions, ascending.
-std::vector<int> GetStatusConditions();
+// The status conditions the status service reports: 0-4 computed by it on
+// each call, 5 set by the base image store. Owned by the daemon and passed
+// to both; each condition is an atomic flag, so setting one never waits.
+class StatusConditions {
+ public:
+  // Set sets or clears one condition; an index outside 0-5 is ignored.
+  void Set(int index, bool value);
+  // Get returns the indices of the set conditions, ascending.
+  std::vector<int> Get() const;
 
-// ResetConfigurationForTesting clears the status conditions and the signing
-// key pair held in memory.
-void ResetConfigurationForTesting();
+ private:
+  std::atomic<bool> conditions_[kNumStatusConditions] = {};
+};
 
 }  // namespace Witnessd::Config

@@ -24,11 +24,6 @@ constexpr int kLineGenerateFailed = 362;
 constexpr int kLineSaveFailed = 366;
 constexpr int kLineCertificateUnreadable = 373;
 
-// Guarded by the configuration lock.
-std::string g_signing_key;
-std::string g_signing_certificate;
-SigningPkey g_signing_pkey;
-
 [[noreturn]] void Stop(int line) {
   Panic("NOT_IMPLEMENTED %s:%d\n", kSourcePath, line);
 }
@@ -44,12 +39,10 @@ SigningPkey ParsePrivateKey(const std::string& pem) {
 
 }  // namespace
 
-bool ReadConfigValue(const std::string& key, const std::string& component, const std::string& group,
-                     const std::string& field, std::string& out_value) {
-  MXUser::ReadGuard guard(ConfigLock());
+bool ReadConfigValue(HyvConfig::HyvConfigStore& store, const std::string& key, const std::string& component,
+                     const std::string& group, const std::string& field, std::string& out_value) {
   try {
-    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
-    HyvConfig::ConfigStoreObjectPtr object = store->GetObject(HyvConfig::ConfigStoreObjectId(key, component, group));
+    HyvConfig::ConfigStoreObjectPtr object = store.GetObject(HyvConfig::ConfigStoreObjectId(key, component, group));
     if (object == nullptr) {
       return false;
     }
@@ -61,14 +54,15 @@ bool ReadConfigValue(const std::string& key, const std::string& component, const
   }
 }
 
-bool SaveSigningKey(const std::string& certificate, const std::string& key) {
+SigningKeys::SigningKeys(Store store) : store_(std::move(store)), current_(std::make_shared<SigningPair>()) {}
+
+bool SigningKeys::Save(const std::string& certificate, const std::string& key) {
   HyvConfig::ConfigStoreObject object(MakeId(kKeyCertificate));
-  MXUser::WriteGuard guard(ConfigLock());
   try {
     object.SetValue("certificate", certificate);
     object.SetValue("private_key", key);
     int status = 0;
-    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->SetObject(object, status);
+    store_->SetObject(object, status);
     return true;
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception writing the report signing key to configstore: %s\n", e.what());
@@ -82,11 +76,9 @@ namespace {
 // exists. Any other problem (the store fails or is busy, the record is
 // malformed or holds no key) throws std::runtime_error naming it: only a
 // missing record may lead to a new pair, never one that could not be read.
-bool ReadStoredPair(std::string& out_key, std::string& out_certificate) {
-  MXUser::ReadGuard guard(ConfigLock());
+bool ReadStoredPair(HyvConfig::HyvConfigStore& store, std::string& out_key, std::string& out_certificate) {
   try {
-    auto store = HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
-    HyvConfig::ConfigStoreObjectPtr object = store->GetObject(MakeId(kKeyCertificate));
+    HyvConfig::ConfigStoreObjectPtr object = store.GetObject(MakeId(kKeyCertificate));
     if (object == nullptr) {
       return false;
     }
@@ -103,16 +95,16 @@ bool ReadStoredPair(std::string& out_key, std::string& out_certificate) {
 
 }  // namespace
 
-void EnsureSigningKey() {
+void SigningKeys::Ensure() {
   std::string key;
   std::string certificate;
-  if (!ReadStoredPair(key, certificate)) {
+  if (!ReadStoredPair(*store_, key, certificate)) {
     Log_Level(kLogInfo, "Generating private key and certificate\n");
     if (!SslUtils::GenerateKeyAndCert(key, certificate)) {
       Log_Level(kLogError, "Error while generating attestation key and certificate\n");
       Stop(kLineGenerateFailed);
     }
-    if (!SaveSigningKey(certificate, key)) {
+    if (!Save(certificate, key)) {
       Log_Level(kLogError, "Error while saving attestation key and certificate\n");
       Stop(kLineSaveFailed);
     }
@@ -127,34 +119,17 @@ void EnsureSigningKey() {
   if (pkey == nullptr) {
     Log_Level(kLogError, "The report signing private key does not parse\n");
   }
-  MXUser::WriteGuard guard(ConfigLock());
-  g_signing_key = std::move(key);
-  g_signing_certificate = std::move(certificate);
-  g_signing_pkey = std::move(pkey);
+  auto pair = std::make_shared<SigningPair>();
+  pair->key = std::move(key);
+  pair->certificate = std::move(certificate);
+  pair->pkey = std::move(pkey);
+  std::lock_guard<std::mutex> lock(mutex_);
+  current_ = std::move(pair);
 }
 
-bool GetSigningKey(std::string& out_key) {
-  MXUser::ReadGuard guard(ConfigLock());
-  out_key = g_signing_key;
-  return !out_key.empty();
-}
-
-bool GetSigningCertificate(std::string& out_certificate) {
-  MXUser::ReadGuard guard(ConfigLock());
-  out_certificate = g_signing_certificate;
-  return !out_certificate.empty();
-}
-
-SigningPkey GetSigningPkey() {
-  MXUser::ReadGuard guard(ConfigLock());
-  return g_signing_pkey;
-}
-
-void ResetSigningKeyForTesting() {
-  MXUser::WriteGuard guard(ConfigLock());
-  g_signing_key.clear();
-  g_signing_certificate.clear();
-  g_signing_pkey.reset();
+std::shared_ptr<const SigningPair> SigningKeys::Current() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return current_;
 }
 
 }  // namespace Witnessd::Config

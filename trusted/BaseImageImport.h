@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "trusted/BaseImageStore.h"
+
 namespace Witnessd::Trusted {
 
 enum class ImportResult : int {
@@ -20,6 +22,6 @@ enum class ImportResult : int {
 // maker's certificate file and stores the base image in one write, so a
 // failed import stores nothing. |out_version| is set on kImported and on
 // kVersionExists.
-ImportResult ImportBaseImage(const std::vector<uint8_t>& compressed, std::string& out_version);
+ImportResult ImportBaseImage(BaseImageStore& images, const std::vector<uint8_t>& compressed, std::string& out_version);
 
 }  // namespace Witnessd::Trusted

@@ -65,26 +65,6 @@ struct BaseImageData {
   std::shared_ptr<const Verify::PayloadChecksumTable> payload_checksums;
 };
 
-// LookupBaseImage finds the first cached base image whose Hvkernel digest is
-// |hvkernel_digest|, loading the cache first when it is empty. kConfigOk with
-// the outputs set, or kConfigNotFound when nothing matches. The table stays
-// valid for the holder after the cache is cleared.
-ConfigResult LookupBaseImage(const std::string& hvkernel_digest, std::string& out_version,
-                             std::string& out_txt_mle_digest,
-                             std::shared_ptr<const Verify::PayloadChecksumTable>& out_checksums);
-
-// ClearBaseImageCache drops the cache so the next lookup reloads it. Callers
-// that change the stored base images hold the configuration lock exclusively;
-// a thread that holds no configuration lock has it taken here.
-void ClearBaseImageCache();
-
-// UpdateLastAttestedTime stores the current UTC time as "last_attested_time"
-// of base image |version|.
-void UpdateLastAttestedTime(const std::string& version);
-
-// ListBaseImages returns the stored versions in store order.
-ConfigResult ListBaseImages(std::vector<std::string>& out_versions);
-
 // One stored base image as written by the import, for the administration
 // service.
 struct StoredBaseImage {
@@ -93,17 +73,53 @@ struct StoredBaseImage {
   std::vector<PakEntry> paks;
 };
 
-// ReadBaseImage reads stored base image |version| whole: kConfigOk,
-// kConfigNotFound, or kConfigError when the store fails.
-ConfigResult ReadBaseImage(const std::string& version, StoredBaseImage& out);
+// The stored base images and, in memory, what attestation needs of them:
+// owned by the daemon, passed to the session manager, the base image
+// service and the configuration transfer.
+class BaseImageStore {
+ public:
+  // |status| receives the load-error condition.
+  BaseImageStore(Config::Store store, Config::StatusConditions& status);
+  ~BaseImageStore();
+  BaseImageStore(const BaseImageStore&) = delete;
+  BaseImageStore& operator=(const BaseImageStore&) = delete;
 
-// DeleteBaseImage removes stored base image |version| and clears the cache:
-// kConfigOk, kConfigNotFound, or kConfigError when the store fails.
-ConfigResult DeleteBaseImage(const std::string& version);
+  // Load loads the cache at start-up, so a damaged record shows in the log
+  // and the status at once rather than on the first attestation.
+  void Load();
 
-// InitBaseImageStore loads the cache at start-up, so a damaged record shows in
-// the log and the status at once rather than on the first attestation.
-void InitBaseImageStore();
+  // Lookup finds the first cached base image whose Hvkernel digest is
+  // |hvkernel_digest|, loading the cache first when it is empty; null when
+  // nothing matches. What it returns stays valid after the cache is cleared.
+  std::shared_ptr<const BaseImageData> Lookup(const std::string& hvkernel_digest);
+
+  // ClearCache drops the cache so the next lookup reloads it; every change
+  // of the stored base images calls it.
+  void ClearCache();
+
+  // UpdateLastAttestedTime stores the current UTC time as
+  // "last_attested_time" of base image |version|.
+  void UpdateLastAttestedTime(const std::string& version);
+
+  // List returns the stored versions in store order.
+  ConfigResult List(std::vector<std::string>& out_versions) const;
+  // Read reads stored base image |version| whole: kConfigOk,
+  // kConfigNotFound, or kConfigError when the store fails.
+  ConfigResult Read(const std::string& version, StoredBaseImage& out) const;
+  // Delete removes stored base image |version| and clears the cache:
+  // kConfigOk, kConfigNotFound, or kConfigError when the store fails.
+  ConfigResult Delete(const std::string& version);
+
+  HyvConfig::HyvConfigStore& Store() const { return *store_; }
+
+ private:
+  // The implementation keeps the cache, the per-version records and their
+  // locks here (see BaseImageStore.cpp).
+  struct State;
+  const Config::Store store_;
+  Config::StatusConditions& status_;
+  std::unique_ptr<State> state_;
+};
 
 // FormatAttestedTime prints |usec| since the epoch as "YYYY-MM-DDTHH:MM:SSZ".
 std::string FormatAttestedTime(int64_t usec);

@@ -29,6 +29,14 @@ std::optional<EkCertificateCache::Key> EkCertificateCache::KeyOf(const std::stri
   return key;
 }
 
+std::optional<EkCertCheck> CheckEkCertificate(const std::string& pem, const TrustStore& cas) {
+  std::optional<std::string> der = SslUtils::PemCertDer(pem, kMaxEkCertificateBytes);
+  if (!der) {
+    return std::nullopt;
+  }
+  return SslUtils::CheckEkCertDer(*der, cas.get());
+}
+
 std::optional<EkCertCheck> EkCertificateCache::Check(const std::string& pem, const TrustStore& cas) {
   std::optional<std::string> der = SslUtils::PemCertDer(pem, kMaxEkCertificateBytes);
   if (!der) {

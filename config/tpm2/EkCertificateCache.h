@@ -22,6 +22,12 @@ namespace Witnessd::Config::Tpm2 {
 // The largest EK certificate taken, in DER bytes; real ones are a few KiB.
 inline constexpr size_t kMaxEkCertificateBytes = 16 * 1024;
 
+// CheckEkCertificate parses the certificate |pem| and verifies it against
+// |cas| (a null |cas| checks no chain), without any cache: nullopt when
+// |pem| is not one certificate of at most kMaxEkCertificateBytes with a
+// readable key; text too long for that is refused before it is decoded.
+std::optional<Orm::Common::EkCertCheck> CheckEkCertificate(const std::string& pem, const Orm::Common::TrustStore& cas);
+
 class EkCertificateCache {
  public:
   static constexpr size_t kDefaultMaxBytes = 4u << 20;

@@ -228,19 +228,46 @@ bool SslUtils::StandardizePemCert(std::string& pem) {
   return true;
 }
 
-bool SslUtils::ValidatePemKey(const std::string& pem) {
-  PkeyPtr key = ParsePubKey(pem);
-  if (!key) {
-    return false;
-  }
-  switch (EVP_PKEY_get_base_id(key.get())) {
+namespace {
+
+bool UsableKey(EVP_PKEY* key) {
+  switch (EVP_PKEY_get_base_id(key)) {
     case EVP_PKEY_RSA:
-      return EVP_PKEY_get_bits(key.get()) >= 2048;
+      return EVP_PKEY_get_bits(key) >= 2048;
     case EVP_PKEY_EC:
       return true;
     default:
       return false;
   }
+}
+
+}  // namespace
+
+bool SslUtils::ValidatePemKey(const std::string& pem) {
+  PkeyPtr key = ParsePubKey(pem);
+  return key && UsableKey(key.get());
+}
+
+std::optional<std::array<uint8_t, 32>> SslUtils::UsableKeyDigest(const std::string& pem) {
+  PkeyPtr key = ParsePubKey(pem);
+  if (!key || !UsableKey(key.get())) {
+    return std::nullopt;
+  }
+  unsigned char* der = nullptr;
+  int len = i2d_PUBKEY(key.get(), &der);
+  if (len <= 0) {
+    ERR_clear_error();
+    return std::nullopt;
+  }
+  std::array<uint8_t, 32> digest;
+  unsigned int size = 0;
+  bool hashed = EVP_Digest(der, static_cast<size_t>(len), digest.data(), &size, EVP_sha256(), nullptr) == 1;
+  OPENSSL_free(der);
+  if (!hashed || size != digest.size()) {
+    ERR_clear_error();
+    return std::nullopt;
+  }
+  return digest;
 }
 
 bool SslUtils::ValidatePemCert(const std::string& pem) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -53,6 +54,10 @@ class SslUtils {
 
   // ValidatePemKey: |pem| is an RSA key of at least 2048 bits or an EC key.
   static bool ValidatePemKey(const std::string& pem);
+  // UsableKeyDigest is the SHA-256 of |pem|'s SubjectPublicKeyInfo DER when
+  // ValidatePemKey holds for it; nullopt otherwise. Texts that differ only in
+  // layout or PEM form give the same digest.
+  static std::optional<std::array<uint8_t, 32>> UsableKeyDigest(const std::string& pem);
   // ValidatePemCert: |pem| is an X.509 certificate with a readable public key.
   static bool ValidatePemCert(const std::string& pem);
   // ExtractKeyFromCert sets |out_key| to the certificate's public key in the

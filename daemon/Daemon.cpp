@@ -23,7 +23,10 @@
 #include "api/services/StatusImpl.h"
 #include "api/services/Tpm2SettingsImpl.h"
 #include "config/Configuration.h"
+#include "config/SigningKey.h"
+#include "config/tpm2/TrustConfiguration.h"
 #include "transfer/ConfigTransfer.h"
+#include "trusted/BaseImageStore.h"
 #include "api/log/LumenLoggerWrapper.h"
 #include "document/AttestationToken.h"
 #include "platform/Hearth.h"
@@ -32,7 +35,7 @@
 #include "platform/System.h"
 #include "platform/Trackers.h"
 #include "platform/configstore/ConfigStore.h"
-#include "tpm2/Attestation.h"
+#include "tpm2/SessionManager.h"
 
 namespace Witnessd::Daemon {
 namespace {
@@ -40,10 +43,9 @@ namespace {
 using Orm::Common::HearthLumen::ErrorsTracker;
 using Orm::Common::HearthLumen::TrafficTracker;
 
-// The endpoint as seen by the signal handler; set once it exists.
+// The endpoint as seen by the signal handler, which can be given no
+// argument; set once it exists.
 std::atomic<AttestApi::Endpoint*> g_endpoint{nullptr};
-
-std::shared_ptr<Hearth::Service::Logger> g_witnessd_logger;
 
 int64_t WholeSeconds(std::chrono::nanoseconds d) {
   return std::chrono::duration_cast<std::chrono::seconds>(d).count();
@@ -108,22 +110,27 @@ int Main() {
     // The host system-information registration is a platform service this
     // build does not have; nothing to do.
 
-    g_witnessd_logger =
+    auto witnessd_logger =
         Hearth::Service::Logger::CreateLogger(Hearth::Service::Logger::sDefaultLogger, "witnessdLogger");
 
     // Persistent configuration. The store is opened first so that a damaged or
     // unreadable database stops the start rather than read as empty.
-    HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace);
-    Config::InitConfigLocks();
-    Transfer::InitConfiguration();
+    Config::Store store = HyvConfig::HyvConfigStore::Open(Hearth::SysrootPath(HyvConfig::kDatabasePath));
+    Config::StatusConditions conditions;
+    Config::SigningKeys signing_keys(store);
+    Config::Tpm2::TrustConfiguration trust(store);
+    Trusted::BaseImageStore images(store, conditions);
+    Transfer::ConfigTransfer transfer(store, signing_keys, trust, images);
+    transfer.Restore();
 
     Hearth::Service::App& app = Hearth::Service::GetApp();
-    Tpm2::Attestation::Initialize(app.GetConfig(), app.GetScheduler());
+    Tpm2::SessionManager sessions(Tpm2::ReadSessionLimits(app.GetConfig()), images);
+    sessions.Start(app.GetScheduler());
     int64_t token_validity = app.GetConfig().GetInt("tokenValiditySeconds", 0);
     if (token_validity < 0) {
       throw std::runtime_error("tokenValiditySeconds must not be negative");
     }
-    Document::SetTokenValiditySeconds(token_validity);
+    Document::TokenSigner signer(signing_keys, token_validity);
     int64_t max_connections = app.GetConfig().GetInt("maxConnections", AttestApi::kDefaultMaxConnections);
     if (max_connections < 1 || max_connections > kMaxConnectionsLimit) {
       throw std::runtime_error("maxConnections must be between 1 and " + std::to_string(kMaxConnectionsLimit));
@@ -141,14 +148,14 @@ int Main() {
     auto localizer = std::make_shared<Lumen::L10n::Localizer>("en_US", &AttestApi::Errors::LookupMessage);
     // Service implementations are bound here as they are built (hook: services).
     AttestApi::ServiceImpls services;
-    services.status = std::make_shared<AttestApi::StatusImpl>();
-    services.tpm2_settings = std::make_shared<AttestApi::Tpm2SettingsImpl>();
-    services.endorsement_keys = std::make_shared<AttestApi::EndorsementKeysImpl>();
-    services.ca_certificates = std::make_shared<AttestApi::CaCertificatesImpl>();
-    services.certificate = std::make_shared<AttestApi::CertificateImpl>();
-    services.base_images = std::make_shared<AttestApi::BaseImagesImpl>();
-    services.raw_config = std::make_shared<AttestApi::RawConfigImpl>();
-    services.report = std::make_shared<AttestApi::ReportImpl>(Tpm2::Attestation::Get());
+    services.status = std::make_shared<AttestApi::StatusImpl>(trust, images, conditions);
+    services.tpm2_settings = std::make_shared<AttestApi::Tpm2SettingsImpl>(trust);
+    services.endorsement_keys = std::make_shared<AttestApi::EndorsementKeysImpl>(trust);
+    services.ca_certificates = std::make_shared<AttestApi::CaCertificatesImpl>(trust);
+    services.certificate = std::make_shared<AttestApi::CertificateImpl>(signing_keys);
+    services.base_images = std::make_shared<AttestApi::BaseImagesImpl>(images);
+    services.raw_config = std::make_shared<AttestApi::RawConfigImpl>(transfer);
+    services.report = std::make_shared<AttestApi::ReportImpl>(trust, sessions, signer);
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);
 

@@ -6,7 +6,6 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
@@ -25,8 +24,6 @@ constexpr const char* kAudience = "orbd";
 constexpr const char* kIssuerSuffix = "/attestation";
 constexpr int64_t kMinValidityMinutes = 420;
 constexpr uint32_t kValiditySpreadMinutes = 60;
-
-std::atomic<int64_t> g_validity_seconds{0};
 
 struct JsonDeleter {
   void operator()(json_t* json) const { json_decref(json); }
@@ -73,12 +70,11 @@ bool SignRs256(EVP_PKEY* key, const std::string& input, std::string& out_signatu
 
 }  // namespace
 
-void SetTokenValiditySeconds(int64_t seconds) {
-  g_validity_seconds.store(seconds);
-}
+TokenSigner::TokenSigner(const Config::SigningKeys& keys, int64_t validity_seconds)
+    : keys_(keys), validity_seconds_(validity_seconds) {}
 
-int64_t TokenValiditySeconds() {
-  int64_t validity = g_validity_seconds.load();
+int64_t TokenSigner::ValiditySeconds() const {
+  int64_t validity = validity_seconds_;
   if (validity == 0) {
     validity = (Random_Fast() % kValiditySpreadMinutes + kMinValidityMinutes) * 60;
   }
@@ -142,37 +138,36 @@ bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, cons
   return true;
 }
 
-bool GenerateDocuments(const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome,
-                       std::vector<SignedDocument>& out_documents) {
-  Config::SigningPkey key = Config::GetSigningPkey();
+std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
+    const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome) const {
+  Config::SigningPkey key = keys_.Current()->pkey;
   if (key == nullptr) {
     Log_Level(kLogError, "Signing key is not configured\n");
-    return false;
+    return std::nullopt;
   }
   int64_t now_us = 0;
   Hostinfo_GetTimeOfDay(&now_us);
   int64_t iat = now_us / 1000000;
-  int64_t exp = iat + TokenValiditySeconds();
+  int64_t exp = iat + ValiditySeconds();
   std::vector<SignedDocument> documents;
   for (int type : types) {
     std::string token;
     if (type == kKmsAuthJwt) {
       if (!CreateJwt(key.get(), iat, exp, true, outcome, token)) {
         Log_Level(kLogError, "Failed to generate KMS_AUTH_JWT\n");
-        return false;
+        return std::nullopt;
       }
     } else if (type == kReportingJwt) {
       if (!CreateJwt(key.get(), iat, exp, false, outcome, token)) {
         Log_Level(kLogError, "Failed to generate REPORTING_JWT\n");
-        return false;
+        return std::nullopt;
       }
     } else {
       continue;
     }
     documents.push_back({type, std::move(token)});
   }
-  out_documents = std::move(documents);
-  return true;
+  return documents;
 }
 
 }  // namespace Witnessd::Document

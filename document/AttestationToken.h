@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "config/SigningKey.h"
 #include "tpm2/Session.h"
 
 typedef struct evp_pkey_st EVP_PKEY;
@@ -22,15 +24,6 @@ struct SignedDocument {
   std::string token;  // compact serialization
 };
 
-// SetTokenValiditySeconds sets the validity of every token made from now
-// on; 0 (the default) draws a random validity per call.
-void SetTokenValiditySeconds(int64_t seconds);
-
-// TokenValiditySeconds gives the configured validity, or, when none is
-// configured, a whole number of minutes from 420 to 479 drawn from the fast
-// random source, so that tokens issued together do not expire together.
-int64_t TokenValiditySeconds();
-
 // CreateJwt signs a token (RS256) with the RSA private key |key|: claims
 // "iat", "exp", "iss" (host name + "/attestation"), "aud" ("orbd") when
 // |with_audience|, "os", "os_version" and "attested_properties" from
@@ -40,10 +33,28 @@ int64_t TokenValiditySeconds();
 bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
                std::string& out_token);
 
-// GenerateDocuments makes one token per known type in |types|, in order,
-// all with the same "iat" (now) and "exp"; unknown types are skipped. False
-// (logged) when the signing key is missing or a token cannot be made.
-bool GenerateDocuments(const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome,
-                       std::vector<SignedDocument>& out_documents);
+// The token signer: the report-signing key and the token validity, owned
+// by the daemon and passed to the Report service.
+class TokenSigner {
+ public:
+  // |validity_seconds| 0 draws a random validity per call.
+  TokenSigner(const Config::SigningKeys& keys, int64_t validity_seconds);
+
+  // ValiditySeconds gives the configured validity, or, when none is
+  // configured, a whole number of minutes from 420 to 479 drawn from the fast
+  // random source, so that tokens issued together do not expire together.
+  int64_t ValiditySeconds() const;
+
+  // GenerateDocuments makes one token per known type in |types|, in order,
+  // all with the same "iat" (now) and "exp"; unknown types are skipped.
+  // nullopt (logged) when the signing key is missing or a token cannot be
+  // made.
+  std::optional<std::vector<SignedDocument>> GenerateDocuments(const std::vector<int>& types,
+                                                               const Tpm2::AttestationOutcome& outcome) const;
+
+ private:
+  const Config::SigningKeys& keys_;
+  const int64_t validity_seconds_;
+};
 
 }  // namespace Witnessd::Document

@@ -7,7 +7,6 @@
 #include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/System.h"
-#include "platform/ssl/SslUtils.h"
 #include "platform/tcg/Tpm20Cmd.h"
 #include "tpm2/CredentialProtection.h"
 #include "verify/QuoteVerify.h"
@@ -175,11 +174,11 @@ bool ReadsCoverRequired(const std::vector<Bytes>& selections, const std::vector<
 
 }  // namespace
 
-Session::Session(Bytes ek_digest, uint64_t created_us, bool strict_quote_checks)
+Session::Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks)
     : lock_(MXUser_CreateRWLock("tpm2Session", kRankUnranked)),
       created_us_(created_us),
       strict_quote_checks_(strict_quote_checks),
-      ek_digest_(std::move(ek_digest)),
+      ek_(ek),
       nonce_(kNonceBytes) {
   VERIFY(lock_ != nullptr);
   VERIFY(Random_Crypto(sizeof(id_), &id_));
@@ -228,14 +227,13 @@ SessionResult Session::SetAttestationKey(const Bytes& ak_public, const Bytes& ek
   }
   bool ek_matches = false;
   std::string ek_pem;
-  std::vector<uint8_t> digest;
   if (!Tpm20Cmd::ConvertTpm2PubtoPem(ek_public, ek_pem)) {
     Log_Level(kLogError, "Failed to extract EK public key in PEM format\n");
   } else {
-    Orm::Common::SslUtils::CanonicalizePem(ek_pem);
-    if (!Orm::Common::SslUtils::ComputeHash(ek_pem, digest)) {
+    std::optional<Config::Tpm2::EkId> id = Config::Tpm2::EkIdOf(ek_pem);
+    if (!id) {
       Log_Level(kLogError, "Failed to compute EK public digest\n");
-    } else if (digest != ek_digest_) {
+    } else if (*id != ek_) {
       Log_Level(kLogError, "EK public key digest does not match\n");
     } else {
       ek_matches = true;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config/tpm2/EkId.h"
 #include "platform/MXUser.h"
 #include "platform/tcg/SecurityInfo.h"
 #include "verify/EventLog.h"
@@ -58,13 +59,13 @@ struct ExpectedMeasurements {
 class Session {
  public:
   // Session draws its id and nonce from the cryptographic random source (a
-  // failure there ends the process) and keeps |ek_digest|, the digest of the
-  // EK that opened it. |created_us| is the monotonic time of creation in
+  // failure there ends the process) and keeps |ek|, the identity of the EK
+  // that opened it. |created_us| is the monotonic time of creation in
   // microseconds, from which expiry counts. With |strict_quote_checks| the
   // quote must be the TPM's own attestation over exactly the required PCR
   // selection, and the PCR reads must cover that selection, each PCR once;
   // without, any selection the quote binds is accepted.
-  Session(Bytes ek_digest, uint64_t created_us, bool strict_quote_checks = true);
+  Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks = true);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -72,7 +73,7 @@ class Session {
   // Immutable after construction; readable without the lock.
   uint64_t Id() const { return id_; }
   uint64_t Created() const { return created_us_; }
-  const Bytes& EkDigest() const { return ek_digest_; }
+  const Config::Tpm2::EkId& Ek() const { return ek_; }
 
   // QuoteQualifyingData is the nonce as a marshalled TPM2B_DATA.
   Bytes QuoteQualifyingData() const;
@@ -114,7 +115,7 @@ class Session {
   uint64_t id_ = 0;
   uint64_t created_us_;
   const bool strict_quote_checks_;
-  Bytes ek_digest_;
+  const Config::Tpm2::EkId ek_;
   Bytes credential_secret_;
   Bytes ak_public_;
   Bytes nonce_;

@@ -1,9 +1,6 @@
 #include "transfer/ConfigTransfer.h"
 
-#include "config/SigningKey.h"
-#include "config/tpm2/EndorsementKeys.h"
 #include "config/tpm2/RecordChecks.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "trusted/BaseImageStore.h"
@@ -15,13 +12,8 @@ using namespace Config;
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObjectPtr;
 using HyvConfig::UserConfigView;
-
-std::shared_ptr<HyvConfig::HyvConfigStore> Store() {
-  return ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
-}
 
 // The keys that travel with an export, in export order, and the only keys an
 // import may name. The signing key pair ("certificate") stays on its host and
@@ -118,23 +110,27 @@ std::string CheckImportedRecord(const HyvConfig::ConfigStoreObject& object) {
 
 }  // namespace
 
-void RestoreConfigKey(const std::string& key) {
+ConfigTransfer::ConfigTransfer(Config::Store store, Config::SigningKeys& keys, Config::Tpm2::TrustConfiguration& trust,
+                               Trusted::BaseImageStore& images)
+    : store_(std::move(store)), keys_(keys), trust_(trust), images_(images) {}
+
+void ConfigTransfer::RestoreConfigKey(const std::string& key) {
   try {
-    ConfigStoreObjectPtr object = Store()->GetDesiredUserConfig(MakeId(key), UserConfigView::kAtBoot);
+    ConfigStoreObjectPtr object = store_->GetDesiredUserConfig(MakeId(key), UserConfigView::kAtBoot);
     if (object == nullptr) {
       Log_Level(kLogVerbose, "No configuration key %s\n", key.c_str());
       return;
     }
     Log_Level(kLogInfo, "Restoring configuration key %s\n", key.c_str());
-    Store()->SetBootStatus(object->GetConfigStoreObjectId(), true);
+    store_->SetBootStatus(object->GetConfigStoreObjectId(), true);
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception restoring configuration key %s: %s\n", key.c_str(), e.what());
   }
 }
 
-void RestoreConfigKeyInstances(const std::string& key) {
+void ConfigTransfer::RestoreConfigKeyInstances(const std::string& key) {
   try {
-    auto objects = Store()->GetDesiredUserConfigInstances(MakeId(key), UserConfigView::kAtBoot);
+    auto objects = store_->GetDesiredUserConfigInstances(MakeId(key), UserConfigView::kAtBoot);
     if (objects.empty()) {
       Log_Level(kLogVerbose, "No configuration key %s\n", key.c_str());
       return;
@@ -142,33 +138,33 @@ void RestoreConfigKeyInstances(const std::string& key) {
     for (const ConfigStoreObjectPtr& object : objects) {
       const auto& id = object->GetConfigStoreObjectId();
       Log_Level(kLogInfo, "Restoring configuration key %s instance %s\n", key.c_str(), id.instance_id.c_str());
-      Store()->SetBootStatus(id, true);
+      store_->SetBootStatus(id, true);
     }
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception restoring configuration key %s: %s\n", key.c_str(), e.what());
   }
 }
 
-void RestoreTpm2Config() {
-  RestoreConfigKeyInstances(kKeyCaCertificates);
-  RestoreConfigKeyInstances(kKeyEndorsementKeys);
-  RestoreConfigKey(kKeyTpm2Settings);
-  MXUser::WriteGuard guard(ConfigLock());
-  Tpm2::LoadEndorsementKeys();
+void ConfigTransfer::RestoreTpm2Config() {
+  trust_.Replace([this] {
+    RestoreConfigKeyInstances(kKeyCaCertificates);
+    RestoreConfigKeyInstances(kKeyEndorsementKeys);
+    RestoreConfigKey(kKeyTpm2Settings);
+    return ConfigResult::kConfigOk;
+  });
 }
 
-void InitConfiguration() {
-  EnsureSigningKey();
+void ConfigTransfer::Restore() {
+  keys_.Ensure();
   RestoreTpm2Config();
   RestoreConfigKeyInstances(kKeyBaseImages);
-  Trusted::InitBaseImageStore();
+  images_.Load();
 }
 
-bool ExportConfiguration(std::string& out_text, std::string& out_hash) {
+bool ConfigTransfer::Export(std::string& out_text, std::string& out_hash) {
   std::string text;
   try {
-    MXUser::ReadGuard guard(ConfigLock());
-    text = Store()->Export(ExportedKeyFilters());
+    text = store_->Export(ExportedKeyFilters());
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception exporting configuration from configstore: %s\n", e.what());
     return false;
@@ -183,25 +179,28 @@ bool ExportConfiguration(std::string& out_text, std::string& out_hash) {
   return true;
 }
 
-ConfigResult ImportConfiguration(const std::string& text) {
-  MXUser::WriteGuard guard(ConfigLock());
-  std::vector<HyvConfig::ErrorInfo> errors;
-  bool imported = false;
-  try {
-    imported = Store()->Import(text, ExportedKeyFilters(), CheckImportedRecord, errors);
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception importing configuration into configstore: %s\n", e.what());
+ConfigResult ConfigTransfer::Import(const std::string& text) {
+  ConfigResult result = trust_.Replace([&] {
+    std::vector<HyvConfig::ErrorInfo> errors;
+    bool imported = false;
+    try {
+      imported = store_->Import(text, ExportedKeyFilters(), CheckImportedRecord, errors);
+    } catch (const HostCtlException& e) {
+      Log_Level(kLogError, "Exception importing configuration into configstore: %s\n", e.what());
+    }
+    for (const HyvConfig::ErrorInfo& error : errors) {
+      Log_Level(kLogError, "Import refused: %s: %s\n", error.item.c_str(), error.message.c_str());
+    }
+    if (!imported) {
+      Log_Level(kLogError, "Failed to import configuration\n");
+      return ConfigResult::kConfigError;
+    }
+    return ConfigResult::kConfigOk;
+  });
+  if (result == ConfigResult::kConfigOk) {
+    images_.ClearCache();
   }
-  for (const HyvConfig::ErrorInfo& error : errors) {
-    Log_Level(kLogError, "Import refused: %s: %s\n", error.item.c_str(), error.message.c_str());
-  }
-  if (!imported) {
-    Log_Level(kLogError, "Failed to import configuration\n");
-    return ConfigResult::kConfigError;
-  }
-  Tpm2::LoadEndorsementKeys();
-  Trusted::ClearBaseImageCache();
-  return ConfigResult::kConfigOk;
+  return result;
 }
 
 }  // namespace Witnessd::Transfer

@@ -225,8 +225,6 @@ namespace {
 // The record's checks are assertions of the audit context itself.
 constexpr const char* kSourcePath = "api/AuditContext";
 
-std::atomic<int> g_audit_switch{static_cast<int>(AuditSwitch::State::kUnknown)};
-
 std::string Get(const std::map<std::string, std::string>& record, const std::string& key) {
   auto it = record.find(key);
   return it == record.end() ? std::string() : it->second;
@@ -259,20 +257,7 @@ void WriteEvent(QrwAuditRefusalLog& log, const std::string& event_id, const std:
 
 }  // namespace
 
-AuditSwitch::State AuditSwitch::Decide(const std::string& path) {
-  int expected = static_cast<int>(State::kUnknown);
-  int decided = static_cast<int>(access(path.c_str(), F_OK) == 0 ? State::kEnabled : State::kDisabled);
-  g_audit_switch.compare_exchange_strong(expected, decided);
-  return Get();
-}
-
-AuditSwitch::State AuditSwitch::Get() {
-  return static_cast<State>(g_audit_switch.load());
-}
-
-void AuditSwitch::ResetForTesting() {
-  g_audit_switch.store(static_cast<int>(State::kUnknown));
-}
+AuditObserver::AuditObserver(const std::string& switch_path) : enabled_(access(switch_path.c_str(), F_OK) == 0) {}
 
 void AuditObserver::OnCallStart(const Request& request) {
   auto& record = request.ctx->audit;
@@ -288,7 +273,7 @@ void AuditObserver::OnCallEnd(const Request& request, const MethodResult& result
     record["subject"] = request.ctx->identity->username;
   }
   record["result"] = result.error ? "false" : "true";
-  bool enabled = AuditSwitch::Get() == AuditSwitch::State::kEnabled;
+  bool enabled = enabled_;
   VERIFY(record.count("eventID") == 1);
   refusals_.Flush();
   if (enabled) {

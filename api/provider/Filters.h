@@ -148,27 +148,22 @@ namespace Witnessd::AttestApi {
 
 inline constexpr const char* kAuditSwitchPath = "/var/run/quarro/AuditApiCallEnabled";
 
-// AuditSwitch is the process-wide decision whether API calls are audited:
-// unknown until Decide, then fixed for the life of the process.
-class AuditSwitch {
- public:
-  enum class State { kUnknown, kEnabled, kDisabled };
-  // Decide sets the switch from whether |path| exists, unless already decided.
-  static State Decide(const std::string& path);
-  static State Get();
-  static void ResetForTesting();
-};
-
 // AuditObserver fills each call's audit record and writes the "api.call"
 // entry when auditing is enabled, and the authentication and authorization
 // entries the filters left. Those refusals are written through a refusal log,
 // which caps them a second and reports the excess at the end of a later call.
 class AuditObserver : public Lumen::Observer::CallObserver {
  public:
+  // Auditing of API calls is decided once, when the provider is assembled:
+  // enabled when |switch_path| exists then.
+  explicit AuditObserver(const std::string& switch_path);
+  bool Enabled() const { return enabled_; }
+
   void OnCallStart(const Lumen::Provider::Request& request) override;
   void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result) override;
 
  private:
+  const bool enabled_;
   QrwAuditRefusalLog refusals_;
 };
 

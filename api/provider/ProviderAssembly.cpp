@@ -113,8 +113,7 @@ std::shared_ptr<Lumen::Provider::ApiProvider> AssembleProvider(
   auto registrar = std::make_shared<Lumen::Observer::CallRegistrar>(authn_filter);
   auto op_ids = std::make_shared<Orm::Common::HearthLumen::OpIdProvider>(registrar, logger);
 
-  AuditSwitch::Decide(files.audit_switch);
-  registrar->Register(std::make_shared<AuditObserver>());
+  registrar->Register(std::make_shared<AuditObserver>(files.audit_switch));
   registrar->Register(std::make_shared<TrafficObserver>(std::move(traffic), std::move(errors)));
 
   if (localizer) {

@@ -2,7 +2,6 @@
 
 #include "api/errors/ErrorCatalogue.h"
 #include "api/services/ConfigOutcome.h"
-#include "config/tpm2/CaCertificates.h"
 #include "config/tpm2/RecordChecks.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
@@ -24,7 +23,7 @@ std::optional<Lumen::StdError> CheckName(const std::string& name) {
 // ChainIsValid establishes that the chain's members are CA certificates, as
 // every stored chain's are, and that they verify up to a configured CA or to
 // a root of their own. The caller has refused an empty chain.
-bool ChainIsValid(const std::vector<std::string>& certificates) {
+bool ChainIsValid(const Config::Tpm2::TrustSnapshot& trust, const std::vector<std::string>& certificates) {
   Config::Tpm2::CaChainCheck check = Config::Tpm2::CheckCaChainMembers(certificates);
   switch (check.fault) {
     case Config::Tpm2::CaChainFault::kNone:
@@ -36,19 +35,18 @@ bool ChainIsValid(const std::vector<std::string>& certificates) {
     case Config::Tpm2::CaChainFault::kNotCa:
       return false;
   }
-  Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
-  if (cas == nullptr) {
+  if (trust.cas == nullptr) {
     Log_Level(kLogError, "Unable to get all configured CA certificates\n");
     return false;
   }
-  return SslUtils::ValidateCertChain(certificates, *cas, true);
+  return SslUtils::ValidateCertChain(certificates, trust.ca_certificates, true);
 }
 
 }  // namespace
 
 void CaCertificatesImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> names;
-  ConfigResult result = Config::Tpm2::ListCaCertificates(names);
+  ConfigResult result = trust_.ListCaCertificates(names);
   done(ListOutcome<Summary>(result, std::move(names)));
 }
 
@@ -58,7 +56,7 @@ void CaCertificatesImpl::Get(const std::string& name, Callback<Info> done) {
     return;
   }
   Info info{name, {}};
-  ConfigResult result = Config::Tpm2::GetCaCertificates(name, info.certificates);
+  ConfigResult result = trust_.GetCaCertificates(name, info.certificates);
   done(ReadOutcome(result, std::move(info), Errors::kCaCertificatesInvalidData));
 }
 
@@ -72,13 +70,13 @@ void CaCertificatesImpl::Create(const CreateSpec& args, Callback<Lumen::Void> do
     done(Errors::InvalidArgument(Errors::kCaCertificatesEmptyCerts));
     return;
   }
-  if (!ChainIsValid(args.certificates)) {
+  if (!ChainIsValid(*trust_.Snapshot(), args.certificates)) {
     Log_Level(kLogError, "CA Certificate '%s' validation failed\n", args.name.c_str());
     done(Errors::InvalidArgument(Errors::kCaCertificatesInvalidChain));
     return;
   }
   // Stored as received; reads give the standardized form.
-  done(CreateOutcome(Config::Tpm2::AddCaCertificates(args.name, args.certificates),
+  done(CreateOutcome(trust_.AddCaCertificates(args.name, args.certificates),
                      Errors::kCaCertificatesAlreadyExists, args.name));
 }
 
@@ -87,7 +85,7 @@ void CaCertificatesImpl::Delete(const std::string& name, Callback<Lumen::Void> d
     done(std::move(*error));
     return;
   }
-  done(DeleteOutcome(Config::Tpm2::DeleteCaCertificates(name)));
+  done(DeleteOutcome(trust_.DeleteCaCertificates(name)));
 }
 
 }  // namespace Witnessd::AttestApi

@@ -1,13 +1,13 @@
 #include "api/services/CertificateImpl.h"
 
-#include "config/SigningKey.h"
 #include "platform/Log.h"
 
 namespace Witnessd::AttestApi {
 
 void CertificateImpl::Get(Callback<Info> done) {
   Info info;
-  if (!Config::GetSigningCertificate(info.certificate)) {
+  info.certificate = keys_.Current()->certificate;
+  if (info.certificate.empty()) {
     done(Com::Quarro::Lumen::Std::Errors::Error());
     return;
   }

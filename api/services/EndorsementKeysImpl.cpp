@@ -2,10 +2,8 @@
 
 #include "api/errors/ErrorCatalogue.h"
 #include "api/services/ConfigOutcome.h"
-#include "config/tpm2/CaCertificates.h"
-#include "config/tpm2/EndorsementKeys.h"
+#include "config/tpm2/EkIdentification.h"
 #include "config/tpm2/RecordChecks.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 
@@ -23,7 +21,8 @@ constexpr const char* kCertEnd = "-----END CERTIFICATE-----";
 // declaration: standard PEM, chained to a configured CA when the settings
 // require it, and matching |public_key| when one is given too. It gives the
 // key to store.
-std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::string certificate,
+std::optional<Lumen::StdError> KeyFromCertificate(const Config::Tpm2::TrustSnapshot& trust, const std::string& name,
+                                                  std::string certificate,
                                                   const std::optional<std::string>& public_key, std::string& out_key) {
   if (certificate.empty()) {
     Log_Level(kLogError, "EK Certificate '%s' is empty\n", name.c_str());
@@ -33,29 +32,22 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
     Log_Level(kLogError, "Unable to standardize the Endorsement Key certificate\n");
     return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
   }
-  bool require_eks = false;
-  bool require_validation = false;
-  if (Config::Tpm2::GetTpm2Settings(require_eks, require_validation) != ConfigResult::kConfigOk) {
-    Log_Level(kLogError, "Unable to get Tpm2 settings for Endorsement Key certificate validation\n");
-    return StdErrors::Error();
+  if (!trust.require_certificate_validation) {
+    Log_Level(kLogVerbose, "No certificate validation requested in Tpm2 settings\n");
+  } else if (trust.cas == nullptr) {
+    Log_Level(kLogError, "Unable to get all configured CA certificates\n");
+    return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
   }
-  if (require_validation) {
-    Config::Tpm2::CaCertList cas = Config::Tpm2::GetAllCaCertificates();
-    if (cas == nullptr) {
-      Log_Level(kLogError, "Unable to get all configured CA certificates\n");
-      return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
-    }
-    if (!SslUtils::ValidateCertChain({certificate}, *cas, false)) {
+  switch (Config::Tpm2::CertificateEkKey(trust, certificate, out_key)) {
+    case Config::Tpm2::EkVerdict::kTrusted:
+      break;
+    case Config::Tpm2::EkVerdict::kUnknownCa:
       Log_Level(kLogError, "Endorsement Key certificate validation failed for '%s'\n", name.c_str());
       return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
-    }
-  } else {
-    Log_Level(kLogVerbose, "No certificate validation requested in Tpm2 settings\n");
-  }
-  if (!SslUtils::ExtractKeyFromCert(certificate, out_key)) {
-    Log_Level(kLogError, "Unable to extract the public key of the Endorsement Key certificate for '%s'\n",
-              name.c_str());
-    return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
+    default:
+      Log_Level(kLogError, "Unable to extract the public key of the Endorsement Key certificate for '%s'\n",
+                name.c_str());
+      return Errors::InvalidArgument(Errors::kEndorsementKeysInvalidCert);
   }
   if (public_key) {
     std::string key = *public_key;
@@ -75,7 +67,7 @@ std::optional<Lumen::StdError> KeyFromCertificate(const std::string& name, std::
 
 void EndorsementKeysImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> names;
-  ConfigResult result = Config::Tpm2::ListEndorsementKeys(names);
+  ConfigResult result = trust_.ListEndorsementKeys(names);
   done(ListOutcome<Summary>(result, std::move(names)));
 }
 
@@ -85,7 +77,7 @@ void EndorsementKeysImpl::Get(const std::string& name, Callback<Info> done) {
     return;
   }
   Info info{name, ""};
-  ConfigResult result = Config::Tpm2::GetEndorsementKey(name, info.public_key);
+  ConfigResult result = trust_.GetEndorsementKey(name, info.public_key);
   done(ReadOutcome(result, std::move(info), Errors::kEndorsementKeysInvalidData));
 }
 
@@ -108,11 +100,11 @@ void EndorsementKeysImpl::Create(const CreateSpec& args, Callback<Lumen::Void> d
       return;
     }
     key = std::move(*standard);
-  } else if (auto error = KeyFromCertificate(args.name, *args.certificate, args.public_key, key)) {
+  } else if (auto error = KeyFromCertificate(*trust_.Snapshot(), args.name, *args.certificate, args.public_key, key)) {
     done(std::move(*error));
     return;
   }
-  done(CreateOutcome(Config::Tpm2::AddEndorsementKey(args.name, key), Errors::kEndorsementKeysAlreadyExists,
+  done(CreateOutcome(trust_.AddEndorsementKey(args.name, key), Errors::kEndorsementKeysAlreadyExists,
                      args.name, Errors::kEndorsementKeysAlreadyExistsEk));
 }
 
@@ -121,7 +113,7 @@ void EndorsementKeysImpl::Delete(const std::string& name, Callback<Lumen::Void> 
     done(Errors::InvalidArgument(Errors::kEndorsementKeysEmptyName));
     return;
   }
-  done(DeleteOutcome(Config::Tpm2::DeleteEndorsementKey(name)));
+  done(DeleteOutcome(trust_.DeleteEndorsementKey(name)));
 }
 
 }  // namespace Witnessd::AttestApi

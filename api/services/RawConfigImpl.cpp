@@ -15,7 +15,7 @@ void RawConfigImpl::Export(std::optional<InfoType> info_type, Callback<Info> don
   }
   std::string text;
   Info info;
-  if (!Transfer::ExportConfiguration(text, info.hash)) {
+  if (!transfer_.Export(text, info.hash)) {
     done(Errors::Error(Errors::kRawConfigExportFailed));
     return;
   }
@@ -43,7 +43,7 @@ void RawConfigImpl::Import(const std::vector<uint8_t>& config, Callback<Lumen::V
     done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }
-  if (Transfer::ImportConfiguration(text) != Config::ConfigResult::kConfigOk) {
+  if (transfer_.Import(text) != Config::ConfigResult::kConfigOk) {
     done(Errors::Error(Errors::kRawConfigImportFailed));
     return;
   }

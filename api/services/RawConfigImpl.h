@@ -4,13 +4,20 @@
 #pragma once
 
 #include "api/services/RawConfigSvc.h"
+#include "transfer/ConfigTransfer.h"
 
 namespace Witnessd::AttestApi {
 
 class RawConfigImpl : public RawConfigSvc {
  public:
+  // |transfer| outlives the service.
+  explicit RawConfigImpl(Transfer::ConfigTransfer& transfer) : transfer_(transfer) {}
+
   void Export(std::optional<InfoType> info_type, Callback<Info> done) override;
   void Import(const std::vector<uint8_t>& config, Callback<Lumen::Void> done) override;
+
+ private:
+  Transfer::ConfigTransfer& transfer_;
 };
 
 }  // namespace Witnessd::AttestApi

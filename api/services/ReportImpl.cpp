@@ -1,18 +1,12 @@
 #include "api/services/ReportImpl.h"
 
-#include <iterator>
-#include <mutex>
-#include <set>
+#include <optional>
 
 #include "api/errors/ErrorCatalogue.h"
-#include "config/tpm2/CaCertificates.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Assert.h"
 #include "document/AttestationToken.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
-#include "platform/ssl/SslUtils.h"
 
 namespace Witnessd::AttestApi {
 namespace {
@@ -21,124 +15,61 @@ constexpr const char* kSourcePath = "apps/witnessd/api/services/ReportImpl";
 
 namespace StdErrors = Com::Quarro::Lumen::Std::Errors;
 namespace Token = Witnessd::Document;
-using Orm::Common::SslUtils;
 using Tpm2::SessionResult;
 
-// EkDigestOf digests the white-space-free |pem|, the form the EK registry
-// and the sessions key EKs by. Empty when hashing fails (logged).
-Config::Tpm2::EkDigest EkDigestOf(const std::string& pem) {
-  std::string canonical = pem;
-  SslUtils::CanonicalizePem(canonical);
-  std::vector<uint8_t> digest;
-  if (!SslUtils::ComputeHash(canonical, digest)) {
-    Log_Level(kLogError, "Failed to compute hash for endorsement key\n");
-    digest.clear();
+using Config::Tpm2::EkVerdict;
+
+// The report errors of the session manager's result codes and of EK
+// identification. Each switch names every value, so the compiler tells when
+// one is missing.
+constexpr const char* ReportErrorId(SessionResult code) {
+  switch (code) {
+    case SessionResult::kSuccess:
+      return nullptr;
+    case SessionResult::kInternalFailure:
+      return Errors::kReportAttestFailed;
+    case SessionResult::kInvalidInput:
+      return Errors::kReportAttestInvalidInput;
+    case SessionResult::kUnknownSession:
+      return Errors::kReportAttestUnknownSession;
+    case SessionResult::kSessionLimit:
+      return Errors::kReportAttestSessionLimit;
+    case SessionResult::kInvalidState:
+      return Errors::kReportAttestInvalidState;
+    case SessionResult::kIncompleteEventLog:
+      return Errors::kReportAttestIncomplete;
+    case SessionResult::kUnknownSoftware:
+      return Errors::kReportAttestUnknownSoftware;
+    case SessionResult::kNoSecureBoot:
+      return Errors::kReportAttestNoSecureBoot;
+    case SessionResult::kVerificationFailed:
+      return Errors::kReportAttestVerifyFailed;
   }
-  return digest;
+  return nullptr;
 }
 
-bool IsConfiguredEk(const Config::Tpm2::EkDigest& digest) {
-  return !digest.empty() && Config::Tpm2::IsEkConfigured(digest);
-}
-
-// Digests of configured EKs whose text has passed ValidatePemKey. Whether a
-// text is a valid key depends only on its white-space-free form, so each
-// configured key is parsed once, not on every Report call; keys that are not
-// configured are not kept, which bounds the set by the registry's history.
-std::mutex g_valid_eks_mutex;
-std::set<Config::Tpm2::EkDigest> g_valid_eks;
-
-bool IsKnownValidEk(const Config::Tpm2::EkDigest& digest) {
-  std::lock_guard<std::mutex> lock(g_valid_eks_mutex);
-  return g_valid_eks.count(digest) != 0;
-}
-
-void RememberValidEk(const Config::Tpm2::EkDigest& digest) {
-  std::lock_guard<std::mutex> lock(g_valid_eks_mutex);
-  g_valid_eks.insert(digest);
-}
-
-// IdentifyEk establishes, from the TPM settings, that the host's EK is one
-// this daemon trusts: a configured key, a certificate that chains to a
-// configured CA, or both, as the settings require. |out_ek_pem| is the EK
-// public key the host presented, as soon as it is known (also when it is
-// then refused); on success it is the key to attest with. |certificates|
-// keeps what presented certificates showed.
-std::optional<Lumen::StdError> IdentifyEk(const ReportSvc::Ek& ek, Config::Tpm2::EkCertificateCache& certificates,
-                                          std::string& out_ek_pem) {
-  bool require_eks = false;
-  bool require_validation = false;
-  if (Config::Tpm2::GetTpm2Settings(require_eks, require_validation) != Config::ConfigResult::kConfigOk) {
-    Log_Level(kLogError, "Unable to get Tpm2 settings\n");
-    return StdErrors::Error();
-  }
-  if (!require_eks && !require_validation) {
-    Log_Level(kLogError, "Tpm2 settings Endorsement Key and EK Certificate validation unset\n");
-    return StdErrors::Error();
-  }
-  if (ek.public_key) {
-    out_ek_pem = *ek.public_key;
-  }
-  if (ek.public_key && require_validation) {
-    Log_Level(kLogError, "EK public key provided when EK certificate required\n");
-    return Errors::Error(Errors::kReportTpmCertRequired);
-  }
-  if (ek.certificate) {
-    // The chain is checked only when validation is required; without a
-    // store the certificate is only parsed for its key.
-    Orm::Common::TrustStore cas = require_validation ? Config::Tpm2::GetCaTrustStore() : nullptr;
-    std::optional<Orm::Common::EkCertCheck> presented = certificates.Check(*ek.certificate, cas);
-    if (!presented) {
-      Log_Level(kLogError, "Invalid EK certificate format\n");
-      return StdErrors::InvalidArgument({});
-    }
-    const std::string& key = presented->key;
-    out_ek_pem = key;
-    if (require_validation) {
-      if (cas == nullptr) {
-        Log_Level(kLogError, "Error getting all configured CA certificates for EK validation\n");
-      }
-      if (cas == nullptr || !presented->chains) {
-        Log_Level(kLogError, "Failed to validate EK certificate with configured CAs\n");
-        return Errors::Error(Errors::kReportUnknownTpmCa);
-      }
-    }
-    if (require_eks && !IsConfiguredEk(EkDigestOf(key))) {
-      Log_Level(kLogError, "Failed to validate EK certificate with configured EKs\n");
-      return Errors::Error(Errors::kReportUnknownTpm);
-    }
-    return std::nullopt;
-  }
-  Config::Tpm2::EkDigest digest = EkDigestOf(*ek.public_key);
-  bool configured = IsConfiguredEk(digest);
-  if (configured && IsKnownValidEk(digest)) {
-    return std::nullopt;
-  }
-  if (!SslUtils::ValidatePemKey(*ek.public_key)) {
-    Log_Level(kLogError, "Invalid EK public key format\n");
-    return StdErrors::InvalidArgument({});
-  }
-  if (!configured) {
-    Log_Level(kLogError, "Failed to validate EK Pub with configured EKs\n");
-    return Errors::Error(Errors::kReportUnknownTpm);
-  }
-  RememberValidEk(digest);
-  return std::nullopt;
-}
-
-// The report errors of the session manager's result codes 1 to 9.
-constexpr const char* kReportErrorIds[] = {
-    nullptr,
-    Errors::kReportAttestFailed,
-    Errors::kReportAttestInvalidInput,
-    Errors::kReportAttestUnknownSession,
-    Errors::kReportAttestSessionLimit,
-    Errors::kReportAttestInvalidState,
-    Errors::kReportAttestIncomplete,
-    Errors::kReportAttestUnknownSoftware,
-    Errors::kReportAttestNoSecureBoot,
-    Errors::kReportAttestVerifyFailed,
+constexpr SessionResult kSessionFailures[] = {
+    SessionResult::kInternalFailure,   SessionResult::kInvalidInput,       SessionResult::kUnknownSession,
+    SessionResult::kSessionLimit,      SessionResult::kInvalidState,       SessionResult::kIncompleteEventLog,
+    SessionResult::kUnknownSoftware,   SessionResult::kNoSecureBoot,       SessionResult::kVerificationFailed,
 };
+
+Lumen::StdError IdentificationError(EkVerdict verdict) {
+  switch (verdict) {
+    case EkVerdict::kTrusted:
+    case EkVerdict::kSettingsUnset:
+      return StdErrors::Error();
+    case EkVerdict::kInvalid:
+      return StdErrors::InvalidArgument({});
+    case EkVerdict::kCertificateRequired:
+      return Errors::Error(Errors::kReportTpmCertRequired);
+    case EkVerdict::kUnknownCa:
+      return Errors::Error(Errors::kReportUnknownTpmCa);
+    case EkVerdict::kUnknownTpm:
+      return Errors::Error(Errors::kReportUnknownTpm);
+  }
+  return StdErrors::Error();
+}
 
 // The outcome of a session the session manager ended, before its caller
 // had activated the credential, to admit a newer one.
@@ -166,7 +97,9 @@ void CountAttestation(const Lumen::StdError* error) {
 
 }  // namespace
 
-ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
+ReportImpl::ReportImpl(const Config::Tpm2::TrustConfiguration& trust, Tpm2::SessionManager& sessions,
+                       const Witnessd::Document::TokenSigner& signer)
+    : trust_(trust), sessions_(sessions), signer_(signer) {
   // Every outcome an attestation can end with is listed from the start, at
   // zero, so that a rate over it needs no first occurrence.
   Attestations("success");
@@ -174,17 +107,17 @@ ReportImpl::ReportImpl(Tpm2::Attestation* sessions) : sessions_(sessions) {
   for (const char* id : {Errors::kReportUnknownTpm, Errors::kReportUnknownTpmCa, Errors::kReportTpmCertRequired}) {
     Attestations(OutcomeOf(id));
   }
-  for (size_t i = 1; i < std::size(kReportErrorIds); ++i) {
-    Attestations(OutcomeOf(kReportErrorIds[i]));
+  for (SessionResult code : kSessionFailures) {
+    Attestations(OutcomeOf(ReportErrorId(code)));
   }
 }
 
 Lumen::StdError ReportImpl::ReportError(SessionResult code) {
-  int index = static_cast<int>(code);
-  if (index < 1 || index > 9) {
+  const char* id = ReportErrorId(code);
+  if (id == nullptr) {
     NOT_REACHED();
   }
-  return Errors::Error(kReportErrorIds[index]);
+  return Errors::Error(id);
 }
 
 void ReportImpl::Create(const Request& request, Callback<Result> done) {
@@ -228,21 +161,27 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   if (!tpm.contexts.empty()) {
     context = tpm.contexts[0];
   }
-  std::string ek_pem;
-  if (std::optional<Lumen::StdError> error = IdentifyEk(tpm.ek, certificates_, ek_pem)) {
+  // One snapshot of the trust configuration for the whole call.
+  Config::Tpm2::TrustSnapshotPtr trust = trust_.Snapshot();
+  Config::Tpm2::PresentedEk presented;
+  presented.public_key = tpm.ek.public_key ? &*tpm.ek.public_key : nullptr;
+  presented.certificate = tpm.ek.certificate ? &*tpm.ek.certificate : nullptr;
+  Config::Tpm2::EkIdentity ek = Config::Tpm2::IdentifyEk(*trust, presented, certificates_);
+  if (ek.verdict != EkVerdict::kTrusted) {
     Log_Level(kLogError, "Invalid Tpm2 identifier\n");
     // A host whose EK is no longer trusted (settings, EKs or CAs changed
     // under it) cannot finish its session: end it now rather than let it
     // hold the EK's session slot until it expires.
-    if (context && !ek_pem.empty()) {
-      sessions_->EndRefusedSession(ek_pem, *context);
+    if (context && ek.id) {
+      sessions_.EndRefusedSession(*ek.id, *context);
     }
-    CountAttestation(&*error);
-    done(std::move(*error));
+    Lumen::StdError error = IdentificationError(ek.verdict);
+    CountAttestation(&error);
+    done(std::move(error));
     return;
   }
 
-  Tpm2::ProcessResult turn = sessions_->ProcessRequest(ek_pem, context);
+  Tpm2::ProcessResult turn = sessions_.ProcessRequest(*ek.id, context);
   if (turn.evicted != 0) {
     Attestations(kEvictedOutcome).Increment(turn.evicted);
   }
@@ -259,8 +198,8 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
     done(std::move(result));
     return;
   }
-  std::vector<Token::SignedDocument> signed_documents;
-  if (!Token::GenerateDocuments(types, turn.outcome, signed_documents)) {
+  std::optional<std::vector<Token::SignedDocument>> signed_documents = signer_.GenerateDocuments(types, turn.outcome);
+  if (!signed_documents) {
     Lumen::StdError error = StdErrors::Error();
     CountAttestation(&error);
     done(std::move(error));
@@ -268,7 +207,7 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
   }
   CountAttestation(nullptr);
   std::vector<ReportSvc::Document> documents;
-  for (Token::SignedDocument& d : signed_documents) {
+  for (Token::SignedDocument& d : *signed_documents) {
     documents.push_back({d.type == Token::kKmsAuthJwt ? DocumentType::kKmsAuthJwt : DocumentType::kReportingJwt,
                          std::move(d.token)});
   }

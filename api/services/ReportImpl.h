@@ -1,28 +1,35 @@
-// The Report service: vets the attested host's EK against the TPM settings,
-// the configured EKs and CA chains, runs one turn of the attestation
-// conversation and answers with the next context or the signed documents.
+// The Report service: checks the shape of a report request, has the host's
+// EK identified against one snapshot of the trust configuration, runs one
+// turn of the attestation conversation and answers with the next context or
+// the signed documents.
 #pragma once
 
 #include "api/services/ReportSvc.h"
 #include "config/tpm2/EkCertificateCache.h"
-#include "tpm2/Attestation.h"
+#include "config/tpm2/EkIdentification.h"
+#include "config/tpm2/TrustConfiguration.h"
+#include "document/AttestationToken.h"
+#include "tpm2/SessionManager.h"
 
 namespace Witnessd::AttestApi {
 
 class ReportImpl : public ReportSvc {
  public:
-  // |sessions| is the session manager; it outlives the service. Registers
-  // the attestation outcome counters.
-  explicit ReportImpl(Tpm2::Attestation* sessions);
+  // The trust configuration, the session manager and the token signer
+  // outlive the service. Registers the attestation outcome counters.
+  ReportImpl(const Config::Tpm2::TrustConfiguration& trust, Tpm2::SessionManager& sessions,
+             const Witnessd::Document::TokenSigner& signer);
 
   void Create(const Request& request, Callback<Result> done) override;
 
   // ReportError is the API error for a failed turn of the conversation
-  // (codes 1 to 9 of the session manager).
+  // (every code of the session manager but kSuccess).
   static Lumen::StdError ReportError(Tpm2::SessionResult code);
 
  private:
-  Tpm2::Attestation* sessions_;
+  const Config::Tpm2::TrustConfiguration& trust_;
+  Tpm2::SessionManager& sessions_;
+  const Witnessd::Document::TokenSigner& signer_;
   Config::Tpm2::EkCertificateCache certificates_;  // what presented EK certificates showed
 };
 

@@ -1,10 +1,6 @@
 #include "api/services/StatusImpl.h"
 
 #include "api/errors/ErrorCatalogue.h"
-#include "config/Configuration.h"
-#include "config/tpm2/CaCertificates.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/ssl/SslUtils.h"
 #include "trusted/BaseImageStore.h"
 
@@ -26,36 +22,35 @@ constexpr const char* kConditionIds[kNumStatusConditions] = {
 }  // namespace
 
 void StatusImpl::Get(Callback<Info> done) {
-  bool require_eks = false;
-  bool require_validation = false;
-  Tpm2::GetTpm2Settings(require_eks, require_validation);
+  Tpm2::TrustSnapshotPtr trust = trust_.Snapshot();
+  const bool require_eks = trust->require_endorsement_keys;
+  const bool require_validation = trust->require_certificate_validation;
 
-  SetStatusCondition(kStatusInvalidTpm2Settings, !require_eks && !require_validation);
+  conditions_.Set(kStatusInvalidTpm2Settings, !require_eks && !require_validation);
 
-  SetStatusCondition(kStatusTpmCaUnset, false);
-  SetStatusCondition(kStatusTpmDupCa, false);
+  conditions_.Set(kStatusTpmCaUnset, false);
+  conditions_.Set(kStatusTpmDupCa, false);
   if (require_validation) {
-    Tpm2::CaCertList cas = Tpm2::GetAllCaCertificates();
-    if (cas == nullptr || cas->empty()) {
-      SetStatusCondition(kStatusTpmCaUnset, true);
-    } else if (!Orm::Common::SslUtils::CheckNoCaCertDups(*cas)) {
-      SetStatusCondition(kStatusTpmDupCa, true);
+    if (trust->cas == nullptr || trust->ca_certificates.empty()) {
+      conditions_.Set(kStatusTpmCaUnset, true);
+    } else if (!Orm::Common::SslUtils::CheckNoCaCertDups(trust->ca_certificates)) {
+      conditions_.Set(kStatusTpmDupCa, true);
     }
   }
 
-  SetStatusCondition(kStatusTpmEkUnset, false);
+  conditions_.Set(kStatusTpmEkUnset, false);
   if (require_eks) {
     std::vector<std::string> names;
-    Tpm2::ListEndorsementKeys(names);
-    SetStatusCondition(kStatusTpmEkUnset, names.empty());
+    trust_.ListEndorsementKeys(names);
+    conditions_.Set(kStatusTpmEkUnset, names.empty());
   }
 
   std::vector<std::string> versions;
-  Trusted::ListBaseImages(versions);
-  SetStatusCondition(kStatusTrustedSoftwareUnset, versions.empty());
+  images_.List(versions);
+  conditions_.Set(kStatusTrustedSoftwareUnset, versions.empty());
 
   Info info;
-  for (int index : GetStatusConditions()) {
+  for (int index : conditions_.Get()) {
     if (index >= 0 && index < kNumStatusConditions) {
       info.messages.push_back(Errors::MakeMessage(kConditionIds[index]));
     }

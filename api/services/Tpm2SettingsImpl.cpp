@@ -1,7 +1,6 @@
 #include "api/services/Tpm2SettingsImpl.h"
 
 #include "api/errors/ErrorCatalogue.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Log.h"
 
 namespace Witnessd::AttestApi {
@@ -10,7 +9,9 @@ using Config::ConfigResult;
 
 void Tpm2SettingsImpl::Get(Callback<Info> done) {
   Info info;
-  Config::Tpm2::GetTpm2Settings(info.require_endorsement_keys, info.require_certificate_validation);
+  Config::Tpm2::TrustSnapshotPtr trust = trust_.Snapshot();
+  info.require_endorsement_keys = trust->require_endorsement_keys;
+  info.require_certificate_validation = trust->require_certificate_validation;
   done(info);
 }
 
@@ -20,7 +21,7 @@ void Tpm2SettingsImpl::Update(const UpdateSpec& args, Callback<Lumen::Void> done
     done(Lumen::Void{});
     return;
   }
-  switch (Config::Tpm2::UpdateTpm2Settings(args.require_endorsement_keys, args.require_certificate_validation)) {
+  switch (trust_.UpdateTpm2Settings(args.require_endorsement_keys, args.require_certificate_validation)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;

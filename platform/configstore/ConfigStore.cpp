@@ -597,29 +597,4 @@ bool HyvConfigStore::Import(const std::string& text, const std::vector<FilterSpe
   return true;
 }
 
-// --- ConfigStore ------------------------------------------------------------
-
-const std::string ConfigStore::sGlobalNamespace = "global";
-
-namespace {
-std::mutex g_store_mutex;
-std::shared_ptr<HyvConfigStore> g_store;
-}  // namespace
-
-std::shared_ptr<HyvConfigStore> ConfigStore::GetStore(const std::string& name_space) {
-  if (name_space != sGlobalNamespace) {
-    throw HostCtlException("unknown configuration store namespace '" + name_space + "'");
-  }
-  std::lock_guard<std::mutex> lock(g_store_mutex);
-  if (g_store == nullptr) {
-    g_store = HyvConfigStore::Open(Hearth::SysrootPath(kDatabasePath));
-  }
-  return g_store;
-}
-
-void ConfigStore::Reset() {
-  std::lock_guard<std::mutex> lock(g_store_mutex);
-  g_store.reset();
-}
-
 }  // namespace HyvConfig

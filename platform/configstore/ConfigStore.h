@@ -203,18 +203,4 @@ class HyvConfigStore {
   int fail_after_ = -1;
 };
 
-// ConfigStore hands out the process-wide store, opening kDatabasePath under
-// the sysroot on first use.
-class ConfigStore {
- public:
-  static const std::string sGlobalNamespace;
-
-  // GetStore returns the store of |name_space|; throws HostCtlException when
-  // it cannot be opened or for an unknown namespace.
-  static std::shared_ptr<HyvConfigStore> GetStore(const std::string& name_space);
-  // Reset closes the process-wide store; the next GetStore opens it again
-  // (tests use it after changing the sysroot).
-  static void Reset();
-};
-
 }  // namespace HyvConfig

@@ -317,19 +317,6 @@ TEST(ConfigStoreOpen, DamagedFilesRefuseToOpen) {
   std::filesystem::remove_all(dir);
 }
 
-TEST(ConfigStoreGlobal, OpensUnderTheSysroot) {
-  std::string dir = TempDir();
-  setenv("WITNESSD_SYSROOT", dir.c_str(), 1);
-  ConfigStore::Reset();
-  auto store = ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
-  EXPECT_EQ(store, ConfigStore::GetStore(ConfigStore::sGlobalNamespace));
-  EXPECT_TRUE(std::filesystem::exists(dir + kDatabasePath));
-  EXPECT_THROW(ConfigStore::GetStore("elsewhere"), HostCtlException);
-  ConfigStore::Reset();
-  unsetenv("WITNESSD_SYSROOT");
-  std::filesystem::remove_all(dir);
-}
-
 // A writer killed at an arbitrary point loses no write that had returned, and
 // leaves a database that passes SQLite's own integrity check.
 TEST(ConfigStoreCrash, KilledWriterKeepsEveryAcknowledgedWrite) {

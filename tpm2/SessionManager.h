@@ -14,8 +14,10 @@
 #include <utility>
 #include <vector>
 
+#include "config/tpm2/EkId.h"
 #include "platform/MXUser.h"
 #include "tpm2/Session.h"
+#include "trusted/BaseImageStore.h"
 
 namespace attestation::proto {
 class Context;
@@ -64,26 +66,25 @@ struct ProcessResult {
   uint32_t evicted = 0;
 };
 
-class Attestation {
+class SessionManager {
  public:
   // Monotonic time in microseconds.
   using Clock = std::function<uint64_t()>;
   static uint64_t SystemClock();
 
-  explicit Attestation(SessionLimits limits, Clock clock = SystemClock);
-  ~Attestation();
-  Attestation(const Attestation&) = delete;
-  Attestation& operator=(const Attestation&) = delete;
+  // |images| gives the trusted measurements of a host's software; it
+  // outlives the manager. Registers the session metrics.
+  SessionManager(SessionLimits limits, Trusted::BaseImageStore& images, Clock clock = SystemClock);
+  ~SessionManager();
+  SessionManager(const SessionManager&) = delete;
+  SessionManager& operator=(const SessionManager&) = delete;
 
-  // Initialize creates the process-wide manager with limits from |settings|
-  // and arms its cleanup and statistics timers on |scheduler|. Called once
+  // Start arms the cleanup and statistics timers on |scheduler|; called once
   // at start-up, before the API serves.
-  static void Initialize(const Hearth::Service::Config& settings, Hearth::Service::Scheduler& scheduler);
-  // Get returns the process-wide manager; null before Initialize.
-  static Attestation* Get();
+  void Start(Hearth::Service::Scheduler& scheduler);
 
-  // ProcessRequest runs one turn of the conversation for the host whose EK
-  // is |ek_pem|. |context| is absent on the first call. On kSuccess either
+  // ProcessRequest runs one turn of the conversation for the host whose EK,
+  // already identified as trusted, is |ek|. |context| is absent on the first call. On kSuccess either
   // done is false and out_context holds the next requests, or done is true
   // and the outcome is set. Any other code is the failure; nothing throws.
   //
@@ -93,12 +94,12 @@ class Attestation {
   // ends the oldest unproven session there (of that EK, or of any EK) to
   // take its place; only proven sessions make it wait (kSessionLimit, or
   // kInternalFailure for a full table).
-  ProcessResult ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context);
+  ProcessResult ProcessRequest(const Config::Tpm2::EkId& ek, const std::optional<Bytes>& context);
 
   // EndRefusedSession ends, as failed, the session that |context| names when
-  // |ek_pem| is that session's EK: for a later call that EK identification
+  // |ek| is that session's EK: for a later call that EK identification
   // refused. Any other call leaves every session as it is.
-  void EndRefusedSession(const std::string& ek_pem, const Bytes& context);
+  void EndRefusedSession(const Config::Tpm2::EkId& ek, const Bytes& context);
 
   // CleanupExpiredSessions removes every session older than the timeout.
   void CleanupExpiredSessions();
@@ -107,17 +108,13 @@ class Attestation {
 
   SessionStatistics Statistics();
   size_t SessionCount();
-  // EkSessionCount is the number of live sessions of the EK whose digest
-  // is |ek_digest| (as EkDigestOf makes it).
-  size_t EkSessionCount(const Bytes& ek_digest);
-  // EkDigestOf digests an EK PEM the way sessions are keyed by it; empty
-  // (logged) when hashing fails.
-  static Bytes EkDigestOf(const std::string& ek_pem);
+  // EkSessionCount is the number of live sessions of |ek|.
+  size_t EkSessionCount(const Config::Tpm2::EkId& ek);
   const SessionLimits& Limits() const { return limits_; }
 
  private:
-  ProcessResult StartSession(const Bytes& ek_digest);
-  ProcessResult ContinueSession(const Bytes& ek_digest, const Bytes& context);
+  ProcessResult StartSession(const Config::Tpm2::EkId& ek);
+  ProcessResult ContinueSession(const Config::Tpm2::EkId& ek, const Bytes& context);
   // Reply serializes |out| as the next context; a failure ends |session|.
   ProcessResult Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session);
   std::shared_ptr<Session> FindSession(uint64_t id);
@@ -153,11 +150,12 @@ class Attestation {
   void ScheduleStatistics(Hearth::Service::Scheduler& scheduler);
 
   const SessionLimits limits_;
+  Trusted::BaseImageStore& images_;
   const Clock clock_;
   MXUserRWLock* table_lock_;
   // Guarded by table_lock_.
   std::unordered_map<uint64_t, Entry> sessions_;
-  std::map<Bytes, EkSessions> ek_sessions_;
+  std::map<Config::Tpm2::EkId, EkSessions> ek_sessions_;
   std::set<std::pair<uint64_t, uint64_t>> unproven_;
   uint64_t next_admission_ = 0;
   MXUserExclLock* stats_lock_;

@@ -1,37 +1,34 @@
-#include "tpm2/Attestation.h"
+#include "tpm2/SessionManager.h"
 
 #include <climits>
 #include <utility>
 
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
 #include "platform/Assert.h"
 #include "platform/Hearth.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/Metrics.h"
 #include "platform/System.h"
-#include "platform/ssl/SslUtils.h"
 #include "tpm2/CredentialProtection.h"
+#include "tpm2/SessionSteps.h"
 #include "tpm2/proto/attestation.pb.h"
 #include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Tpm2 {
 namespace {
 
-constexpr const char* kSourcePath = "apps/witnessd/tpm2/Attestation";
+constexpr const char* kSourcePath = "apps/witnessd/tpm2/SessionManager";
 
 using attestation::proto::Context;
-using Config::ConfigResult;
+using Config::Tpm2::EkId;
+using Config::Tpm2::EkIdHex;
 
 constexpr uint64_t kCleanupIntervalUs = 30ULL * 1000000;
 constexpr uint64_t kStatisticsIntervalUs = 600ULL * 1000000;
 constexpr int64_t kUsPerSecond = 1000000;
 constexpr const char* kSoftwareType = "hyv";
 
-std::unique_ptr<Attestation> g_manager;
-
-// The session metrics; Initialize registers them so that a fresh daemon
+// The session metrics; the constructor registers them so that a fresh daemon
 // lists them at zero.
 Metrics::Gauge& LiveSessions() {
   static Metrics::Gauge& gauge = Metrics::GetGauge("witnessd_attestation_sessions", "Live attestation sessions.");
@@ -72,14 +69,6 @@ ProcessResult Fail(SessionResult code) {
   return r;
 }
 
-Bytes ToBytes(const std::string& s) {
-  return Bytes(s.begin(), s.end());
-}
-
-std::string ToString(const Bytes& b) {
-  return std::string(b.begin(), b.end());
-}
-
 // Serialize writes |context| into |out|, sized to its encoding.
 bool Serialize(const Context& context, Bytes& out) {
   size_t size = context.ByteSizeLong();
@@ -90,120 +79,7 @@ bool Serialize(const Context& context, Bytes& out) {
   return context.SerializeToArray(out.data(), static_cast<int>(size));
 }
 
-// CheckResponses establishes that the message holds exactly one response
-// and that the response carries every field its step reads.
-SessionResult CheckResponses(const Context::Message& m) {
-  if (m.has_create_ak_response() &&
-      (!m.create_ak_response().has_ek_public() || !m.create_ak_response().has_ak_public())) {
-    Log_Level(kLogError, "Invalid create AK response message\n");
-    return SessionResult::kInvalidInput;
-  }
-  if (m.has_activate_ak_response() && !m.activate_ak_response().has_cert_info()) {
-    Log_Level(kLogError, "Invalid activate AK response message\n");
-    return SessionResult::kInvalidInput;
-  }
-  if (m.has_quote_response()) {
-    const auto& q = m.quote_response();
-    if (!q.has_quoted() || !q.has_signature() || q.pcr_read_results_size() == 0) {
-      Log_Level(kLogError, "Invalid quote response message\n");
-      return SessionResult::kInvalidInput;
-    }
-    for (const auto& r : q.pcr_read_results()) {
-      if (!r.has_pcr_selection_out() || !r.has_pcr_values()) {
-        Log_Level(kLogError, "Invalid PCR read result message\n");
-        return SessionResult::kInvalidInput;
-      }
-    }
-  }
-  if (m.has_event_log_response() &&
-      (!m.event_log_response().has_complete() || !m.event_log_response().has_event_log())) {
-    Log_Level(kLogError, "Invalid event log response message\n");
-    return SessionResult::kInvalidInput;
-  }
-  int present = int{m.has_create_ak_response()} + int{m.has_activate_ak_response()} + int{m.has_quote_response()} +
-                int{m.has_event_log_response()};
-  if (present != 1) {
-    Log_Level(kLogError, "Message requires 1 supported type, contains: %d\n", present);
-    return SessionResult::kInvalidInput;
-  }
-  return SessionResult::kSuccess;
-}
-
-// HandleMessage runs the step for the one response of |m| and appends the
-// requests that follow it to |out|; |activated| is set when the step was the
-// credential activation.
-SessionResult HandleMessage(Session& session, const Context::Message& m, Context& out, bool& activated) {
-  SessionResult code;
-  if (m.has_create_ak_response()) {
-    Log_Level(kLogVerbose, "Found create_ak_response message\n");
-    Bytes blob;
-    Bytes secret;
-    code = session.SetAttestationKey(ToBytes(m.create_ak_response().ak_public()),
-                                     ToBytes(m.create_ak_response().ek_public()), blob, secret);
-    if (code != SessionResult::kSuccess) {
-      Log_Level(kLogError, "Failed to set attestation key\n");
-      Log_Level(kLogError, "Failed to handle attestation key creation\n");
-      return code;
-    }
-    auto* request = out.add_messages()->mutable_activate_ak_request();
-    request->set_credential_blob(ToString(blob));
-    request->set_encrypted_secret(ToString(secret));
-  } else if (m.has_activate_ak_response()) {
-    Log_Level(kLogVerbose, "Found activate_ak_response message\n");
-    code = session.ActivateAttestationKey(ToBytes(m.activate_ak_response().cert_info()));
-    if (code != SessionResult::kSuccess) {
-      Log_Level(kLogError, "Failed to activate attestation key\n");
-      Log_Level(kLogError, "Failed to handle attestation key activation\n");
-      return code;
-    }
-    activated = true;
-    auto* quote = out.add_messages()->mutable_quote_request();
-    quote->set_qualifying_data(ToString(session.QuoteQualifyingData()));
-    quote->set_sig_scheme(ToString(QuoteSigScheme()));
-    quote->set_pcr_selection(ToString(RequiredPcrSelection()));
-    out.add_messages()->mutable_event_log_request();
-  } else if (m.has_quote_response()) {
-    Log_Level(kLogVerbose, "Found quote_response message\n");
-    const auto& q = m.quote_response();
-    std::vector<Bytes> selections;
-    std::vector<Bytes> values;
-    for (const auto& r : q.pcr_read_results()) {
-      selections.push_back(ToBytes(r.pcr_selection_out()));
-      values.push_back(ToBytes(r.pcr_values()));
-    }
-    code = session.SetQuote(ToBytes(q.quoted()), ToBytes(q.signature()), selections, values);
-    if (code != SessionResult::kSuccess) {
-      Log_Level(kLogError, "Failed to set quote\n");
-      Log_Level(kLogError, "Failed to handle quote response\n");
-      return code;
-    }
-  } else {
-    Log_Level(kLogVerbose, "Found event_log_response message\n");
-    code = session.SetEventLog(ToBytes(m.event_log_response().event_log()), m.event_log_response().complete());
-    if (code != SessionResult::kSuccess) {
-      Log_Level(kLogError, "Failed to set event log\n");
-      Log_Level(kLogError, "Failed to handle event log response\n");
-      return code;
-    }
-  }
-  return SessionResult::kSuccess;
-}
-
 }  // namespace
-
-Bytes Attestation::EkDigestOf(const std::string& ek_pem) {
-  // Unlike the registry's digest of configured keys, missing PEM marker
-  // lines are not added first: a configured key matches only when its
-  // stored text canonicalises alike.
-  std::string canonical = ek_pem;
-  Orm::Common::SslUtils::CanonicalizePem(canonical);
-  Bytes digest;
-  if (!Orm::Common::SslUtils::ComputeHash(canonical, digest)) {
-    Log_Level(kLogError, "Failed to compute EK public key digest\n");
-    digest.clear();
-  }
-  return digest;
-}
 
 SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings) {
   SessionLimits defaults;
@@ -227,73 +103,55 @@ SessionLimits ReadSessionLimits(const Hearth::Service::Config& settings) {
   return limits;
 }
 
-uint64_t Attestation::SystemClock() {
+uint64_t SessionManager::SystemClock() {
   return Hostinfo_SystemTimerNS() / 1000;
 }
 
-Attestation::Attestation(SessionLimits limits, Clock clock)
+SessionManager::SessionManager(SessionLimits limits, Trusted::BaseImageStore& images, Clock clock)
     : limits_(limits),
+      images_(images),
       clock_(std::move(clock)),
       table_lock_(MXUser_CreateRWLock("tpm2Sessions", kRankUnranked)),
       stats_lock_(MXUser_CreateExclLock("tpm2SessionStats", kRankUnranked)) {
   VERIFY(table_lock_ != nullptr && stats_lock_ != nullptr);
   sessions_.max_load_factor(1.0);
   sessions_.reserve(static_cast<size_t>(limits_.max_sessions));
-}
-
-Attestation::~Attestation() {
-  MXUser_DestroyRWLock(table_lock_);
-  MXUser_DestroyExclLock(stats_lock_);
-}
-
-void Attestation::Initialize(const Hearth::Service::Config& settings, Hearth::Service::Scheduler& scheduler) {
-  g_manager = std::make_unique<Attestation>(ReadSessionLimits(settings));
   LiveSessions();
   PeakSessions();
   SessionSeconds(true);
   SessionSeconds(false);
-  g_manager->ScheduleCleanupExpiredSessions(scheduler);
-  g_manager->ScheduleStatistics(scheduler);
 }
 
-Attestation* Attestation::Get() {
-  return g_manager.get();
+SessionManager::~SessionManager() {
+  MXUser_DestroyRWLock(table_lock_);
+  MXUser_DestroyExclLock(stats_lock_);
 }
 
-void Attestation::ScheduleCleanupExpiredSessions(Hearth::Service::Scheduler& scheduler) {
+void SessionManager::Start(Hearth::Service::Scheduler& scheduler) {
+  ScheduleCleanupExpiredSessions(scheduler);
+  ScheduleStatistics(scheduler);
+}
+
+void SessionManager::ScheduleCleanupExpiredSessions(Hearth::Service::Scheduler& scheduler) {
   scheduler.AddTimer(kCleanupIntervalUs, [this, &scheduler] {
     CleanupExpiredSessions();
     ScheduleCleanupExpiredSessions(scheduler);
   });
 }
 
-void Attestation::ScheduleStatistics(Hearth::Service::Scheduler& scheduler) {
+void SessionManager::ScheduleStatistics(Hearth::Service::Scheduler& scheduler) {
   scheduler.AddTimer(kStatisticsIntervalUs, [this, &scheduler] {
     LogStatistics();
     ScheduleStatistics(scheduler);
   });
 }
 
-ProcessResult Attestation::ProcessRequest(const std::string& ek_pem, const std::optional<Bytes>& context) {
-  Bytes ek_digest = EkDigestOf(ek_pem);
-  if (ek_digest.empty()) {
-    return Fail(SessionResult::kInternalFailure);
-  }
-  return context ? ContinueSession(ek_digest, *context) : StartSession(ek_digest);
+ProcessResult SessionManager::ProcessRequest(const EkId& ek, const std::optional<Bytes>& context) {
+  return context ? ContinueSession(ek, *context) : StartSession(ek);
 }
 
-ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
-  bool require_eks = false;
-  bool require_certs = false;
-  Config::Tpm2::GetTpm2Settings(require_eks, require_certs);
-  // Sessions of an EK that is not configured do not make it one.
-  if (require_eks && !Config::Tpm2::IsEkConfigured(ek_digest)) {
-    Log_Level(kLogError, "Failed to locate EK in public key map\n");
-    Log_Level(kLogError, "Failed to start attestation\n");
-    return Fail(SessionResult::kInternalFailure);
-  }
-
-  auto session = std::make_shared<Session>(ek_digest, clock_(), limits_.strict_quote_checks);
+ProcessResult SessionManager::StartSession(const EkId& ek_id) {
+  auto session = std::make_shared<Session>(ek_id, clock_(), limits_.strict_quote_checks);
   std::vector<std::shared_ptr<Session>> evicted;
   SessionResult refused = SessionResult::kSuccess;
   size_t ek_live = 0;
@@ -306,7 +164,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
     // lock real hosts out at will; so a new session takes the place of the
     // oldest one that has not activated its credential, and only sessions
     // that have (whose caller holds the TPM) keep theirs until they end.
-    auto ek = ek_sessions_.find(ek_digest);
+    auto ek = ek_sessions_.find(ek_id);
     if (ek != ek_sessions_.end() && ek->second.live >= static_cast<size_t>(limits_.max_sessions_per_ek) &&
         !MakeRoom(ek->second.unproven, evicted)) {
       ek_live = ek->second.live;
@@ -323,7 +181,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
   }
   for (const std::shared_ptr<Session>& ended : evicted) {
     Log_Level(kLogWarning, "Ending unproven session %lu of EK %s for a new session\n", ended->Id(),
-              Hearth::HexString(ended->EkDigest().data(), ended->EkDigest().size()).c_str());
+              EkIdHex(ended->Ek()).c_str());
     Log_Level(kLogInfo, "End session %lu: %s\n", ended->Id(), "failed");
     CountEnded(*ended, false);
   }
@@ -359,7 +217,7 @@ ProcessResult Attestation::StartSession(const Bytes& ek_digest) {
   return result;
 }
 
-ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& context) {
+ProcessResult SessionManager::ContinueSession(const EkId& ek, const Bytes& context) {
   Context in;
   if (context.size() > static_cast<size_t>(INT_MAX) ||
       !in.ParseFromArray(context.data(), static_cast<int>(context.size()))) {
@@ -376,7 +234,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
     return Fail(SessionResult::kUnknownSession);
   }
   Log_Level(kLogVerbose, "Process request for session ID: %lu\n", session->Id());
-  if (ek_digest != session->EkDigest()) {
+  if (ek != session->Ek()) {
     Log_Level(kLogError, "EK public key digest does not match\n");
     Log_Level(kLogError, "Ek public key not valid for session %lu\n", session->Id());
     return Fail(SessionResult::kInvalidInput);
@@ -410,18 +268,14 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
 
   if (session->State() == SessionState::kReadyForAttestation) {
     std::string hvkernel = session->HvkernelDigest();
-    ExpectedMeasurements expected;
+    std::shared_ptr<const Trusted::BaseImageData> image = images_.Lookup(hvkernel);
     std::string version;
-    ConfigResult found =
-        Trusted::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
-    if (found == ConfigResult::kConfigNotFound) {
+    if (image == nullptr) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;
-    } else if (found != ConfigResult::kConfigOk) {
-      Log_Level(kLogError, "Failed to lookup Hvkernel digest: %s\n", hvkernel.c_str());
-      code = SessionResult::kInternalFailure;
     } else {
-      code = session->Attest(expected);
+      version = image->version;
+      code = session->Attest({image->txt_mle_digest, image->payload_checksums});
       if (code != SessionResult::kSuccess) {
         Log_Level(kLogError, "Attestation failed for session ID: %lu\n", session->Id());
       }
@@ -430,7 +284,7 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
       EndSession(session, false);
       return Fail(code);
     }
-    Trusted::UpdateLastAttestedTime(version);
+    images_.UpdateLastAttestedTime(version);
     ProcessResult result;
     result.done = true;
     result.outcome = {kSoftwareType, version, session->AttestedProperties()};
@@ -443,22 +297,21 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
   return Reply(out, session);
 }
 
-void Attestation::EndRefusedSession(const std::string& ek_pem, const Bytes& context) {
-  Bytes ek_digest = EkDigestOf(ek_pem);
+void SessionManager::EndRefusedSession(const EkId& ek, const Bytes& context) {
   Context in;
-  if (ek_digest.empty() || context.size() > static_cast<size_t>(INT_MAX) ||
+  if (context.size() > static_cast<size_t>(INT_MAX) ||
       !in.ParseFromArray(context.data(), static_cast<int>(context.size())) || !in.has_session_id()) {
     return;
   }
   std::shared_ptr<Session> session = FindSession(in.session_id());
-  if (session == nullptr || session->EkDigest() != ek_digest) {
+  if (session == nullptr || session->Ek() != ek) {
     return;
   }
   Log_Level(kLogError, "Failed attestation for session ID: %lu\n", session->Id());
   EndSession(session, false);
 }
 
-ProcessResult Attestation::Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session) {
+ProcessResult SessionManager::Reply(const attestation::proto::Context& out, const std::shared_ptr<Session>& session) {
   ProcessResult result;
   if (!Serialize(out, result.out_context)) {
     Log_Level(kLogError, "Failed to serialize out context\n");
@@ -468,29 +321,29 @@ ProcessResult Attestation::Reply(const attestation::proto::Context& out, const s
   return result;
 }
 
-std::shared_ptr<Session> Attestation::FindSession(uint64_t id) {
+std::shared_ptr<Session> SessionManager::FindSession(uint64_t id) {
   MXUser::ReadGuard guard(table_lock_);
   auto it = sessions_.find(id);
   return it == sessions_.end() ? nullptr : it->second.session;
 }
 
-void Attestation::Admit(const std::shared_ptr<Session>& session) {
+void SessionManager::Admit(const std::shared_ptr<Session>& session) {
   uint64_t admitted = next_admission_++;
   sessions_.emplace(session->Id(), Entry{session, admitted, false});
-  EkSessions& ek = ek_sessions_[session->EkDigest()];
+  EkSessions& ek = ek_sessions_[session->Ek()];
   ek.live++;
   ek.unproven.emplace(admitted, session->Id());
   unproven_.emplace(admitted, session->Id());
 }
 
-std::shared_ptr<Session> Attestation::Remove(uint64_t id) {
+std::shared_ptr<Session> SessionManager::Remove(uint64_t id) {
   auto it = sessions_.find(id);
   if (it == sessions_.end()) {
     return nullptr;
   }
   Entry entry = std::move(it->second);
   sessions_.erase(it);
-  auto ek = ek_sessions_.find(entry.session->EkDigest());
+  auto ek = ek_sessions_.find(entry.session->Ek());
   VERIFY(ek != ek_sessions_.end() && ek->second.live > 0);
   if (!entry.proven) {
     ek->second.unproven.erase({entry.admitted, id});
@@ -502,7 +355,7 @@ std::shared_ptr<Session> Attestation::Remove(uint64_t id) {
   return entry.session;
 }
 
-bool Attestation::MakeRoom(const std::set<std::pair<uint64_t, uint64_t>>& candidates,
+bool SessionManager::MakeRoom(const std::set<std::pair<uint64_t, uint64_t>>& candidates,
                            std::vector<std::shared_ptr<Session>>& evicted) {
   if (candidates.empty()) {
     return false;
@@ -515,7 +368,7 @@ bool Attestation::MakeRoom(const std::set<std::pair<uint64_t, uint64_t>>& candid
   return true;
 }
 
-bool Attestation::MarkProven(uint64_t id) {
+bool SessionManager::MarkProven(uint64_t id) {
   MXUser::WriteGuard guard(table_lock_);
   auto it = sessions_.find(id);
   if (it == sessions_.end()) {
@@ -524,7 +377,7 @@ bool Attestation::MarkProven(uint64_t id) {
   Entry& entry = it->second;
   if (!entry.proven) {
     entry.proven = true;
-    auto ek = ek_sessions_.find(entry.session->EkDigest());
+    auto ek = ek_sessions_.find(entry.session->Ek());
     VERIFY(ek != ek_sessions_.end());
     ek->second.unproven.erase({entry.admitted, id});
     unproven_.erase({entry.admitted, id});
@@ -532,7 +385,7 @@ bool Attestation::MarkProven(uint64_t id) {
   return true;
 }
 
-void Attestation::EndSession(const std::shared_ptr<Session>& session, bool success) {
+void SessionManager::EndSession(const std::shared_ptr<Session>& session, bool success) {
   Log_Level(kLogInfo, "End session %lu: %s\n", session->Id(), success ? "success" : "failed");
   std::shared_ptr<Session> removed;
   {
@@ -547,7 +400,7 @@ void Attestation::EndSession(const std::shared_ptr<Session>& session, bool succe
   }
 }
 
-void Attestation::CountEnded(const Session& session, bool success) {
+void SessionManager::CountEnded(const Session& session, bool success) {
   int64_t elapsed_us = static_cast<int64_t>(clock_() - session.Created());
   uint64_t duration_ms = static_cast<uint64_t>(elapsed_us / 1000);
   SessionSeconds(success).Observe(static_cast<double>(elapsed_us) / 1e6);
@@ -567,7 +420,7 @@ void Attestation::CountEnded(const Session& session, bool success) {
   }
 }
 
-void Attestation::CleanupExpiredSessions() {
+void SessionManager::CleanupExpiredSessions() {
   Log_Level(kLogVerbose, "Running cleanup\n");
   uint64_t now = clock_();
   size_t expired = 0;
@@ -591,7 +444,7 @@ void Attestation::CleanupExpiredSessions() {
   stats_.timed_out += expired;
 }
 
-void Attestation::LogStatistics() {
+void SessionManager::LogStatistics() {
   MXUser::ExclGuard guard(stats_lock_);
   const SessionStatistics& s = stats_;
   Log_Level(kLogInfo, "TPM2 STATS: success=%lu (%lu/%lu/%lu) failed=%lu (%lu) timedout=%lu peak=%lu\n", s.success,
@@ -599,19 +452,19 @@ void Attestation::LogStatistics() {
             s.success_max_ms, s.failed, s.failed == 0 ? 0 : s.failed_total_ms / s.failed, s.timed_out, s.peak);
 }
 
-SessionStatistics Attestation::Statistics() {
+SessionStatistics SessionManager::Statistics() {
   MXUser::ExclGuard guard(stats_lock_);
   return stats_;
 }
 
-size_t Attestation::SessionCount() {
+size_t SessionManager::SessionCount() {
   MXUser::ReadGuard guard(table_lock_);
   return sessions_.size();
 }
 
-size_t Attestation::EkSessionCount(const Bytes& ek_digest) {
+size_t SessionManager::EkSessionCount(const EkId& ek) {
   MXUser::ReadGuard guard(table_lock_);
-  auto it = ek_sessions_.find(ek_digest);
+  auto it = ek_sessions_.find(ek);
   return it == ek_sessions_.end() ? 0 : it->second.live;
 }
 

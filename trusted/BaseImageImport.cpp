@@ -6,9 +6,7 @@
 
 #include "config/Configuration.h"
 #include "platform/Log.h"
-#include "platform/MXUser.h"
 #include "platform/System.h"
-#include "platform/configstore/ConfigStore.h"
 #include "platform/ssl/SslUtils.h"
 #include "trusted/BaseImageStore.h"
 #include "trusted/MetadataImport.h"
@@ -21,7 +19,6 @@ using namespace Config;
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObject;
 using Verify::ByteView;
 
@@ -95,15 +92,14 @@ bool ToPakEntry(const PakProperties& properties, const PayloadTable& table, PakE
   return true;
 }
 
-// AddBaseImage runs under the configuration lock taken for writing.
-ImportResult AddBaseImage(const std::string& tar, const std::string& certs, const PakProperties (&properties)[2],
-                          const std::string& version) {
+// AddBaseImage runs as a BaseImageStore::Write, so no other writer comes
+// between the existence test and the write.
+ImportResult AddBaseImage(HyvConfig::HyvConfigStore& store, const std::string& tar, const std::string& certs,
+                          const PakProperties (&properties)[2], const std::string& version) {
   static const char* const kPaks[] = {kBasePak, kUpdatePak};
-  ClearBaseImageCache();  // the next lookup reloads, whatever happens here
-  auto store = ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
   const HyvConfig::ConfigStoreObjectId id = MakeId(kKeyBaseImages, version);
   try {
-    if (store->GetObject(id) != nullptr) {
+    if (store.GetObject(id) != nullptr) {
       Log_Level(kLogError, "The HYV base image version '%s' already exists\n", version.c_str());
       return ImportResult::kVersionExists;
     }
@@ -140,7 +136,7 @@ ImportResult AddBaseImage(const std::string& tar, const std::string& certs, cons
   }
   try {
     int status = 0;
-    store->SetObject(image, status);
+    store.SetObject(image, status);
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Failed to set the HYV metadata for base image version '%s' in the configstore; %s\n",
               version.c_str(), e.what());
@@ -151,7 +147,7 @@ ImportResult AddBaseImage(const std::string& tar, const std::string& certs, cons
 
 }  // namespace
 
-ImportResult ImportBaseImage(const std::vector<uint8_t>& compressed, std::string& out_version) {
+ImportResult ImportBaseImage(BaseImageStore& images, const std::vector<uint8_t>& compressed, std::string& out_version) {
   std::string certs;
   if (!ReadMakerCertificates(certs)) {
     Log_Level(kLogError, "Failed to read Quarro certificate\n");
@@ -174,11 +170,8 @@ ImportResult ImportBaseImage(const std::vector<uint8_t>& compressed, std::string
   }
   const std::string version = properties[0].version;
 
-  ImportResult result;
-  {
-    MXUser::WriteGuard guard(ConfigLock());
-    result = AddBaseImage(tar, certs, properties, version);
-  }
+  ImportResult result = ImportResult::kFailed;
+  images.Write([&](HyvConfig::HyvConfigStore& store) { result = AddBaseImage(store, tar, certs, properties, version); });
   if (result != ImportResult::kImported) {
     Log_Level(kLogError, "Failed to import HYV metadata as a new trusted base image in the configstore\n");
   } else {

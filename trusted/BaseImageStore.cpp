@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <shared_mutex>
 
 #include "platform/Assert.h"
 #include "platform/Log.h"
@@ -18,15 +20,11 @@ using namespace Config;
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using HyvConfig::ConfigStore;
 using HyvConfig::ConfigStoreObject;
 using HyvConfig::ConfigStoreObjectPtr;
 using HyvConfig::SubObjectId;
 
 static constexpr const char* kSourcePath = "apps/witnessd/trusted/baseImageStore";
-
-// Taken after the configuration lock when both are held.
-constexpr uint32_t kVersionMapLockRank = 0xFF000100;
 
 constexpr const char* kCorePak = "hyv-base";
 constexpr const char* kHvkernelPayload = "k";
@@ -42,21 +40,6 @@ struct AttestationRecord {
   // the same second store the same text, so only the first one writes it.
   std::string last_written;
 };
-
-// Guarded by the configuration lock.
-std::vector<std::shared_ptr<const BaseImageData>> g_cache;
-
-MXUserRWLock* VersionMapLock() {
-  static MXUserRWLock* lock = [] {
-    MXUserRWLock* l = MXUser_CreateRWLock("baseImageVersionMapLock", kVersionMapLockRank);
-    VERIFY(l != nullptr);
-    return l;
-  }();
-  return lock;
-}
-
-// Guarded by VersionMapLock().
-std::map<std::string, AttestationRecord> g_version_map;
 
 // Each reader below logs the field it failed on and rethrows, so the caller
 // can tell "this base image failed" from "the whole record failed".
@@ -153,64 +136,85 @@ std::shared_ptr<BaseImageData> LoadOne(const ConfigStoreObject& image) {
   return data;
 }
 
-// Load fills the empty cache. The caller holds the configuration lock
-// exclusively.
-void Load() {
-  std::vector<ConfigStoreObjectPtr> images;
-  try {
-    images = ConfigStore::GetStore(ConfigStore::sGlobalNamespace)
-                 ->GetObjectInstances(HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages)));
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading base images from config store: %s\n", e.what());
-    Log_Level(kLogError, "Failed to load base image configuration\n");
-    SetStatusCondition(kStatusBaseImagesLoadError, true);
-    return;
-  }
-  bool failed = false;
-  std::map<std::string, AttestationRecord> versions;
-  for (const ConfigStoreObjectPtr& image : images) {
-    std::shared_ptr<BaseImageData> data;
-    try {
-      data = LoadOne(*image);
-    } catch (const HostCtlException&) {
-      failed = true;  // this image is left out; the others still load
-      continue;
-    }
-    if (data == nullptr) {
-      continue;
-    }
-    Log_Level(kLogInfo, "Loaded base image data with version %s and Hvkernel digest %s\n", data->version.c_str(),
-              data->hvkernel_digest.c_str());
-    versions.emplace(data->version, AttestationRecord{image->GetConfigStoreObjectId(), {}});
-    g_cache.push_back(std::move(data));
-  }
-  if (failed) {
-    Log_Level(kLogError, "Error loading base image data\n");
-  }
-  SetStatusCondition(kStatusBaseImagesLoadError, failed);
-  MXUser::WriteGuard map_guard(VersionMapLock());
-  g_version_map = std::move(versions);
-}
-
-// Scan returns the first cached entry with this digest. The caller holds the
-// configuration lock.
-std::shared_ptr<const BaseImageData> Scan(const std::string& hvkernel_digest) {
-  for (const auto& data : g_cache) {
-    if (data->hvkernel_digest == hvkernel_digest) {
-      return data;
-    }
-  }
-  return nullptr;
-}
-
-void ClearLocked() {
-  Log_Level(kLogVerbose, "Clearing base images data cache; size=%lu\n", static_cast<unsigned long>(g_cache.size()));
-  g_cache.clear();
-  MXUser::WriteGuard map_guard(VersionMapLock());
-  g_version_map.clear();
-}
-
 }  // namespace
+
+// The cache and the version map. Lookups scan the cache under a shared lock; a
+// load holds it exclusively from reading the store to installing the result,
+// so a load that read the records before a write cannot install them after the
+// cache clear that follows that write. The writers of the records take
+// write_mutex first, then the cache lock, then versions_mutex.
+struct BaseImageStore::State {
+  std::mutex write_mutex;
+  std::shared_mutex cache_mutex;
+  std::vector<std::shared_ptr<const BaseImageData>> cache;  // guarded by cache_mutex
+  std::mutex versions_mutex;
+  std::map<std::string, AttestationRecord> versions;  // guarded by versions_mutex
+
+  // Fill fills the empty cache and version map from |store|. The caller holds
+  // cache_mutex exclusively.
+  void Fill(HyvConfig::HyvConfigStore& store, StatusConditions& status) {
+    std::vector<ConfigStoreObjectPtr> images;
+    try {
+      images = store.GetObjectInstances(HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages)));
+    } catch (const HostCtlException& e) {
+      Log_Level(kLogError, "Exception reading base images from config store: %s\n", e.what());
+      Log_Level(kLogError, "Failed to load base image configuration\n");
+      status.Set(kStatusBaseImagesLoadError, true);
+      return;
+    }
+    bool failed = false;
+    std::map<std::string, AttestationRecord> loaded;
+    for (const ConfigStoreObjectPtr& image : images) {
+      std::shared_ptr<BaseImageData> data;
+      try {
+        data = LoadOne(*image);
+      } catch (const HostCtlException&) {
+        failed = true;  // this image is left out; the others still load
+        continue;
+      }
+      if (data == nullptr) {
+        continue;
+      }
+      Log_Level(kLogInfo, "Loaded base image data with version %s and Hvkernel digest %s\n", data->version.c_str(),
+                data->hvkernel_digest.c_str());
+      loaded.emplace(data->version, AttestationRecord{image->GetConfigStoreObjectId(), {}});
+      cache.push_back(std::move(data));
+    }
+    if (failed) {
+      Log_Level(kLogError, "Error loading base image data\n");
+    }
+    status.Set(kStatusBaseImagesLoadError, failed);
+    std::lock_guard versions_lock(versions_mutex);
+    versions = std::move(loaded);
+  }
+
+  // Scan returns the first cached entry with this digest. The caller holds
+  // cache_mutex.
+  std::shared_ptr<const BaseImageData> Scan(const std::string& hvkernel_digest) const {
+    for (const auto& data : cache) {
+      if (data->hvkernel_digest == hvkernel_digest) {
+        return data;
+      }
+    }
+    return nullptr;
+  }
+
+  // ClearLocked empties the cache and the version map. The caller holds
+  // cache_mutex exclusively.
+  void ClearLocked() {
+    Log_Level(kLogVerbose, "Clearing base images data cache; size=%lu\n", static_cast<unsigned long>(cache.size()));
+    cache.clear();
+    std::lock_guard versions_lock(versions_mutex);
+    versions.clear();
+  }
+};
+
+BaseImageStore::BaseImageStore(Config::Store store, Config::StatusConditions& status)
+    : store_(std::move(store)), status_(status), state_(std::make_unique<State>()) {
+  VERIFY(store_ != nullptr);
+}
+
+BaseImageStore::~BaseImageStore() = default;
 
 bool ChecksumWellFormed(const ChecksumEntry& checksum) {
   constexpr size_t kMaxChecksumChars = 255;
@@ -250,41 +254,40 @@ bool AddPakToBaseImage(HyvConfig::ConfigStoreObject& image, const PakEntry& pak)
   return true;
 }
 
-ConfigResult LookupBaseImage(const std::string& hvkernel_digest, std::string& out_version,
-                             std::string& out_txt_mle_digest,
-                             std::shared_ptr<const Verify::PayloadChecksumTable>& out_checksums) {
-  std::shared_ptr<const BaseImageData> found;
-  bool loaded = false;
-  {
-    MXUser::ReadGuard guard(ConfigLock());
-    if (!g_cache.empty()) {
-      loaded = true;
-      found = Scan(hvkernel_digest);
-    }
-  }
-  if (!loaded) {
-    MXUser::WriteGuard guard(ConfigLock());
-    if (g_cache.empty()) {  // another thread may have loaded it meanwhile
-      Load();
-    }
-    found = Scan(hvkernel_digest);
-  }
-  if (found == nullptr) {
-    return ConfigResult::kConfigNotFound;
-  }
-  out_version = found->version;
-  out_txt_mle_digest = found->txt_mle_digest;
-  out_checksums = found->payload_checksums;
-  return ConfigResult::kConfigOk;
+
+void BaseImageStore::Load() {
+  std::unique_lock lock(state_->cache_mutex);
+  state_->ClearLocked();
+  state_->Fill(*store_, status_);
 }
 
-void ClearBaseImageCache() {
-  if (MXUser_IsCurThreadHoldingRWLock(ConfigLock())) {
-    ClearLocked();
-    return;
+std::shared_ptr<const BaseImageData> BaseImageStore::Lookup(const std::string& hvkernel_digest) {
+  {
+    std::shared_lock lock(state_->cache_mutex);
+    if (!state_->cache.empty()) {
+      return state_->Scan(hvkernel_digest);
+    }
   }
-  MXUser::WriteGuard guard(ConfigLock());
-  ClearLocked();
+  std::unique_lock lock(state_->cache_mutex);
+  if (state_->cache.empty()) {  // another thread may have loaded it meanwhile
+    state_->Fill(*store_, status_);
+  }
+  return state_->Scan(hvkernel_digest);
+}
+
+void BaseImageStore::ClearCache() {
+  std::unique_lock lock(state_->cache_mutex);
+  state_->ClearLocked();
+}
+
+void BaseImageStore::Write(const std::function<void(HyvConfig::HyvConfigStore&)>& write) {
+  std::lock_guard write_lock(state_->write_mutex);
+  // Cleared however |write| ends: the next lookup reloads what is stored.
+  struct ClearOnExit {
+    BaseImageStore& images;
+    ~ClearOnExit() { images.ClearCache(); }
+  } clear{*this};
+  write(*store_);
 }
 
 std::string FormatAttestedTime(int64_t usec) {
@@ -296,37 +299,38 @@ std::string FormatAttestedTime(int64_t usec) {
   return text;
 }
 
-void UpdateLastAttestedTime(const std::string& version) {
+void BaseImageStore::UpdateLastAttestedTime(const std::string& version) {
   int64_t now = 0;
   Hostinfo_GetTimeOfDay(&now);
   const std::string when = FormatAttestedTime(now);
   std::optional<HyvConfig::ConfigStoreObjectId> id;
   {
-    MXUser::ReadGuard map_guard(VersionMapLock());
-    auto it = g_version_map.find(version);
-    if (it != g_version_map.end()) {
+    std::lock_guard versions_lock(state_->versions_mutex);
+    auto it = state_->versions.find(version);
+    if (it != state_->versions.end()) {
       if (it->second.last_written == when) {
         return;
       }
       id = it->second.id;
     }
   }
-  MXUser::WriteGuard guard(ConfigLock());
+  // Under the write lock so that a delete cannot come between the existence
+  // test and the update, which would otherwise create the record again.
+  std::lock_guard write_lock(state_->write_mutex);
   try {
-    auto store = ConfigStore::GetStore(ConfigStore::sGlobalNamespace);
     if (!id) {
       id = MakeId(kKeyBaseImages, version);  // not cached (yet): ask the store
     }
-    if (store->GetObject(*id) == nullptr) {
+    if (store_->GetObject(*id) == nullptr) {
       Log_Level(kLogError, "The HYV base image version '%s' doesn't exist\n", version.c_str());
       return;
     }
     ConfigStoreObject update(*id);
     update.SetValue("last_attested_time", when);
-    store->UpdateObject(*id, update);
+    store_->UpdateObject(*id, update);
     Log_Level(kLogVerbose, "Update attested time %s\n", when.c_str());
-    MXUser::WriteGuard map_guard(VersionMapLock());
-    if (auto it = g_version_map.find(version); it != g_version_map.end()) {
+    std::lock_guard versions_lock(state_->versions_mutex);
+    if (auto it = state_->versions.find(version); it != state_->versions.end()) {
       it->second.last_written = when;
     }
   } catch (const HostCtlException& e) {
@@ -334,12 +338,11 @@ void UpdateLastAttestedTime(const std::string& version) {
   }
 }
 
-ConfigResult ListBaseImages(std::vector<std::string>& out_versions) {
-  MXUser::ReadGuard guard(ConfigLock());
+ConfigResult BaseImageStore::List(std::vector<std::string>& out_versions) const {
   try {
     std::vector<std::string> versions;
-    for (const ConfigStoreObjectPtr& image : ConfigStore::GetStore(ConfigStore::sGlobalNamespace)
-                                                 ->GetObjectInstances(HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages)))) {
+    for (const ConfigStoreObjectPtr& image :
+         store_->GetObjectInstances(HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages)))) {
       versions.push_back(image->GetConfigStoreObjectId().instance_id);
     }
     out_versions = std::move(versions);
@@ -350,11 +353,9 @@ ConfigResult ListBaseImages(std::vector<std::string>& out_versions) {
   }
 }
 
-ConfigResult ReadBaseImage(const std::string& version, StoredBaseImage& out) {
-  MXUser::ReadGuard guard(ConfigLock());
+ConfigResult BaseImageStore::Read(const std::string& version, StoredBaseImage& out) const {
   try {
-    ConfigStoreObjectPtr image =
-        ConfigStore::GetStore(ConfigStore::sGlobalNamespace)->GetObject(MakeId(kKeyBaseImages, version));
+    ConfigStoreObjectPtr image = store_->GetObject(MakeId(kKeyBaseImages, version));
     if (image == nullptr) {
       return ConfigResult::kConfigNotFound;
     }
@@ -388,25 +389,20 @@ ConfigResult ReadBaseImage(const std::string& version, StoredBaseImage& out) {
   }
 }
 
-ConfigResult DeleteBaseImage(const std::string& version) {
-  MXUser::WriteGuard guard(ConfigLock());
-  try {
-    if (!ConfigStore::GetStore(ConfigStore::sGlobalNamespace)->DeleteObject(MakeId(kKeyBaseImages, version))) {
-      return ConfigResult::kConfigNotFound;
+ConfigResult BaseImageStore::Delete(const std::string& version) {
+  ConfigResult result = ConfigResult::kConfigOk;
+  Write([&](HyvConfig::HyvConfigStore& store) {
+    try {
+      if (!store.DeleteObject(MakeId(kKeyBaseImages, version))) {
+        result = ConfigResult::kConfigNotFound;
+      }
+    } catch (const HostCtlException& e) {
+      Log_Level(kLogError, "Exception reading/writing the HYV base image version %s to configstore: %s\n",
+                version.c_str(), e.what());
+      result = ConfigResult::kConfigError;
     }
-  } catch (const HostCtlException& e) {
-    Log_Level(kLogError, "Exception reading/writing the HYV base image version %s to configstore: %s\n",
-              version.c_str(), e.what());
-    return ConfigResult::kConfigError;
-  }
-  ClearLocked();
-  return ConfigResult::kConfigOk;
-}
-
-void InitBaseImageStore() {
-  MXUser::WriteGuard guard(ConfigLock());
-  ClearLocked();
-  Load();
+  });
+  return result;
 }
 
 }  // namespace Witnessd::Trusted

@@ -1,9 +1,10 @@
 // The trusted base images: stored as "hyv_base_images" records, one instance
 // per version, and cached in memory on first use so that a session can go from
 // the Hvkernel digest in a host's event log to its base image and payload
-// checksums. The cache list is guarded by the configuration lock.
+// checksums.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -96,6 +97,12 @@ class BaseImageStore {
   // ClearCache drops the cache so the next lookup reloads it; every change
   // of the stored base images calls it.
   void ClearCache();
+
+  // Write runs |write| on the store while no other writer of the base image
+  // records (an import, a delete, a last-attested-time update, a whole
+  // configuration import) runs, then clears the cache however |write| ends.
+  // |write| catches and logs its own store failures.
+  void Write(const std::function<void(HyvConfig::HyvConfigStore&)>& write);
 
   // UpdateLastAttestedTime stores the current UTC time as
   // "last_attested_time" of base image |version|.

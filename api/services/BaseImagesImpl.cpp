@@ -53,7 +53,7 @@ void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::str
     return;
   }
   std::string version;
-  switch (Trusted::ImportBaseImage(imgdb, version)) {
+  switch (Trusted::ImportBaseImage(images_, imgdb, version)) {
     case Trusted::ImportResult::kImported:
       done(version);
       return;
@@ -68,7 +68,7 @@ void BaseImagesImpl::Import(const std::vector<uint8_t>& imgdb, Callback<std::str
 
 void BaseImagesImpl::List(Callback<std::vector<Summary>> done) {
   std::vector<std::string> versions;
-  if (Trusted::ListBaseImages(versions) != ConfigResult::kConfigOk) {
+  if (images_.List(versions) != ConfigResult::kConfigOk) {
     done(StdErrors::Error());
     return;
   }
@@ -76,7 +76,7 @@ void BaseImagesImpl::List(Callback<std::vector<Summary>> done) {
   for (const std::string& version : versions) {
     Trusted::StoredBaseImage image;
     // An image deleted between the two reads is simply left out.
-    ConfigResult result = Trusted::ReadBaseImage(version, image);
+    ConfigResult result = images_.Read(version, image);
     if (result == ConfigResult::kConfigNotFound) {
       continue;
     }
@@ -94,7 +94,7 @@ void BaseImagesImpl::Delete(const std::string& version, Callback<Lumen::Void> do
     done(Errors::InvalidArgument(Errors::kBaseImagesInvalidArgument, {"version"}));
     return;
   }
-  switch (Trusted::DeleteBaseImage(version)) {
+  switch (images_.Delete(version)) {
     case ConfigResult::kConfigOk:
       done(Lumen::Void{});
       return;
@@ -113,7 +113,7 @@ void BaseImagesImpl::Get(const std::string& version, Callback<Info> done) {
     return;
   }
   Trusted::StoredBaseImage image;
-  ConfigResult result = Trusted::ReadBaseImage(version, image);
+  ConfigResult result = images_.Read(version, image);
   if (result == ConfigResult::kConfigNotFound) {
     done(NotStored(version));
     return;

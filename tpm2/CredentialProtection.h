@@ -44,7 +44,9 @@ bool VerifyEkPublic(const Verify::TPMT_PUBLIC& ek);
 // (both marshalled TPM2B_PUBLIC). On success it returns true and fills
 // |out_blob| with a marshalled TPM2B_ID_OBJECT and |out_secret| with a
 // marshalled TPM2B_ENCRYPTED_SECRET, as TPM2_ActivateCredential takes them.
-// Failures are logged and give false.
+// The EK must be an RSA restricted decryption key with an AES-CFB symmetric
+// definition, and |secret| no longer than a digest of the EK's nameAlg.
+// Failures are logged and give false. Takes no lock: calls may run at once.
 bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uint8_t>& ak_public,
                     const std::vector<uint8_t>& secret, std::vector<uint8_t>* out_blob,
                     std::vector<uint8_t>* out_secret);

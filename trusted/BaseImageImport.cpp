@@ -171,7 +171,8 @@ ImportResult ImportBaseImage(BaseImageStore& images, const std::vector<uint8_t>&
   const std::string version = properties[0].version;
 
   ImportResult result = ImportResult::kFailed;
-  images.Write([&](HyvConfig::HyvConfigStore& store) { result = AddBaseImage(store, tar, certs, properties, version); });
+  images.Write(
+      [&](HyvConfig::HyvConfigStore& store) { result = AddBaseImage(store, tar, certs, properties, version); });
   if (result != ImportResult::kImported) {
     Log_Level(kLogError, "Failed to import HYV metadata as a new trusted base image in the configstore\n");
   } else {

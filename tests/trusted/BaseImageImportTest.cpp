@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "tests/config/StoreFixture.h"
 #include "tests/support/LogCapture.h"
@@ -20,28 +22,29 @@ constexpr const char* kVersion = "8.0.1-12345";
 
 class BaseImageImportTest : public Testing::StoreFixture {
  protected:
+  // The maker's certificate file is read under the sysroot.
   void SetUp() override {
-    StoreFixture::SetUp();
-    ClearBaseImageCache();
-    imgdb_ = std::make_unique<Testing::ImgdbFixture>(sysroot_);
+    setenv("WITNESSD_SYSROOT", dir_.c_str(), 1);
+    imgdb_ = std::make_unique<Testing::ImgdbFixture>(dir_);
   }
+  void TearDown() override { unsetenv("WITNESSD_SYSROOT"); }
 
   struct Outcome {
     ImportResult result;
     std::string version;
     std::string log;
   };
-  static Outcome Import(const std::vector<uint8_t>& compressed) {
+  Outcome Import(const std::vector<uint8_t>& compressed) {
     Outcome o{};
-    o.log = Testing::Capture([&] { o.result = ImportBaseImage(compressed, o.version); });
+    o.log = Testing::Capture([&] { o.result = ImportBaseImage(images_, compressed, o.version); });
     return o;
   }
 
   // Everything stored under the base images key, as canonical text.
-  static std::string Stored() {
-    return Store()->Export({HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages))});
-  }
+  std::string Stored() { return store_->Export({HyvConfig::FilterSpecObject(MakeId(kKeyBaseImages))}); }
 
+  StatusConditions status_;
+  BaseImageStore images_{store_, status_};
   std::unique_ptr<Testing::ImgdbFixture> imgdb_;
 };
 
@@ -51,7 +54,7 @@ TEST_F(BaseImageImportTest, StoresBothPackagesAndServesLookups) {
   EXPECT_EQ(kVersion, o.version);
 
   StoredBaseImage image;
-  ASSERT_EQ(ConfigResult::kConfigOk, ReadBaseImage(kVersion, image));
+  ASSERT_EQ(ConfigResult::kConfigOk, images_.Read(kVersion, image));
   EXPECT_EQ(kVersion, image.version);
   EXPECT_EQ("", image.last_attested_time);
   ASSERT_EQ(2u, image.paks.size());
@@ -59,12 +62,11 @@ TEST_F(BaseImageImportTest, StoresBothPackagesAndServesLookups) {
   EXPECT_EQ("hyv-update", image.paks[1].name);
   EXPECT_EQ("8.0.1-12345-u1", image.paks[1].version);
 
-  std::string version, mle;
-  std::shared_ptr<const Verify::PayloadChecksumTable> table;
-  ASSERT_EQ(ConfigResult::kConfigOk, LookupBaseImage(kKernel, version, mle, table));
-  EXPECT_EQ(kVersion, version);
-  EXPECT_EQ(std::string(64, 'b'), mle);
-  EXPECT_EQ(std::string(64, 'c'), table->at("x.v00"));
+  std::shared_ptr<const BaseImageData> found = images_.Lookup(kKernel);
+  ASSERT_NE(nullptr, found);
+  EXPECT_EQ(kVersion, found->version);
+  EXPECT_EQ(std::string(64, 'b'), found->txt_mle_digest);
+  EXPECT_EQ(std::string(64, 'c'), found->payload_checksums->at("x.v00"));
 }
 
 TEST_F(BaseImageImportTest, SecondImportOfAVersionChangesNothing) {
@@ -76,6 +78,17 @@ TEST_F(BaseImageImportTest, SecondImportOfAVersionChangesNothing) {
   EXPECT_EQ(kVersion, o.version);
   EXPECT_NE(std::string::npos, o.log.find("The HYV base image version '8.0.1-12345' already exists\n"));
   EXPECT_EQ(before, Stored());
+}
+
+TEST_F(BaseImageImportTest, ConcurrentImportsOfOneVersionStoreItOnce) {
+  const std::vector<uint8_t> imgdbs[] = {imgdb_->Make(""), imgdb_->Make("--kernel-digest " + std::string(64, 'd'))};
+  ImportResult results[2];
+  std::string versions[2];
+  std::thread other([&] { results[1] = ImportBaseImage(images_, imgdbs[1], versions[1]); });
+  results[0] = ImportBaseImage(images_, imgdbs[0], versions[0]);
+  other.join();
+  EXPECT_EQ(1, std::count(results, results + 2, ImportResult::kImported));
+  EXPECT_EQ(1, std::count(results, results + 2, ImportResult::kVersionExists));
 }
 
 TEST_F(BaseImageImportTest, RefusalsStoreNothing) {
@@ -116,7 +129,6 @@ TEST_F(BaseImageImportTest, RefusalsStoreNothing) {
     }
     EXPECT_EQ(empty, Stored());
   }
-  ExpectLocksReleased();
 }
 
 TEST_F(BaseImageImportTest, MissingMakerCertificateFails) {
@@ -127,7 +139,7 @@ TEST_F(BaseImageImportTest, MissingMakerCertificateFails) {
   EXPECT_NE(std::string::npos, o.log.find("Failed to read Quarro certificate\n"));
 }
 
-TEST_F(BaseImageImportTest, StoreFailureLeavesNothingAndReleasesLocks) {
+TEST_F(BaseImageImportTest, StoreFailureLeavesNothing) {
   std::vector<uint8_t> good = imgdb_->Make("");
   const std::string empty = Stored();
   // Fail each SQLite call of the import in turn, from the existence test to
@@ -136,16 +148,15 @@ TEST_F(BaseImageImportTest, StoreFailureLeavesNothingAndReleasesLocks) {
   bool imported = false;
   for (int skip = 0; skip < 64 && !imported; ++skip) {
     SCOPED_TRACE(skip);
-    Store()->FailSqliteCallAfter(skip);
+    store_->FailSqliteCallAfter(skip);
     Outcome o = Import(good);
     imported = o.result == ImportResult::kImported;
     if (!imported) {
       EXPECT_EQ(ImportResult::kFailed, o.result);
       EXPECT_EQ(empty, Stored());
-      ExpectLocksReleased();
       logs += o.log;
     }
-    Store()->FailSqliteCallAfter(-1);
+    store_->FailSqliteCallAfter(-1);
   }
   EXPECT_TRUE(imported);
   EXPECT_NE(std::string::npos, logs.find("Exception reading/writing the HYV base image version 8.0.1-12345"));
@@ -154,16 +165,15 @@ TEST_F(BaseImageImportTest, StoreFailureLeavesNothingAndReleasesLocks) {
 
 TEST_F(BaseImageImportTest, DeleteRemovesTheImageAndItsLookups) {
   ASSERT_EQ(ImportResult::kImported, Import(imgdb_->Make("")).result);
-  std::string version, mle;
-  std::shared_ptr<const Verify::PayloadChecksumTable> table;
-  ASSERT_EQ(ConfigResult::kConfigOk, LookupBaseImage(kKernel, version, mle, table));
-  EXPECT_EQ(ConfigResult::kConfigOk, DeleteBaseImage(kVersion));
-  EXPECT_EQ(ConfigResult::kConfigNotFound, LookupBaseImage(kKernel, version, mle, table));
-  EXPECT_EQ(ConfigResult::kConfigNotFound, DeleteBaseImage(kVersion));
+  std::shared_ptr<const BaseImageData> held = images_.Lookup(kKernel);
+  ASSERT_NE(nullptr, held);
+  EXPECT_EQ(ConfigResult::kConfigOk, images_.Delete(kVersion));
+  EXPECT_EQ(nullptr, images_.Lookup(kKernel));
+  EXPECT_EQ(ConfigResult::kConfigNotFound, images_.Delete(kVersion));
   StoredBaseImage image;
-  EXPECT_EQ(ConfigResult::kConfigNotFound, ReadBaseImage(kVersion, image));
+  EXPECT_EQ(ConfigResult::kConfigNotFound, images_.Read(kVersion, image));
   // The table handed out before the delete stays usable.
-  EXPECT_EQ(kKernel, table->at("hvkernel.gz"));
+  EXPECT_EQ(kKernel, held->payload_checksums->at("hvkernel.gz"));
 }
 
 }  // namespace

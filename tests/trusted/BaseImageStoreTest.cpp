@@ -14,8 +14,6 @@ namespace {
 using Testing::Capture;
 using namespace Config;
 
-constexpr ConfigResult kOk = ConfigResult::kConfigOk;
-constexpr ConfigResult kNotFound = ConfigResult::kConfigNotFound;
 
 // A base image as the metadata import stores it: the core package with the
 // Hvkernel ("k") and TXT MLE ("b") payloads, and an update package.
@@ -32,11 +30,6 @@ std::vector<PakEntry> Paks(const std::string& kernel, const std::string& mle = "
 
 class BaseImageStoreTest : public Testing::StoreFixture {
  protected:
-  void SetUp() override {
-    StoreFixture::SetUp();
-    ClearBaseImageCache();
-  }
-
   void Put(const std::string& version, const std::vector<PakEntry>& paks) {
     HyvConfig::ConfigStoreObject image(MakeId(kKeyBaseImages, version));
     image.SetValue("version", version);
@@ -44,38 +37,34 @@ class BaseImageStoreTest : public Testing::StoreFixture {
       ASSERT_TRUE(AddPakToBaseImage(image, pak));
     }
     int status = 0;
-    Store()->SetObject(image, status);
+    store_->SetObject(image, status);
   }
 
-  struct Found {
-    ConfigResult result;
-    std::string version;
-    std::string txt;
-    std::shared_ptr<const Verify::PayloadChecksumTable> table;
-  };
-  static Found Lookup(const std::string& digest) {
-    Found f;
-    f.result = LookupBaseImage(digest, f.version, f.txt, f.table);
-    return f;
+  // The version found for |digest|; empty when nothing matches.
+  std::string VersionOf(const std::string& digest) {
+    std::shared_ptr<const BaseImageData> found = images_.Lookup(digest);
+    return found == nullptr ? "" : found->version;
   }
 
-
-  static bool LoadErrorSet() {
-    auto set = GetStatusConditions();
+  bool LoadErrorSet() const {
+    auto set = status_.Get();
     return std::find(set.begin(), set.end(), kStatusBaseImagesLoadError) != set.end();
   }
+
+  StatusConditions status_;
+  BaseImageStore images_{store_, status_};
 };
 
 TEST_F(BaseImageStoreTest, LookupFindsDigestsAndPayloadTable) {
   Put("8.0.1", Paks("kern1"));
-  Found f = Lookup("kern1");
-  ASSERT_EQ(kOk, f.result);
-  EXPECT_EQ("8.0.1", f.version);
-  EXPECT_EQ("mle", f.txt);
+  std::shared_ptr<const BaseImageData> f = images_.Lookup("kern1");
+  ASSERT_NE(nullptr, f);
+  EXPECT_EQ("8.0.1", f->version);
+  EXPECT_EQ("mle", f->txt_mle_digest);
   // Only sha-256 / gunzip checksums, from every package, by file name.
   const Verify::PayloadChecksumTable expected = {
       {"k.gz", "kern1"}, {"b.b00", "b-kern1"}, {"u.v00", "u-kern1"}};
-  EXPECT_EQ(expected, *f.table);
+  EXPECT_EQ(expected, *f->payload_checksums);
   const struct {
     const char* name;
     std::string digest;
@@ -83,7 +72,7 @@ TEST_F(BaseImageStoreTest, LookupFindsDigestsAndPayloadTable) {
                  {"txt-mle checksum", "mle"}, {"empty", ""}};
   for (const auto& c : kMisses) {
     SCOPED_TRACE(c.name);
-    EXPECT_EQ(kNotFound, Lookup(c.digest).result);
+    EXPECT_EQ(nullptr, images_.Lookup(c.digest));
   }
   EXPECT_FALSE(LoadErrorSet());
 }
@@ -107,9 +96,9 @@ TEST_F(BaseImageStoreTest, LoadingRules) {
   damaged.GetSubObjects(kSubPaks)[0]->GetSubObjects(kSubPayloads)[0]->GetSubObjects(kSubChecksums)[0]->SetValue(
       "checksum", true);
   int status = 0;
-  Store()->SetObject(damaged, status);
+  store_->SetObject(damaged, status);
 
-  std::string log = Capture([] { EXPECT_EQ(kNotFound, Lookup("old").result); });
+  std::string log = Capture([&] { EXPECT_EQ("", VersionOf("old")); });
   EXPECT_NE(std::string::npos, log.find("Duplicate base image Hvkernel digest: old -> new"));
   EXPECT_NE(std::string::npos, log.find("Duplicate base image TXT MLE digest: mle -> mle2"));
   EXPECT_NE(std::string::npos, log.find("Base image has empty version"));
@@ -122,59 +111,52 @@ TEST_F(BaseImageStoreTest, LoadingRules) {
   const struct {
     const char* name;
     std::string digest;
-    ConfigResult result;
-    std::string version;
+    std::string version;  // empty: not found
   } kCases[] = {
-      {"later duplicate wins", "new", kOk, "dup"},
-      {"no core package: empty digest", "", kOk, "no-core"},
-      {"nameless image skipped", "nameless", kNotFound, ""},
-      {"damaged image skipped", "bad", kNotFound, ""},
-      {"same digest twice: first stored", "kern1", kOk, "first"},
+      {"later duplicate wins", "new", "dup"},
+      {"no core package: empty digest", "", "no-core"},
+      {"nameless image skipped", "nameless", ""},
+      {"damaged image skipped", "bad", ""},
+      {"same digest twice: first stored", "kern1", "first"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    Found f = Lookup(c.digest);
-    EXPECT_EQ(c.result, f.result);
-    EXPECT_EQ(c.version, f.version);
+    EXPECT_EQ(c.version, VersionOf(c.digest));
   }
-  EXPECT_EQ("mle2", Lookup("new").txt);
+  EXPECT_EQ("mle2", images_.Lookup("new")->txt_mle_digest);
 
   // Without the damaged image the next load clears the condition.
-  Store()->DeleteObject(MakeId(kKeyBaseImages, "damaged"));
-  ClearBaseImageCache();
-  EXPECT_EQ(kOk, Lookup("kern1").result);
+  store_->DeleteObject(MakeId(kKeyBaseImages, "damaged"));
+  images_.ClearCache();
+  EXPECT_EQ("first", VersionOf("kern1"));
   EXPECT_FALSE(LoadErrorSet());
 }
 
 TEST_F(BaseImageStoreTest, EmptyStoreReloadsOnEveryLookup) {
-  EXPECT_EQ(kNotFound, Lookup("kern1").result);
+  EXPECT_EQ("", VersionOf("kern1"));
   // The second lookup goes to the store again: a store failure shows it.
-  Store()->FailSqliteCallAfter(0);
-  std::string log = Capture([] { EXPECT_EQ(kNotFound, Lookup("kern1").result); });
+  store_->FailSqliteCallAfter(0);
+  std::string log = Capture([&] { EXPECT_EQ("", VersionOf("kern1")); });
   EXPECT_NE(std::string::npos, log.find("Exception reading base images from config store: disk I/O error"));
   EXPECT_NE(std::string::npos, log.find("Failed to load base image configuration"));
   EXPECT_TRUE(LoadErrorSet());
-  ExpectLocksReleased();
   Put("8.0.1", Paks("kern1"));
-  EXPECT_EQ(kOk, Lookup("kern1").result);
+  EXPECT_EQ("8.0.1", VersionOf("kern1"));
   EXPECT_FALSE(LoadErrorSet());
 }
 
 TEST_F(BaseImageStoreTest, ClearMakesTheNextLookupReload) {
   Put("8.0.1", Paks("kern1"));
-  Found held = Lookup("kern1");
-  ASSERT_EQ(kOk, held.result);
+  std::shared_ptr<const BaseImageData> held = images_.Lookup("kern1");
+  ASSERT_NE(nullptr, held);
   Put("8.0.2", Paks("kern2"));
-  EXPECT_EQ(kNotFound, Lookup("kern2").result);  // cached before it was stored
-  {
-    MXUser::WriteGuard guard(ConfigLock());  // as the import and delete do
-    ClearBaseImageCache();
-  }
-  EXPECT_EQ(kOk, Lookup("kern2").result);
+  EXPECT_EQ("", VersionOf("kern2"));  // cached before it was stored
+  images_.ClearCache();
+  EXPECT_EQ("8.0.2", VersionOf("kern2"));
   // A table held across the clear is still the caller's to read.
-  EXPECT_EQ("kern1", held.table->at("k.gz"));
+  EXPECT_EQ("kern1", held->payload_checksums->at("k.gz"));
   std::vector<std::string> versions;
-  ASSERT_EQ(kOk, ListBaseImages(versions));
+  ASSERT_EQ(ConfigResult::kConfigOk, images_.List(versions));
   EXPECT_EQ((std::vector<std::string>{"8.0.1", "8.0.2"}), versions);
 }
 
@@ -182,15 +164,15 @@ TEST_F(BaseImageStoreTest, LastAttestedTime) {
   EXPECT_EQ("1970-01-01T00:00:00Z", FormatAttestedTime(0));
   EXPECT_EQ("2026-11-22T08:15:30Z", FormatAttestedTime(1795335330LL * 1000000 + 999999));
   Put("8.0.1", Paks("kern1"));
-  ASSERT_EQ(kOk, Lookup("kern1").result);
-  UpdateLastAttestedTime("8.0.1");
+  ASSERT_EQ("8.0.1", VersionOf("kern1"));
+  images_.UpdateLastAttestedTime("8.0.1");
   std::string when;
-  Store()->GetObject(MakeId(kKeyBaseImages, "8.0.1"))->GetValue("last_attested_time", &when);
+  store_->GetObject(MakeId(kKeyBaseImages, "8.0.1"))->GetValue("last_attested_time", &when);
   ASSERT_EQ(20u, when.size());
   EXPECT_EQ('T', when[10]);
   // The update keeps the rest of the record.
-  ClearBaseImageCache();
-  EXPECT_EQ(kOk, Lookup("kern1").result);
+  images_.ClearCache();
+  EXPECT_EQ("8.0.1", VersionOf("kern1"));
 
   const struct {
     const char* name;
@@ -204,11 +186,10 @@ TEST_F(BaseImageStoreTest, LastAttestedTime) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    Store()->FailSqliteCallAfter(c.fail_after);
-    std::string log = Capture([&] { UpdateLastAttestedTime(c.version); });
-    Store()->FailSqliteCallAfter(-1);
+    store_->FailSqliteCallAfter(c.fail_after);
+    std::string log = Capture([&] { images_.UpdateLastAttestedTime(c.version); });
+    store_->FailSqliteCallAfter(-1);
     EXPECT_NE(std::string::npos, log.find(c.line));
-    ExpectLocksReleased();
   }
 }
 

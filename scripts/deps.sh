@@ -6,7 +6,7 @@ packages=(
   build-essential cmake pkg-config python3 clang libclang-rt-14-dev
   libssl-dev openssl libxml2-dev zlib1g-dev libprotobuf-dev protobuf-compiler
   libjwt-dev libjansson-dev libboost-dev libboost-system-dev libsqlite3-dev
-  libtpms-dev libtss2-dev swtpm swtpm-tools tpm2-tools nlohmann-json3-dev prometheus-cpp-dev
+  libtss2-dev swtpm swtpm-tools tpm2-tools nlohmann-json3-dev prometheus-cpp-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   curl systemd dpkg-dev file
 )

@@ -180,14 +180,18 @@ bool ConfigTransfer::Export(std::string& out_text, std::string& out_hash) {
 }
 
 ConfigResult ConfigTransfer::Import(const std::string& text) {
-  ConfigResult result = trust_.Replace([&] {
+  // Both owners of the imported records hold their writers back while the
+  // import runs, then reload what they keep in memory.
+  return trust_.Replace([&] {
     std::vector<HyvConfig::ErrorInfo> errors;
     bool imported = false;
-    try {
-      imported = store_->Import(text, ExportedKeyFilters(), CheckImportedRecord, errors);
-    } catch (const HostCtlException& e) {
-      Log_Level(kLogError, "Exception importing configuration into configstore: %s\n", e.what());
-    }
+    images_.Write([&](HyvConfig::HyvConfigStore& store) {
+      try {
+        imported = store.Import(text, ExportedKeyFilters(), CheckImportedRecord, errors);
+      } catch (const HostCtlException& e) {
+        Log_Level(kLogError, "Exception importing configuration into configstore: %s\n", e.what());
+      }
+    });
     for (const HyvConfig::ErrorInfo& error : errors) {
       Log_Level(kLogError, "Import refused: %s: %s\n", error.item.c_str(), error.message.c_str());
     }
@@ -197,10 +201,6 @@ ConfigResult ConfigTransfer::Import(const std::string& text) {
     }
     return ConfigResult::kConfigOk;
   });
-  if (result == ConfigResult::kConfigOk) {
-    images_.ClearCache();
-  }
-  return result;
 }
 
 }  // namespace Witnessd::Transfer

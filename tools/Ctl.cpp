@@ -1,8 +1,5 @@
 #include "tools/Ctl.h"
 
-#include <jwt.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +17,7 @@
 #include <sstream>
 
 #include "platform/JsonParse.h"
+#include "platform/Jwt.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
 #include "platform/lumen/Localizer.h"
@@ -953,46 +951,23 @@ bool FindBinary(const json& type, const Catalog& catalog, std::vector<std::strin
 
 bool MintToken(const std::string& key_pem, const std::string& subject, const std::vector<std::string>& entitlements,
                long validity_seconds, std::string* token, std::string* error) {
-  BIO* bio = BIO_new_mem_buf(key_pem.data(), static_cast<int>(key_pem.size()));
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
-  BIO_free(bio);
+  Hearth::Jwt::KeyPtr key = Hearth::Jwt::PrivateKeyFromPem(key_pem);
   if (key == nullptr) {
     *error = "the issuer key is not a PEM private key";
     return false;
   }
-  jwt_alg_t alg = JWT_ALG_NONE;
-  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
-    alg = JWT_ALG_RS256;
-  } else if (EVP_PKEY_get_base_id(key) == EVP_PKEY_EC) {
-    char group[64] = {0};
-    size_t len = 0;
-    if (EVP_PKEY_get_group_name(key, group, sizeof(group), &len) == 1 && std::string(group) == "prime256v1") {
-      alg = JWT_ALG_ES256;
-    }
-  }
-  EVP_PKEY_free(key);
-  if (alg == JWT_ALG_NONE) {
+  std::optional<Hearth::Jwt::Alg> alg = Hearth::Jwt::AlgFor(key.get());
+  if (!alg) {
     *error = "the issuer key must be RSA or EC P-256";
-    return false;
-  }
-  jwt_t* jwt = nullptr;
-  if (jwt_new(&jwt) != 0) {
-    *error = "out of memory";
     return false;
   }
   long now = static_cast<long>(std::time(nullptr));
   json grants = {{"sub", subject}, {"entitlements", entitlements}, {"iat", now}, {"exp", now + validity_seconds}};
-  bool ok = jwt_add_grants_json(jwt, grants.dump().c_str()) == 0 &&
-            jwt_set_alg(jwt, alg, reinterpret_cast<const unsigned char*>(key_pem.data()),
-                        static_cast<int>(key_pem.size())) == 0;
-  char* encoded = ok ? jwt_encode_str(jwt) : nullptr;
-  jwt_free(jwt);
-  if (encoded == nullptr) {
+  Hearth::Jwt::Claims claims;
+  if (!claims.Merge(grants) || !Hearth::Jwt::Sign(key.get(), *alg, claims, true, token)) {
     *error = "signing the token failed";
     return false;
   }
-  *token = encoded;
-  std::free(encoded);
   return true;
 }
 

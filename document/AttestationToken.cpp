@@ -70,7 +70,7 @@ bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, cons
   }
   // Compact, claims in the order they were set (iat, exp, iss, aud, os,
   // os_version, attested_properties).
-  if (!Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, false, &out_token)) {
+  if (!Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, Hearth::Jwt::KeyOrder::kAsSet, &out_token)) {
     Log_Level(kLogError, "Failed to encode JWT: %d\n", errno);
     return false;
   }

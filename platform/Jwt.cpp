@@ -208,12 +208,12 @@ std::string Claims::Compact(const char* name) const {
   return text != nullptr ? text.get() : "";
 }
 
-bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, bool sorted_keys, std::string* out_token) {
+bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token) {
   if (claims.json_ == nullptr || key == nullptr) {
     return false;
   }
   std::unique_ptr<char, FreeDeleter> payload(
-      json_dumps(claims.json_, JSON_COMPACT | (sorted_keys ? JSON_SORT_KEYS : 0)));
+      json_dumps(claims.json_, JSON_COMPACT | (order == KeyOrder::kSorted ? JSON_SORT_KEYS : 0)));
   if (payload == nullptr) {
     return false;
   }

@@ -18,6 +18,9 @@ namespace Hearth::Jwt {
 
 enum class Alg { kRs256, kEs256 };
 
+// The order of the claims in a token's payload.
+enum class KeyOrder { kAsSet, kSorted };
+
 struct KeyFree {
   void operator()(EVP_PKEY* key) const;
 };
@@ -31,10 +34,9 @@ KeyPtr PrivateKeyFromPem(const std::string& pem);
 // for an EC P-256 key, nothing for any other key.
 std::optional<Alg> AlgFor(EVP_PKEY* key);
 
-// Claims is a token's payload under construction. The setters return false
-// when the value cannot be stored (a string that is not UTF-8, no memory);
-// the claims are then as before the call, except that SetStrings may leave
-// no claim |name| at all.
+// Claims is a token's payload under construction. The setters return false,
+// leaving the claims as they were, when the value cannot be stored (a string
+// that is not UTF-8, no memory).
 class Claims {
  public:
   Claims();
@@ -53,16 +55,16 @@ class Claims {
   std::string Compact(const char* name) const;
 
  private:
-  friend bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, bool sorted_keys, std::string* out_token);
+  friend bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token);
   json_t* json_;
 };
 
 // Sign makes the compact token of |claims| under the header
 // {"alg":"RS256"|"ES256","typ":"JWT"}, signed with SHA-256 by |key| (ES256
-// as the 64 bytes r||s). The claims are written compactly, in the order they
-// were set, or by key when |sorted_keys|. The caller picks |alg| for |key|
-// (AlgFor). False on any failure; |out_token| is then unchanged.
-bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, bool sorted_keys, std::string* out_token);
+// as the 64 bytes r||s). The claims are written compactly in |order|. The
+// caller picks |alg| for |key| (AlgFor). False on any failure; |out_token| is
+// then unchanged.
+bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token);
 
 // A compact token taken apart; nothing about it is verified yet.
 struct Decoded {

@@ -28,8 +28,7 @@ struct SignedDocument {
 // "iat", "exp", "iss" (host name + "/attestation"), "aud" ("orbd") when
 // |with_audience|, "os", "os_version" and "attested_properties" from
 // |outcome|. False (logged) on any failure; |out_token| is then unchanged.
-// The claims are written compactly with sorted keys, as the JWT library
-// writes them.
+// The claims are written compactly, in the order listed here.
 bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
                std::string& out_token);
 

@@ -1,7 +1,6 @@
 #include "platform/lumen/TokenHandler.h"
 
 #include <openssl/bio.h>
-#include <openssl/ecdsa.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -10,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/JsonParse.h"
+#include "platform/Jwt.h"
 
 namespace Hyv::Authn {
 
@@ -18,22 +17,12 @@ namespace {
 
 constexpr int kLumenInfo = 2;
 constexpr int kLumenWarning = 3;
-constexpr size_t kEs256PartLen = 32;
 
 struct BioDeleter {
   void operator()(BIO* b) const { BIO_free(b); }
 };
 struct X509Deleter {
   void operator()(X509* x) const { X509_free(x); }
-};
-struct MdCtxDeleter {
-  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
-};
-struct SigDeleter {
-  void operator()(ECDSA_SIG* s) const { ECDSA_SIG_free(s); }
-};
-struct BnDeleter {
-  void operator()(BIGNUM* b) const { BN_free(b); }
 };
 // ValidityOf reads the certificate's validity period as Unix times.
 bool ValidityOf(const X509* cert, int64_t* out_not_before, int64_t* out_not_after) {
@@ -50,67 +39,6 @@ bool ValidityOf(const X509* cert, int64_t* out_not_before, int64_t* out_not_afte
 struct OpensslFree {
   void operator()(void* p) const { OPENSSL_free(p); }
 };
-
-bool Base64UrlDecode(const std::string& text, std::string* out) {
-  out->clear();
-  uint32_t acc = 0;
-  int bits = 0;
-  for (char c : text) {
-    int d;
-    if (c >= 'A' && c <= 'Z') d = c - 'A';
-    else if (c >= 'a' && c <= 'z') d = c - 'a' + 26;
-    else if (c >= '0' && c <= '9') d = c - '0' + 52;
-    else if (c == '-') d = 62;
-    else if (c == '_') d = 63;
-    else return false;  // padding and the standard alphabet are not base64url
-    acc = (acc << 6) | static_cast<uint32_t>(d);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      out->push_back(static_cast<char>((acc >> bits) & 0xff));
-    }
-  }
-  // A single leftover character carries fewer than 8 bits: not a valid length.
-  return bits < 6 && (acc & ((1u << bits) - 1)) == 0;
-}
-
-// JoseToDer turns the 64-byte r||s of an ES256 signature into DER.
-bool JoseToDer(const std::string& raw, std::string* der) {
-  if (raw.size() != 2 * kEs256PartLen) {
-    return false;
-  }
-  std::unique_ptr<ECDSA_SIG, SigDeleter> sig(ECDSA_SIG_new());
-  BIGNUM* r = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()), kEs256PartLen, nullptr);
-  BIGNUM* s = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()) + kEs256PartLen, kEs256PartLen, nullptr);
-  if (!sig || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
-    BN_free(r);
-    BN_free(s);
-    return false;
-  }
-  unsigned char* buf = nullptr;
-  int len = i2d_ECDSA_SIG(sig.get(), &buf);
-  if (len <= 0) {
-    return false;
-  }
-  std::unique_ptr<unsigned char, OpensslFree> owned(buf);
-  der->assign(reinterpret_cast<char*>(buf), static_cast<size_t>(len));
-  return true;
-}
-
-bool IsP256(EVP_PKEY* key) {
-  char name[64] = {0};
-  size_t len = 0;
-  return EVP_PKEY_get_group_name(key, name, sizeof(name), &len) == 1 && std::string(name) == "prime256v1";
-}
-
-bool VerifyWith(EVP_PKEY* key, const std::string& signed_part, const std::string& sig) {
-  std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
-    return false;
-  }
-  return EVP_DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
-                          reinterpret_cast<const unsigned char*>(signed_part.data()), signed_part.size()) == 1;
-}
 
 }  // namespace
 
@@ -177,47 +105,24 @@ TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provi
   // HMAC secret and unsigned tokens never pass); a signature by a trusted key
   // of the matching type; a validity window that includes now; the claims we
   // read have the right types.
-  size_t dot1 = token.find('.');
-  size_t dot2 = dot1 == std::string::npos ? std::string::npos : token.find('.', dot1 + 1);
-  if (dot2 == std::string::npos || token.find('.', dot2 + 1) != std::string::npos) {
+  Hearth::Jwt::Decoded decoded;
+  if (!Hearth::Jwt::Decode(token, &decoded)) {
     return Status::kMalformed;
   }
-  std::string header_text, payload_text, sig;
-  if (!Base64UrlDecode(token.substr(0, dot1), &header_text) ||
-      !Base64UrlDecode(token.substr(dot1 + 1, dot2 - dot1 - 1), &payload_text) ||
-      !Base64UrlDecode(token.substr(dot2 + 1), &sig)) {
-    return Status::kMalformed;
-  }
-  auto header = Hearth::ParseJson(header_text);
-  auto payload = Hearth::ParseJson(payload_text);
-  if (!header.is_object() || !payload.is_object()) {
-    return Status::kMalformed;
-  }
+  const nlohmann::json& payload = decoded.claims;
   if (claimed_subject != nullptr) {
     auto sub = payload.find("sub");
     *claimed_subject = sub != payload.end() && sub->is_string() ? sub->get<std::string>() : "";
   }
-  auto alg = header.find("alg");
-  if (alg == header.end() || !alg->is_string() || header.contains("crit")) {
+  std::optional<Hearth::Jwt::Alg> alg = Hearth::Jwt::AcceptedAlg(decoded);
+  if (!alg) {
     return Status::kBadAlgorithm;
   }
-  bool es256 = *alg == "ES256";
-  if (!es256 && *alg != "RS256") {
-    return Status::kBadAlgorithm;
-  }
-  std::string signature = sig;
-  if (es256 && !JoseToDer(sig, &signature)) {
-    return Status::kBadSignature;
-  }
-  std::string signed_part = token.substr(0, dot2);
   int64_t now = clock_();
   bool verified = false;
   bool issuer_out_of_validity = false;
   for (const auto& trusted : keys_) {
-    EVP_PKEY* key = trusted.key.get();
-    int id = EVP_PKEY_get_base_id(key);
-    bool usable = es256 ? id == EVP_PKEY_EC && IsP256(key) : id == EVP_PKEY_RSA;
-    if (usable && VerifyWith(key, signed_part, signature)) {
+    if (Hearth::Jwt::VerifySignature(decoded, *alg, trusted.key.get())) {
       // An issuer certificate vouches for its key only within its validity.
       if (now < trusted.not_before || now > trusted.not_after) {
         issuer_out_of_validity = true;
@@ -227,7 +132,6 @@ TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provi
       break;
     }
   }
-  ERR_clear_error();
   if (!verified) {
     return issuer_out_of_validity ? Status::kIssuerNotValid : Status::kBadSignature;
   }

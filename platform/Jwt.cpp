@@ -1,0 +1,275 @@
+#include "platform/Jwt.h"
+
+#include <jansson.h>
+#include <openssl/bio.h>
+#include <openssl/ecdsa.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/JsonParse.h"
+
+namespace Hearth::Jwt {
+namespace {
+
+constexpr size_t kEs256PartLen = 32;
+
+struct JsonDecref {
+  void operator()(json_t* json) const { json_decref(json); }
+};
+using JsonPtr = std::unique_ptr<json_t, JsonDecref>;
+struct FreeDeleter {
+  void operator()(char* p) const { free(p); }
+};
+struct OpensslFree {
+  void operator()(void* p) const { OPENSSL_free(p); }
+};
+struct MdCtxFree {
+  void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
+};
+struct SigFree {
+  void operator()(ECDSA_SIG* s) const { ECDSA_SIG_free(s); }
+};
+
+// The JOSE headers, as the compact sorted JSON every token carries.
+constexpr std::string_view kRs256Header = R"({"alg":"RS256","typ":"JWT"})";
+constexpr std::string_view kEs256Header = R"({"alg":"ES256","typ":"JWT"})";
+
+// Base64Url encodes |data| in the URL-safe alphabet without padding.
+std::string Base64Url(std::string_view data) {
+  std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
+  int len = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                            reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()));
+  out.resize(static_cast<size_t>(len));
+  while (!out.empty() && out.back() == '=') {
+    out.pop_back();
+  }
+  std::replace(out.begin(), out.end(), '+', '-');
+  std::replace(out.begin(), out.end(), '/', '_');
+  return out;
+}
+
+bool Base64UrlDecode(std::string_view text, std::string* out) {
+  out->clear();
+  uint32_t acc = 0;
+  int bits = 0;
+  for (char c : text) {
+    int d;
+    if (c >= 'A' && c <= 'Z') d = c - 'A';
+    else if (c >= 'a' && c <= 'z') d = c - 'a' + 26;
+    else if (c >= '0' && c <= '9') d = c - '0' + 52;
+    else if (c == '-') d = 62;
+    else if (c == '_') d = 63;
+    else return false;  // padding and the standard alphabet are not base64url
+    acc = (acc << 6) | static_cast<uint32_t>(d);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out->push_back(static_cast<char>((acc >> bits) & 0xff));
+    }
+  }
+  // A single leftover character carries fewer than 8 bits: not a valid length.
+  return bits < 6 && (acc & ((1u << bits) - 1)) == 0;
+}
+
+// JoseToDer turns the 64-byte r||s of an ES256 signature into DER.
+bool JoseToDer(const std::string& raw, std::string* der) {
+  if (raw.size() != 2 * kEs256PartLen) {
+    return false;
+  }
+  std::unique_ptr<ECDSA_SIG, SigFree> sig(ECDSA_SIG_new());
+  BIGNUM* r = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()), kEs256PartLen, nullptr);
+  BIGNUM* s = BN_bin2bn(reinterpret_cast<const unsigned char*>(raw.data()) + kEs256PartLen, kEs256PartLen, nullptr);
+  if (!sig || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
+    BN_free(r);
+    BN_free(s);
+    return false;
+  }
+  unsigned char* buf = nullptr;
+  int len = i2d_ECDSA_SIG(sig.get(), &buf);
+  if (len <= 0) {
+    return false;
+  }
+  std::unique_ptr<unsigned char, OpensslFree> owned(buf);
+  der->assign(reinterpret_cast<char*>(buf), static_cast<size_t>(len));
+  return true;
+}
+
+// DerToJose turns a DER ECDSA signature into the 64 bytes r||s of ES256.
+bool DerToJose(const std::string& der, std::string* raw) {
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+  std::unique_ptr<ECDSA_SIG, SigFree> sig(d2i_ECDSA_SIG(nullptr, &p, static_cast<long>(der.size())));
+  if (!sig) {
+    return false;
+  }
+  std::string out(2 * kEs256PartLen, '\0');
+  unsigned char* bytes = reinterpret_cast<unsigned char*>(out.data());
+  if (BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), bytes, kEs256PartLen) < 0 ||
+      BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), bytes + kEs256PartLen, kEs256PartLen) < 0) {
+    return false;
+  }
+  *raw = std::move(out);
+  return true;
+}
+
+bool IsP256(EVP_PKEY* key) {
+  char name[64] = {0};
+  size_t len = 0;
+  return EVP_PKEY_get_group_name(key, name, sizeof(name), &len) == 1 && std::string(name) == "prime256v1";
+}
+
+// SignSha256 signs |input| with SHA-256 by |key| (PKCS#1 v1.5 for RSA, DER
+// for EC).
+bool SignSha256(EVP_PKEY* key, const std::string& input, std::string& out_signature) {
+  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  size_t len = 0;
+  bool ok = ctx != nullptr && EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+            EVP_DigestSign(ctx.get(), nullptr, &len, nullptr, 0) == 1;
+  std::string signature(len, '\0');
+  ok = ok && EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &len,
+                            reinterpret_cast<const unsigned char*>(input.data()), input.size()) == 1;
+  ERR_clear_error();
+  if (!ok) {
+    return false;
+  }
+  signature.resize(len);
+  out_signature = std::move(signature);
+  return true;
+}
+
+bool VerifySha256(EVP_PKEY* key, const std::string& signed_part, const std::string& sig) {
+  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
+    return false;
+  }
+  return EVP_DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(sig.data()), sig.size(),
+                          reinterpret_cast<const unsigned char*>(signed_part.data()), signed_part.size()) == 1;
+}
+
+}  // namespace
+
+void KeyFree::operator()(EVP_PKEY* key) const {
+  EVP_PKEY_free(key);
+}
+
+KeyPtr PrivateKeyFromPem(const std::string& pem) {
+  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  KeyPtr key(PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr));
+  BIO_free(bio);
+  return key;
+}
+
+std::optional<Alg> AlgFor(EVP_PKEY* key) {
+  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
+    return Alg::kRs256;
+  }
+  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_EC && IsP256(key)) {
+    return Alg::kEs256;
+  }
+  return std::nullopt;
+}
+
+Claims::Claims() : json_(json_object()) {}
+
+Claims::~Claims() {
+  json_decref(json_);
+}
+
+bool Claims::SetInt(const char* name, int64_t value) {
+  return json_ != nullptr && json_object_set_new(json_, name, json_integer(value)) == 0;
+}
+
+bool Claims::SetString(const char* name, const std::string& value) {
+  return json_ != nullptr && json_object_set_new(json_, name, json_string(value.c_str())) == 0;
+}
+
+bool Claims::SetStrings(const char* name, const std::vector<std::string>& values) {
+  JsonPtr array(json_array());
+  for (const std::string& v : values) {
+    if (array == nullptr || json_array_append_new(array.get(), json_string(v.c_str())) != 0) {
+      return false;
+    }
+  }
+  return json_ != nullptr && array != nullptr && json_object_set(json_, name, array.get()) == 0;
+}
+
+bool Claims::Merge(const nlohmann::json& object) {
+  JsonPtr parsed(json_loads(object.dump().c_str(), JSON_REJECT_DUPLICATES, nullptr));
+  return json_ != nullptr && parsed != nullptr && json_object_update(json_, parsed.get()) == 0;
+}
+
+std::string Claims::Compact(const char* name) const {
+  json_t* value = json_ != nullptr ? json_object_get(json_, name) : nullptr;
+  std::unique_ptr<char, FreeDeleter> text(value != nullptr ? json_dumps(value, JSON_COMPACT) : nullptr);
+  return text != nullptr ? text.get() : "";
+}
+
+bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token) {
+  if (claims.json_ == nullptr || key == nullptr) {
+    return false;
+  }
+  std::unique_ptr<char, FreeDeleter> payload(
+      json_dumps(claims.json_, JSON_COMPACT | (order == KeyOrder::kSorted ? JSON_SORT_KEYS : 0)));
+  if (payload == nullptr) {
+    return false;
+  }
+  std::string token = Base64Url(alg == Alg::kEs256 ? kEs256Header : kRs256Header) + "." + Base64Url(payload.get());
+  std::string signature;
+  if (!SignSha256(key, token, signature) || (alg == Alg::kEs256 && !DerToJose(signature, &signature))) {
+    return false;
+  }
+  *out_token = token + "." + Base64Url(signature);
+  return true;
+}
+
+bool Decode(const std::string& token, Decoded* out) {
+  size_t dot1 = token.find('.');
+  size_t dot2 = dot1 == std::string::npos ? std::string::npos : token.find('.', dot1 + 1);
+  if (dot2 == std::string::npos || token.find('.', dot2 + 1) != std::string::npos) {
+    return false;
+  }
+  std::string_view text(token);
+  std::string header_text, payload_text;
+  if (!Base64UrlDecode(text.substr(0, dot1), &header_text) ||
+      !Base64UrlDecode(text.substr(dot1 + 1, dot2 - dot1 - 1), &payload_text) ||
+      !Base64UrlDecode(text.substr(dot2 + 1), &out->signature)) {
+    return false;
+  }
+  out->header = ParseJson(header_text);
+  out->claims = ParseJson(payload_text);
+  if (!out->header.is_object() || !out->claims.is_object()) {
+    return false;
+  }
+  out->signing_input = token.substr(0, dot2);
+  return true;
+}
+
+std::optional<Alg> AcceptedAlg(const Decoded& token) {
+  auto alg = token.header.find("alg");
+  if (alg == token.header.end() || !alg->is_string() || token.header.contains("crit")) {
+    return std::nullopt;
+  }
+  if (*alg == "ES256") {
+    return Alg::kEs256;
+  }
+  if (*alg == "RS256") {
+    return Alg::kRs256;
+  }
+  return std::nullopt;
+}
+
+bool VerifySignature(const Decoded& token, Alg alg, EVP_PKEY* key) {
+  int id = EVP_PKEY_get_base_id(key);
+  bool usable = alg == Alg::kEs256 ? id == EVP_PKEY_EC && IsP256(key) : id == EVP_PKEY_RSA;
+  std::string der;
+  bool verified = usable && (alg == Alg::kRs256 || JoseToDer(token.signature, &der)) &&
+                  VerifySha256(key, token.signing_input, alg == Alg::kEs256 ? der : token.signature);
+  ERR_clear_error();
+  return verified;
+}
+
+}  // namespace Hearth::Jwt

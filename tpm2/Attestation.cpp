@@ -409,12 +409,17 @@ ProcessResult Attestation::ContinueSession(const Bytes& ek_digest, const Bytes& 
   }
 
   if (session->State() == SessionState::kReadyForAttestation) {
+    // The base image is looked up by the Hvkernel digest of the log as
+    // replayed against the verified quote.
+    code = session->VerifyEvidence();
     std::string hvkernel = session->HvkernelDigest();
     ExpectedMeasurements expected;
     std::string version;
-    ConfigResult found =
-        Trusted::LookupBaseImage(hvkernel, version, expected.txt_mle_digest, expected.payload_checksums);
-    if (found == ConfigResult::kConfigNotFound) {
+    ConfigResult found = ConfigResult::kConfigOk;
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Attestation failed for session ID: %lu\n", session->Id());
+    } else if ((found = Trusted::LookupBaseImage(hvkernel, version, expected.txt_mle_digest,
+                                                 expected.payload_checksums)) == ConfigResult::kConfigNotFound) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;
     } else if (found != ConfigResult::kConfigOk) {

@@ -67,6 +67,33 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
                               const char* expected_txt_digest, const PayloadChecksumTable* checksums,
                               const QuoteEvidence* evidence);
 
+// What the log says of the boot, read by ReadBootFacts.
+struct BootFacts {
+  // A TXT measured launch: the boot-module tag "b" in PCR 17.
+  bool txt = false;
+  // Lower-case hex SHA-256 of the first Hvkernel tag "k.b00" in the kernel
+  // PCR (19 after a TXT launch, else 12); empty when there is none.
+  std::string hvkernel_digest;
+};
+
+// ReplayEventLog replays |count| events against the SHA256 bank of
+// |evidence|: the SHA-256 digest of each event is extended into its PCR,
+// PCRs 17 to 22 starting from zero when the log records a TXT launch and
+// from all ones otherwise, and PCRs 8 to 22 (except 16) are compared with
+// the quoted values. A PCR with an event that has no single SHA-256 digest
+// cannot be replayed and is left out. |out_replayed| receives the mask
+// (bit n: PCR n) of the PCRs whose replay equals the quoted value. Returns
+// kReplayMismatch for the first replayable PCR that differs.
+VerifyStatus ReplayEventLog(const TcgEventRecord* events, uint32_t count, const QuoteEvidence* evidence,
+                            uint32_t* out_replayed);
+
+// ReadBootFacts reads the boot facts from those of the |count| events that
+// are in the PCRs of the mask |pcrs|; pass the mask ReplayEventLog gave so
+// that only measurements the quote binds are believed. A tagged event
+// counts only when its data holds id, size N and N bytes of text whose last
+// is the only zero.
+BootFacts ReadBootFacts(const TcgEventRecord* events, uint32_t count, uint32_t pcrs);
+
 // FindSha256Digest sets |out| to the one SHA-256 digest (algorithm SHA256,
 // 32 bytes) among |count| digests. Returns kNoSha256Digest when there is
 // none and kDuplicateSha256Digest when there are two or more.

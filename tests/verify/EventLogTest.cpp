@@ -101,7 +101,7 @@ struct LogBuilder {
       }
       records[i] = {e.pcr, e.type, static_cast<uint8_t>(digests[i].size()), digests[i].data(), d.data(),
                     static_cast<uint16_t>(d.size())};
-      if (e.type == v::kEvEventTag && e.pcr < 24) {
+      if (e.pcr < 24) {  // as the TPM extends it, whatever the event
         Bytes input(replay[e.pcr], replay[e.pcr] + 32);
         input.insert(input.end(), digest_bytes[i].begin(), digest_bytes[i].begin() + 32);
         unsigned int out_len;
@@ -219,6 +219,62 @@ TEST(ValidateEventLog, RepairsPayloadInPlace) {
                                                                     b.evidence.get())));
   EXPECT_EQ(Pair(v::kEventInvalidInput), Pair(v::ValidateEventLog(b.records.data(), 3, &b.claims, "", nullptr,
                                                                     b.evidence.get())));
+}
+
+// The boot facts come from the PCRs that replayed only: a TXT launch is the
+// boot-module tag "b" in PCR 17, the Hvkernel digest that of the first
+// boot-module tag "k.b00" in the kernel PCR, 12, or 19 after a TXT launch.
+TEST(ReplayEventLog, BootFactsComeFromReplayedPcrsOnly) {
+  auto tag = [](uint32_t pcr, uint32_t id, const std::string& text, const Bytes& digest) {
+    return Event{pcr, id, text, v::kEvEventTag, 1, false, 0, digest};
+  };
+  const Bytes kernel = Sha256Of("kernel"), later = Sha256Of("later");
+  const std::string k = Hearth::HexString(kernel.data(), 32), l = Hearth::HexString(later.data(), 32);
+  const Event txt = tag(17, 2, "b", Sha256Of("mle"));
+  Event no_sha256 = tag(12, 2, "k.b00", kernel);
+  no_sha256.sha256_digests = 0;
+  const struct {
+    const char* name;
+    std::vector<Event> events;
+    bool launch;    // the quoted boot was a TXT launch
+    int flip = -1;  // a quoted PCR that differs from the log
+    v::VerifyStatus status = v::kVerifyOk;
+    bool txt = false;
+    std::string digest = "";  // empty: none
+  } kRows[] = {
+      {"kernel in PCR 12", {tag(12, 2, "k.b00", kernel)}, false, -1, v::kVerifyOk, false, k},
+      {"first of two wins", {tag(12, 2, "k.b00", kernel), tag(12, 2, "k.b00", later)}, false, -1, v::kVerifyOk,
+       false, k},
+      {"kernel in PCR 19 after TXT", {txt, tag(19, 2, "k.b00", kernel)}, true, -1, v::kVerifyOk, true, k},
+      {"TXT moves the search off PCR 12", {txt, tag(12, 2, "k.b00", kernel)}, true, -1, v::kVerifyOk, true},
+      {"kernel in PCR 19 without TXT", {tag(19, 2, "k.b00", kernel)}, false},
+      {"one character more", {tag(12, 2, "k.b00x", kernel), tag(12, 2, "k.b00", later)}, false, -1, v::kVerifyOk,
+       false, l},
+      {"shorter text", {tag(12, 2, "k.b0", kernel)}, false},
+      {"setting tag id", {tag(12, 5, "k.b00", kernel)}, false},
+      {"TXT tag in the wrong PCR", {tag(18, 2, "b", kernel), tag(12, 2, "k.b00", later)}, false, -1, v::kVerifyOk,
+       false, l},
+      {"untagged events replay too", {{12, 0, "x", 13}, tag(12, 2, "k.b00", kernel)}, false, -1, v::kVerifyOk,
+       false, k},
+      {"kernel PCR differs from the quote", {tag(12, 2, "k.b00", kernel)}, false, 12, v::kReplayMismatch},
+      {"TXT tag without a TXT launch", {txt, tag(19, 2, "k.b00", kernel)}, false, -1, v::kReplayMismatch},
+      {"TXT launch the log leaves out", {tag(12, 2, "k.b00", kernel)}, true, -1, v::kReplayMismatch},
+      {"no SHA-256 digest: PCR left out", {no_sha256}, false},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    LogBuilder b;
+    b.events = row.events;
+    b.claims.txtEnabled = row.launch;
+    b.Build();
+    if (row.flip >= 0) b.evidence->pcrs[1][row.flip][0] ^= 1;
+    uint32_t replayed = 0;
+    uint32_t n = static_cast<uint32_t>(b.records.size());
+    EXPECT_EQ(Pair(row.status), Pair(v::ReplayEventLog(b.records.data(), n, b.evidence.get(), &replayed)));
+    v::BootFacts facts = v::ReadBootFacts(b.records.data(), n, replayed);
+    EXPECT_EQ(row.txt, facts.txt);
+    EXPECT_EQ(row.digest, facts.hvkernel_digest);
+  }
 }
 
 TEST(FindSha256Digest, CountsOnlySha256Of32Bytes) {

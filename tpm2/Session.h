@@ -79,9 +79,11 @@ class Session {
   Bytes QuoteQualifyingData() const;
 
   // The steps. Each checks the state first, moves it forward only on
-  // success and never back; a failure leaves the session as it was. Nothing
-  // is read from the event log before it has been replayed against the
-  // verified quote.
+  // success and never back; a failure leaves the session as it was (except
+  // that Attest may have renamed malformed payload names in the kept log, as
+  // ValidateEventLog does, which changes no later result). Nothing is read
+  // from the event log before it has been replayed against the verified
+  // quote.
   //
   // SetAttestationKey (create-AK): checks |ak_public| against the AK
   // template and |ek_public| against the session's EK, then makes a
@@ -101,7 +103,8 @@ class Session {
   SessionResult SetEventLog(const Bytes& event_log, bool complete);
   // VerifyEvidence (once quote and log are both in) verifies the quote,
   // replays the event log against the quoted PCRs and reads the boot facts
-  // (TXT launch, Hvkernel digest) from the events of the PCRs that replayed.
+  // (TXT launch, Hvkernel digest) from the events of the PCRs that replayed;
+  // kUnknownSoftware when those name no Hvkernel.
   SessionResult VerifyEvidence();
   // Attest validates the replayed event log against |expected|, the trusted
   // measurements of the base image with the verified Hvkernel digest.

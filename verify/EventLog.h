@@ -1,8 +1,11 @@
-// Event log replay and validation: every boot component measured into the
-// hypervisor's PCRs must be a trusted payload of a known base image, the
-// required components and UEFI secure boot must be present, a TXT launch
-// must match the host's claim, and the replayed SHA-256 PCRs must equal the
-// quoted ones. Warnings are logged with the prefix "TPM2VLIB: ".
+// Event log replay and validation. A log is first replayed against the
+// quoted SHA-256 PCRs, and the boot facts (TXT launch, Hvkernel digest) are
+// read only from the PCRs that replayed. Validation then holds it to a base
+// image: every boot component measured into the hypervisor's PCRs must be a
+// trusted payload of that image, the required components and UEFI secure
+// boot must be present, a TXT launch must match the host's claim, and the
+// replayed SHA-256 PCRs must equal the quoted ones. Warnings are logged with
+// the prefix "TPM2VLIB: ".
 #pragma once
 
 #include <cstdint>

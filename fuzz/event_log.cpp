@@ -1,7 +1,8 @@
-// The TCG event log parser over raw logs, then validation over what it
-// parsed. Invariants: a parse either fails with nothing returned or returns
-// records whose sizes add up to no more than the input; validation returns
-// a documented category.
+// The TCG event log parser over raw logs, then replay, boot facts and
+// validation over what it parsed. Invariants: a parse either fails with
+// nothing returned or returns records whose sizes add up to no more than the
+// input; replay marks compared PCRs only; validation returns a documented
+// category.
 #include <cstdlib>
 #include <vector>
 
@@ -48,6 +49,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       {"s.v00", "66687aadf862bd776c8fc18b8e9f8e20089714856ee233b3902a591d0d5f2925"},
   };
   static QuoteEvidence evidence;
+  // Replay, then the facts of what replayed: a mask of compared PCRs only
+  // and a digest that is empty or 32 bytes of hex.
+  uint32_t replayed = 0;
+  VerifyStatus replay = ReplayEventLog(records.data(), static_cast<uint32_t>(records.size()), &evidence, &replayed);
+  if ((replay != kVerifyOk && (replay != kReplayMismatch || replayed != 0)) || (replayed & ~0x7eff00u) != 0) {
+    std::abort();
+  }
+  // The quote here is all zeros, so the facts are read over every PCR too.
+  for (uint32_t pcrs : {replayed, 0xffffffu}) {
+    BootFacts facts = ReadBootFacts(records.data(), static_cast<uint32_t>(records.size()), pcrs);
+    if (!facts.hvkernel_digest.empty() && facts.hvkernel_digest.size() != 64) {
+      std::abort();
+    }
+  }
   for (uint8_t txt : {0, 1}) {
     HostClaims claims{txt};
     VerifyStatus s = ValidateEventLog(records.data(), static_cast<uint32_t>(records.size()), &claims,

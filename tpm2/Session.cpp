@@ -4,7 +4,6 @@
 #include <limits>
 
 #include "platform/Assert.h"
-#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "platform/tcg/Tpm20Cmd.h"
@@ -23,44 +22,51 @@ using Entry = HostCtl::Security::SecurityInfo::TcgEventLog_Entry;
 constexpr size_t kNonceBytes = 32;
 constexpr size_t kSecretBytes = 32;
 constexpr size_t kSha256Bytes = 32;
-constexpr uint32_t kTaggedHeaderBytes = 8;
-// Tagged event id of boot modules and of the TXT launch marker.
-constexpr uint32_t kBootModuleEventId = 2;
-constexpr uint32_t kTxtPcr = 17;
-constexpr uint32_t kTxtKernelPcr = 19;
-constexpr uint32_t kKernelPcr = 12;
-constexpr char kTxtTagText[] = "b";
-constexpr char kKernelTagText[] = "k.b00";
-// Bytes of the kernel tag compared: the text and its terminating zero.
-constexpr uint32_t kKernelTagCompareBytes = 6;
 // The largest event data the verification records can describe.
 constexpr size_t kMaxEventDataBytes = std::numeric_limits<uint16_t>::max();
 
-uint32_t ReadLe32(const uint8_t* p) {
-  return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+// EventRecords are the verification records of the session's events. They
+// point into the events: validation may rewrite a malformed payload name in
+// place, and the events outlive the records and do not change meanwhile.
+struct EventRecords {
+  std::vector<TcgEventRecord> records;
+  std::vector<std::vector<TcgDigest>> digests;
+};
+
+// MakeRecords fills |out| for |events|; false when an event has more
+// digests or data than a record can describe.
+bool MakeRecords(std::vector<Entry>& events, EventRecords* out) {
+  out->records.reserve(events.size());
+  out->digests.reserve(events.size());
+  for (Entry& e : events) {
+    if (e.digests.size() > std::numeric_limits<uint8_t>::max() || e.eventData.size() > kMaxEventDataBytes) {
+      return false;
+    }
+    std::vector<TcgDigest>& d = out->digests.emplace_back();
+    for (const Entry::Digest& digest : e.digests) {
+      d.push_back({digest.algorithm, digest.value.data(), static_cast<uint16_t>(digest.value.size())});
+    }
+    out->records.push_back({e.pcrIndex, e.eventType, static_cast<uint8_t>(d.size()), d.data(),
+                            e.eventData.empty() ? nullptr : e.eventData.data(),
+                            static_cast<uint16_t>(e.eventData.size())});
+  }
+  return true;
 }
 
-// TaggedEvent reads an EV_EVENT_TAG event's id and text. The data must hold
-// id (UINT32 LE), size N (UINT32 LE) and N bytes whose last is the only zero.
-// False for any other event.
-bool TaggedEvent(const Entry& e, uint32_t* out_id, const char** out_text, uint32_t* out_size) {
-  const std::vector<uint8_t>& data = e.eventData;
-  if (e.eventType != kEvEventTag || data.size() < kTaggedHeaderBytes) {
-    return false;
+// EventFailure logs a failed replay or validation of session |id|'s event
+// log and maps it to a result. A log the agent did not declare |complete| is
+// reported as incomplete data rather than as failed measurements.
+SessionResult EventFailure(uint64_t id, VerifyStatus status, bool complete) {
+  Log_Level(kLogError, "Event validation failed for session %lu; error = {%d, %d}\n", id,
+            static_cast<int>(StatusCategory(status)), static_cast<int>(StatusCode(status)));
+  switch (StatusCategory(status)) {
+    case 1:
+      return SessionResult::kInvalidInput;
+    case 7:
+      return SessionResult::kNoSecureBoot;
+    default:
+      return complete ? SessionResult::kVerificationFailed : SessionResult::kIncompleteEventLog;
   }
-  uint32_t size = ReadLe32(data.data() + 4);
-  // Compare with what is left; never add to an untrusted size.
-  if (size == 0 || size > data.size() - kTaggedHeaderBytes) {
-    return false;
-  }
-  const char* text = reinterpret_cast<const char*>(data.data() + kTaggedHeaderBytes);
-  if (text[size - 1] != '\0' || strnlen(text, size) != size - 1) {
-    return false;
-  }
-  *out_id = ReadLe32(data.data());
-  *out_text = text;
-  *out_size = size;
-  return true;
 }
 
 // PcrRead is one TPM2_PCR_Read result: one SHA-256 selection and its values.
@@ -308,51 +314,19 @@ SessionResult Session::SetEventLog(const Bytes& event_log, bool complete) {
     Log_Level(kLogError, "Session not ready for event log: %d\n", static_cast<int>(state_));
     return SessionResult::kInvalidState;
   }
-  if (!HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(event_log.data(), event_log.size(), &events_)) {
+  std::vector<Entry> events;
+  if (!HvkCtl::Security::SecurityInfoImpl::ParseTcgEventLog(event_log.data(), event_log.size(), &events)) {
     Log_Level(kLogError, "Failed to parse event log data\n");
     return SessionResult::kInvalidInput;
   }
-  uint32_t id;
-  const char* text;
-  uint32_t size;
-  txt_ = false;
-  for (const Entry& e : events_) {
-    if (e.pcrIndex == kTxtPcr && TaggedEvent(e, &id, &text, &size) && id == kBootModuleEventId &&
-        std::strcmp(text, kTxtTagText) == 0) {
-      txt_ = true;
-      break;
-    }
-  }
-  Log_Level(kLogVerbose, "TXT Enabled: %d\n", txt_ ? 1 : 0);
+  events_ = std::move(events);
   log_complete_ = complete;
-
-  uint32_t kernel_pcr = txt_ ? kTxtKernelPcr : kKernelPcr;
-  hvkernel_digest_.clear();
-  for (const Entry& e : events_) {
-    if (e.pcrIndex != kernel_pcr || !TaggedEvent(e, &id, &text, &size) || id != kBootModuleEventId ||
-        std::strncmp(text, kKernelTagText, size < kKernelTagCompareBytes ? size : kKernelTagCompareBytes) != 0) {
-      continue;
-    }
-    for (const Entry::Digest& d : e.digests) {
-      if (d.algorithm == kTpmAlgSha256 && d.value.size() == kSha256Bytes) {
-        hvkernel_digest_ = Hearth::HexString(d.value.data(), d.value.size());
-        break;
-      }
-    }
-    if (!hvkernel_digest_.empty()) {
-      break;
-    }
-  }
-  if (hvkernel_digest_.empty()) {
-    Log_Level(kLogError, "Failed to find Hvkernel SHA-256 digest in event log\n");
-    return SessionResult::kUnknownSoftware;
-  }
   state_ = state_ == SessionState::kQuoteReceived ? SessionState::kReadyForAttestation
                                                   : SessionState::kEventLogReceived;
   return SessionResult::kSuccess;
 }
 
-SessionResult Session::Attest(const ExpectedMeasurements& expected) {
+SessionResult Session::VerifyEvidence() {
   MXUser::WriteGuard guard(lock_);
   if (state_ != SessionState::kReadyForAttestation) {
     Log_Level(kLogError, "Session not ready for attestation: %d\n", static_cast<int>(state_));
@@ -367,8 +341,6 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
       return SessionResult::kInvalidInput;
     }
   }
-  Log_Level(kLogVerbose, "Attesting session %lu; hvkernel=%s txt=%d\n", id_, hvkernel_digest_.c_str(), txt_ ? 1 : 0);
-
   evidence->quote = {quoted_.size(), quoted_.data()};
   evidence->signature = {signature_.size(), signature_.data()};
   VerifyStatus status = VerifyQuote(evidence.get(), {ak_public_.size(), ak_public_.data()},
@@ -379,45 +351,50 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
     return StatusCategory(status) == 1 ? SessionResult::kInvalidInput : SessionResult::kVerificationFailed;
   }
 
-  // The records point into the session's events: validation may rewrite a
-  // malformed payload name in place, and the events live as long as this
-  // call needs them.
-  std::vector<TcgEventRecord> records;
-  std::vector<std::vector<TcgDigest>> digests;
-  records.reserve(events_.size());
-  digests.reserve(events_.size());
-  for (Entry& e : events_) {
-    if (e.digests.size() > std::numeric_limits<uint8_t>::max() || e.eventData.size() > kMaxEventDataBytes) {
-      Log_Level(kLogError, "Event log entry too large for validation\n");
-      return SessionResult::kInvalidInput;
-    }
-    std::vector<TcgDigest>& d = digests.emplace_back();
-    for (const Entry::Digest& digest : e.digests) {
-      d.push_back({digest.algorithm, digest.value.data(), static_cast<uint16_t>(digest.value.size())});
-    }
-    records.push_back({e.pcrIndex, e.eventType, static_cast<uint8_t>(d.size()), d.data(),
-                       e.eventData.empty() ? nullptr : e.eventData.data(),
-                       static_cast<uint16_t>(e.eventData.size())});
+  // Parse, replay against the quote, then read facts only from the events of
+  // the PCRs that replayed: what the lookup of the base image and the TXT
+  // claim rest on is what the TPM measured.
+  EventRecords events;
+  if (!MakeRecords(events_, &events)) {
+    Log_Level(kLogError, "Event log entry too large for validation\n");
+    return SessionResult::kInvalidInput;
   }
-  HostClaims claims = {static_cast<uint8_t>(txt_ ? 1 : 0)};
-  static const PayloadChecksumTable kNoChecksums;
-  status = ValidateEventLog(records.data(), static_cast<uint32_t>(records.size()), &claims,
-                            expected.txt_mle_digest.c_str(),
-                            expected.payload_checksums ? expected.payload_checksums.get() : &kNoChecksums,
-                            evidence.get());
+  uint32_t replayed = 0;
+  status = ReplayEventLog(events.records.data(), static_cast<uint32_t>(events.records.size()), evidence.get(),
+                          &replayed);
   if (status != kVerifyOk) {
-    Log_Level(kLogError, "Event validation failed for session %lu; error = {%d, %d}\n", id_,
-              static_cast<int>(StatusCategory(status)), static_cast<int>(StatusCode(status)));
-    switch (StatusCategory(status)) {
-      case 1:
-        return SessionResult::kInvalidInput;
-      case 7:
-        return SessionResult::kNoSecureBoot;
-      default:
-        // A log the agent did not declare whole is reported as incomplete
-        // data rather than as failed measurements.
-        return log_complete_ ? SessionResult::kVerificationFailed : SessionResult::kIncompleteEventLog;
-    }
+    return EventFailure(id_, status, log_complete_);
+  }
+  BootFacts facts = ReadBootFacts(events.records.data(), static_cast<uint32_t>(events.records.size()), replayed);
+  Log_Level(kLogVerbose, "TXT Enabled: %d\n", facts.txt ? 1 : 0);
+  if (facts.hvkernel_digest.empty()) {
+    Log_Level(kLogError, "Failed to find Hvkernel SHA-256 digest in event log\n");
+    return SessionResult::kUnknownSoftware;
+  }
+  evidence_ = std::move(evidence);
+  facts_ = std::move(facts);
+  state_ = SessionState::kEvidenceVerified;
+  return SessionResult::kSuccess;
+}
+
+SessionResult Session::Attest(const ExpectedMeasurements& expected) {
+  MXUser::WriteGuard guard(lock_);
+  if (state_ != SessionState::kEvidenceVerified) {
+    Log_Level(kLogError, "Session not ready for attestation: %d\n", static_cast<int>(state_));
+    return SessionResult::kInvalidState;
+  }
+  Log_Level(kLogVerbose, "Attesting session %lu; hvkernel=%s txt=%d\n", id_, facts_.hvkernel_digest.c_str(),
+            facts_.txt ? 1 : 0);
+  EventRecords events;
+  VERIFY(MakeRecords(events_, &events));  // VerifyEvidence checked the sizes
+  HostClaims claims = {static_cast<uint8_t>(facts_.txt ? 1 : 0)};
+  static const PayloadChecksumTable kNoChecksums;
+  VerifyStatus status =
+      ValidateEventLog(events.records.data(), static_cast<uint32_t>(events.records.size()), &claims,
+                       expected.txt_mle_digest.c_str(),
+                       expected.payload_checksums ? expected.payload_checksums.get() : &kNoChecksums, evidence_.get());
+  if (status != kVerifyOk) {
+    return EventFailure(id_, status, log_complete_);
   }
   state_ = SessionState::kAttested;
   return SessionResult::kSuccess;
@@ -426,7 +403,7 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
 std::vector<std::string> Session::AttestedProperties() {
   MXUser::ReadGuard guard(lock_);
   std::vector<std::string> properties = {"secure_boot"};
-  if (txt_) {
+  if (facts_.txt) {
     properties.push_back("txt");
     properties.push_back("drtm");
   }
@@ -440,7 +417,7 @@ SessionState Session::State() {
 
 std::string Session::HvkernelDigest() {
   MXUser::ReadGuard guard(lock_);
-  return hvkernel_digest_;
+  return facts_.hvkernel_digest;
 }
 
 }  // namespace Witnessd::Tpm2

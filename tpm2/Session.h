@@ -39,7 +39,8 @@ enum class SessionState : int32_t {
   kQuoteReceived = 3,
   kEventLogReceived = 4,
   kReadyForAttestation = 5,
-  kAttested = 6,
+  kEvidenceVerified = 6,
+  kAttested = 7,
 };
 
 // What a successful attestation established, for the signed token.
@@ -50,7 +51,7 @@ struct AttestationOutcome {
 };
 
 // The trusted measurements of the base image whose Hvkernel digest the
-// host's event log carries.
+// host's replayed event log carries.
 struct ExpectedMeasurements {
   std::string txt_mle_digest;  // lower-case hex
   std::shared_ptr<const Verify::PayloadChecksumTable> payload_checksums;
@@ -79,7 +80,11 @@ class Session {
   Bytes QuoteQualifyingData() const;
 
   // The steps. Each checks the state first, moves it forward only on
-  // success and never back; a failure leaves the session as it was.
+  // success and never back; a failure leaves the session as it was (except
+  // that Attest may have renamed malformed payload names in the kept log, as
+  // ValidateEventLog does, which changes no later result). Nothing is read
+  // from the event log before it has been replayed against the verified
+  // quote.
   //
   // SetAttestationKey (create-AK): checks |ak_public| against the AK
   // template and |ek_public| against the session's EK, then makes a
@@ -94,11 +99,16 @@ class Session {
   // reads must cover the required selection exactly.
   SessionResult SetQuote(const Bytes& quoted, const Bytes& signature, const std::vector<Bytes>& pcr_selections,
                          const std::vector<Bytes>& pcr_values);
-  // SetEventLog parses the TCG event log, detects a TXT launch and finds the
-  // Hvkernel digest.
+  // SetEventLog parses the TCG event log and keeps it with |complete|, the
+  // agent's word that the log is whole.
   SessionResult SetEventLog(const Bytes& event_log, bool complete);
-  // Attest verifies the quote and validates the event log against it and
-  // |expected|.
+  // VerifyEvidence (once quote and log are both in) verifies the quote,
+  // replays the event log against the quoted PCRs and reads the boot facts
+  // (TXT launch, Hvkernel digest) from the events of the PCRs that replayed;
+  // kUnknownSoftware when those name no Hvkernel.
+  SessionResult VerifyEvidence();
+  // Attest validates the replayed event log against |expected|, the trusted
+  // measurements of the base image with the verified Hvkernel digest.
   SessionResult Attest(const ExpectedMeasurements& expected);
 
   // AttestedProperties: "secure_boot", then "txt" and "drtm" after a TXT
@@ -106,7 +116,7 @@ class Session {
   std::vector<std::string> AttestedProperties();
   SessionState State();
   // HvkernelDigest is the lower-case hex SHA-256 of the Hvkernel module, once
-  // the event log step succeeded.
+  // VerifyEvidence succeeded; empty before.
   std::string HvkernelDigest();
 
  private:
@@ -125,8 +135,10 @@ class Session {
   std::vector<Bytes> pcr_values_;
   std::vector<HostCtl::Security::SecurityInfo::TcgEventLog_Entry> events_;
   bool log_complete_ = false;
-  bool txt_ = false;
-  std::string hvkernel_digest_;
+  // Set by VerifyEvidence: the quoted PCR values and the boot facts of the
+  // replayed log.
+  std::unique_ptr<Verify::QuoteEvidence> evidence_;
+  Verify::BootFacts facts_;
 };
 
 }  // namespace Witnessd::Tpm2

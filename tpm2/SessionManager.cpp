@@ -267,10 +267,16 @@ ProcessResult SessionManager::ContinueSession(const EkId& ek, const Bytes& conte
   }
 
   if (session->State() == SessionState::kReadyForAttestation) {
+    // The base image is looked up by the Hvkernel digest of the log as
+    // replayed against the verified quote.
+    code = session->VerifyEvidence();
     std::string hvkernel = session->HvkernelDigest();
-    std::shared_ptr<const Trusted::BaseImageData> image = images_.Lookup(hvkernel);
+    std::shared_ptr<const Trusted::BaseImageData> image;
     std::string version;
-    if (image == nullptr) {
+    if (code != SessionResult::kSuccess) {
+      Log_Level(kLogError, "Attestation failed for session ID: %lu
+", session->Id());
+    } else if ((image = images_.Lookup(hvkernel)) == nullptr) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;
     } else {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/ByteCursor.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
 
@@ -10,16 +11,76 @@ namespace {
 
 constexpr uint32_t kSha256Bytes = 32;
 constexpr uint32_t kHvkEventIdSecureBoot = 5;
-constexpr uint32_t kHvkEventIdTxt = 2;
 constexpr uint32_t kTxtPcr = 17;
 constexpr uint32_t kUpdatePcr = 11;
 constexpr uint32_t kSecureBootPcr = 10;
 constexpr const char* kSecureBootPayload = "uefiSecureBootEnabled = TRUE";
 constexpr const char* kTxtPayload = "b";
 constexpr const char* kUnknownPayload = "Unknown";
+constexpr const char* kKernelPayload = "k.b00";
+constexpr uint32_t kKernelPcr = 12;
+constexpr uint32_t kTxtKernelPcr = 19;
+// Tagged event id of boot modules, the TXT launch marker among them.
+constexpr uint32_t kBootModuleEventId = 2;
+// The PCRs a replay is compared on: 8 to 22, except 16 (the debug PCR).
+constexpr uint32_t kComparedPcrs = ((1u << 23) - (1u << 8)) & ~(1u << 16);
+constexpr uint32_t kAllPcrs = (1u << kNumPcrs) - 1;
 
-uint32_t ReadLe32(const uint8_t* p) {
-  return uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) | (uint32_t{p[3]} << 24);
+bool InMask(uint32_t mask, uint32_t pcr) {
+  return pcr < kNumPcrs && ((mask >> pcr) & 1) != 0;
+}
+
+// TaggedText reads an EV_EVENT_TAG event's id and text. The data must hold
+// id (UINT32), size N (UINT32) and N bytes whose last is the only zero.
+// False for any other event.
+bool TaggedText(const TcgEventRecord& e, uint32_t* out_id, const char** out_text) {
+  Hearth::ByteCursor data(e.eventData, e.eventDataSize);
+  uint32_t id, size;
+  const uint8_t* bytes;
+  if (e.eventType != kEvEventTag || !data.U32Le(&id) || !data.U32Le(&size) || size == 0 ||
+      !data.Bytes(size, &bytes)) {
+    return false;
+  }
+  const char* text = reinterpret_cast<const char*>(bytes);
+  if (text[size - 1] != '\0' || strnlen(text, size) != size - 1) {
+    return false;
+  }
+  *out_id = id;
+  *out_text = text;
+  return true;
+}
+
+// RecordsTxtLaunch is true when an event of PCR 17, if |pcrs| has it, is the
+// boot-module tag "b".
+bool RecordsTxtLaunch(const TcgEventRecord* events, uint32_t count, uint32_t pcrs) {
+  uint32_t id;
+  const char* text;
+  for (uint32_t i = 0; events != nullptr && i < count && InMask(pcrs, kTxtPcr); ++i) {
+    if (events[i].pcrIndex == kTxtPcr && TaggedText(events[i], &id, &text) && id == kBootModuleEventId &&
+        std::strcmp(text, kTxtPayload) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// CompareWithQuote compares the replayed SHA-256 PCRs in |pcrs| with the
+// SHA256 bank of |evidence|, lowest first.
+VerifyStatus CompareWithQuote(const uint8_t (*replay)[kSha256Bytes], uint32_t pcrs, const QuoteEvidence* evidence) {
+  const uint8_t(*quoted)[kPcrSlotBytes] = evidence->pcrs[PcrBankIndex(kTpmAlgSha256)];
+  for (uint32_t pcr = 0; pcr < kNumPcrs; ++pcr) {
+    if (!InMask(pcrs, pcr)) {
+      continue;
+    }
+    if (std::memcmp(replay[pcr], quoted[pcr], kSha256Bytes) != 0) {
+      char got[2 * kSha256Bytes + 1], want[2 * kSha256Bytes + 1];
+      Hearth::HexEncode(replay[pcr], kSha256Bytes, got);
+      Hearth::HexEncode(quoted[pcr], kSha256Bytes, want);
+      Warning("TPM2VLIB: PCR %u data mismatch during replay, Got %s Expected: %s", pcr, got, want);
+      return kReplayMismatch;
+    }
+  }
+  return kVerifyOk;
 }
 
 // Which required events were seen.
@@ -86,9 +147,10 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
     // EV_EVENT_TAG data: hvkEventId UINT32, payload length UINT32, payload.
     uint32_t hvk_event_id = 0;
     uint32_t payload_len = 0;
-    if (e.eventData != nullptr && e.eventDataSize >= 8) {
-      hvk_event_id = ReadLe32(e.eventData);
-      payload_len = ReadLe32(e.eventData + 4);
+    Hearth::ByteCursor header(e.eventData, e.eventDataSize);
+    if (!header.U32Le(&hvk_event_id) || !header.U32Le(&payload_len)) {
+      hvk_event_id = 0;
+      payload_len = 0;
     }
     uint64_t check_size = uint64_t{payload_len} + 8;
     if (e.eventType != kEvEventTag || e.eventData == nullptr || e.eventDataSize < check_size) {
@@ -132,7 +194,7 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
       }
       if (status == kVerifyOk) {
         if (e.pcrIndex == core_pcr) {
-          seen.hvkernel |= std::strcmp(payload, "k.b00") == 0;
+          seen.hvkernel |= std::strcmp(payload, kKernelPayload) == 0;
           seen.system |= std::strcmp(payload, "s.v00") == 0;
           seen.system_boot |= std::strcmp(payload, "sb.v00") == 0;
         } else {
@@ -144,7 +206,7 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
         seen.secure_boot = true;
       }
     } else if (e.pcrIndex == kTxtPcr) {
-      if (hvk_event_id == kHvkEventIdTxt && std::strcmp(payload, kTxtPayload) == 0) {
+      if (hvk_event_id == kBootModuleEventId && std::strcmp(payload, kTxtPayload) == 0) {
         if (seen.txt) {
           Warning("TPM2VLIB: Multiple entries found for TXT event");
           status = kTxtEventInvalid;
@@ -186,20 +248,63 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
     return kTxtClaimMismatch;
   }
 
-  const uint8_t(*quoted)[kPcrSlotBytes] = evidence->pcrs[PcrBankIndex(kTpmAlgSha256)];
-  for (uint32_t pcr = 8; pcr <= 22; ++pcr) {
-    if (pcr == 16) {
-      continue;
-    }
-    if (std::memcmp(replay[pcr], quoted[pcr], kSha256Bytes) != 0) {
-      char got[2 * kSha256Bytes + 1], want[2 * kSha256Bytes + 1];
-      Hearth::HexEncode(replay[pcr], kSha256Bytes, got);
-      Hearth::HexEncode(quoted[pcr], kSha256Bytes, want);
-      Warning("TPM2VLIB: PCR %u data mismatch during replay, Got %s Expected: %s", pcr, got, want);
-      return kReplayMismatch;
+  return CompareWithQuote(replay, kComparedPcrs, evidence);
+}
+
+VerifyStatus ReplayEventLog(const TcgEventRecord* events, uint32_t count, const QuoteEvidence* evidence,
+                            uint32_t* out_replayed) {
+  *out_replayed = 0;
+  if ((events == nullptr && count != 0) || evidence == nullptr) {
+    Warning("TPM2VLIB: Invalid input");
+    return kEventInvalidInput;
+  }
+  uint8_t replay[kNumPcrs][kSha256Bytes];
+  std::memset(replay, 0, sizeof(replay));
+  if (!RecordsTxtLaunch(events, count, kAllPcrs)) {
+    for (uint32_t pcr = 17; pcr <= 22; ++pcr) {
+      std::memset(replay[pcr], 0xff, kSha256Bytes);
     }
   }
-  return kVerifyOk;
+  uint32_t replayable = kComparedPcrs;
+  for (uint32_t i = 0; i < count; ++i) {
+    const TcgEventRecord& e = events[i];
+    const TcgDigest* sha256 = nullptr;
+    if (e.pcrIndex >= kNumPcrs) {
+      continue;  // no such PCR: nothing the quote binds
+    }
+    if (FindSha256Digest(e.digests, e.digestCount, &sha256) != kVerifyOk) {
+      replayable &= ~(1u << e.pcrIndex);
+      continue;
+    }
+    Sha256Extend(replay[e.pcrIndex], sha256->digest);
+  }
+  VerifyStatus status = CompareWithQuote(replay, replayable, evidence);
+  if (status == kVerifyOk) {
+    *out_replayed = replayable;
+  }
+  return status;
+}
+
+BootFacts ReadBootFacts(const TcgEventRecord* events, uint32_t count, uint32_t pcrs) {
+  BootFacts facts;
+  facts.txt = RecordsTxtLaunch(events, count, pcrs);
+  const uint32_t kernel_pcr = facts.txt ? kTxtKernelPcr : kKernelPcr;
+  uint32_t id;
+  const char* text;
+  for (uint32_t i = 0; events != nullptr && i < count && InMask(pcrs, kernel_pcr); ++i) {
+    const TcgEventRecord& e = events[i];
+    if (e.pcrIndex != kernel_pcr || !TaggedText(e, &id, &text) || id != kBootModuleEventId ||
+        std::strcmp(text, kKernelPayload) != 0) {
+      continue;
+    }
+    for (uint8_t d = 0; e.digests != nullptr && d < e.digestCount; ++d) {
+      if (e.digests[d].algorithm == kTpmAlgSha256 && e.digests[d].size == kSha256Bytes) {
+        facts.hvkernel_digest = Hearth::HexString(e.digests[d].digest, kSha256Bytes);
+        return facts;
+      }
+    }
+  }
+  return facts;
 }
 
 }  // namespace Witnessd::Verify

@@ -1,8 +1,11 @@
-// Event log replay and validation: every boot component measured into the
-// hypervisor's PCRs must be a trusted payload of a known base image, the
-// required components and UEFI secure boot must be present, a TXT launch
-// must match the host's claim, and the replayed SHA-256 PCRs must equal the
-// quoted ones. Warnings are logged with the prefix "TPM2VLIB: ".
+// Event log replay and validation. A log is first replayed against the
+// quoted SHA-256 PCRs, and the boot facts (TXT launch, Hvkernel digest) are
+// read only from the PCRs that replayed. Validation then holds it to a base
+// image: every boot component measured into the hypervisor's PCRs must be a
+// trusted payload of that image, the required components and UEFI secure
+// boot must be present, a TXT launch must match the host's claim, and the
+// replayed SHA-256 PCRs must equal the quoted ones. Warnings are logged with
+// the prefix "TPM2VLIB: ".
 #pragma once
 
 #include <cstdint>
@@ -66,6 +69,33 @@ inline constexpr VerifyStatus kReplayMismatch = MakeStatus(8, 10);
 VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
                               const char* expected_txt_digest, const PayloadChecksumTable* checksums,
                               const QuoteEvidence* evidence);
+
+// What the log says of the boot, read by ReadBootFacts.
+struct BootFacts {
+  // A TXT measured launch: the boot-module tag "b" in PCR 17.
+  bool txt = false;
+  // Lower-case hex SHA-256 of the first Hvkernel tag "k.b00" in the kernel
+  // PCR (19 after a TXT launch, else 12); empty when there is none.
+  std::string hvkernel_digest;
+};
+
+// ReplayEventLog replays |count| events against the SHA256 bank of
+// |evidence|: the SHA-256 digest of each event is extended into its PCR,
+// PCRs 17 to 22 starting from zero when the log records a TXT launch and
+// from all ones otherwise, and PCRs 8 to 22 (except 16) are compared with
+// the quoted values. A PCR with an event that has no single SHA-256 digest
+// cannot be replayed and is left out. |out_replayed| receives the mask
+// (bit n: PCR n) of the PCRs whose replay equals the quoted value. Returns
+// kReplayMismatch for the first replayable PCR that differs.
+VerifyStatus ReplayEventLog(const TcgEventRecord* events, uint32_t count, const QuoteEvidence* evidence,
+                            uint32_t* out_replayed);
+
+// ReadBootFacts reads the boot facts from those of the |count| events that
+// are in the PCRs of the mask |pcrs|; pass the mask ReplayEventLog gave so
+// that only measurements the quote binds are believed. A tagged event
+// counts only when its data holds id, size N and N bytes of text whose last
+// is the only zero.
+BootFacts ReadBootFacts(const TcgEventRecord* events, uint32_t count, uint32_t pcrs);
 
 // FindSha256Digest sets |out| to the one SHA-256 digest (algorithm SHA256,
 // 32 bytes) among |count| digests. Returns kNoSha256Digest when there is

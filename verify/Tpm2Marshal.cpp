@@ -2,95 +2,34 @@
 
 #include <cstring>
 
+#include "platform/ByteCursor.h"
+
 namespace Witnessd::Verify {
 namespace {
 
-// Bounded big-endian cursor over the input. Every read compares the length
-// it needs with what is left before touching the bytes; a failed read leaves
-// the reader unchanged.
-class ByteReader {
- public:
-  ByteReader(const uint8_t* data, uint32_t len) : data_(data), remaining_(data ? len : 0) {}
+using Hearth::ByteCursor;
 
-  bool GetBytes(size_t n, const uint8_t** out) {
-    if (remaining_ < n) {
-      return false;
-    }
-    *out = data_;
-    data_ += n;
-    remaining_ -= n;
-    consumed_ += n;
-    return true;
+// ReadTpm2b reads a TPM2B (UINT16 size, then that many bytes) of at most
+// |capacity| bytes into size/buffer.
+bool ReadTpm2b(ByteCursor* r, uint16_t capacity, uint16_t* out_size, uint8_t* out_buffer) {
+  uint16_t size;
+  const uint8_t* bytes;
+  if (!r->U16Be(&size) || size > capacity || !r->Bytes(size, &bytes)) {
+    return false;
   }
-  bool GetU8(uint8_t* out) {
-    const uint8_t* p;
-    if (!GetBytes(1, &p)) {
-      return false;
-    }
-    *out = p[0];
-    return true;
-  }
-  bool GetU16(uint16_t* out) {
-    const uint8_t* p;
-    if (!GetBytes(2, &p)) {
-      return false;
-    }
-    *out = static_cast<uint16_t>((p[0] << 8) | p[1]);
-    return true;
-  }
-  bool GetU32(uint32_t* out) {
-    const uint8_t* p;
-    if (!GetBytes(4, &p)) {
-      return false;
-    }
-    *out = (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-    return true;
-  }
-  bool GetU64(uint64_t* out) {
-    uint32_t hi, lo;
-    const uint8_t* save_data = data_;
-    size_t save_remaining = remaining_, save_consumed = consumed_;
-    if (!GetU32(&hi) || !GetU32(&lo)) {
-      data_ = save_data;
-      remaining_ = save_remaining;
-      consumed_ = save_consumed;
-      return false;
-    }
-    *out = (uint64_t{hi} << 32) | lo;
-    return true;
-  }
-  // Reads a TPM2B of at most |capacity| bytes into size/buffer.
-  bool GetTpm2b(uint16_t capacity, uint16_t* out_size, uint8_t* out_buffer) {
-    uint16_t size;
-    const uint8_t* bytes;
-    if (!GetU16(&size) || size > capacity || !GetBytes(size, &bytes)) {
-      return false;
-    }
-    *out_size = size;
-    std::memcpy(out_buffer, bytes, size);
-    return true;
-  }
-  template <typename T>
-  bool GetTpm2b(T* out) {
-    return GetTpm2b(T::kMax, &out->size, out->buffer);
-  }
-  // A sub-reader over the next |n| bytes; this reader moves past them.
-  bool GetSub(size_t n, ByteReader* out) {
-    const uint8_t* p;
-    if (!GetBytes(n, &p)) {
-      return false;
-    }
-    *out = ByteReader(p, static_cast<uint32_t>(n));
-    return true;
-  }
-  size_t Remaining() const { return remaining_; }
-  uint32_t Consumed() const { return static_cast<uint32_t>(consumed_); }
+  *out_size = size;
+  std::memcpy(out_buffer, bytes, size);
+  return true;
+}
+template <typename T>
+bool ReadTpm2b(ByteCursor* r, T* out) {
+  return ReadTpm2b(r, T::kMax, &out->size, out->buffer);
+}
 
- private:
-  const uint8_t* data_;
-  size_t remaining_;
-  size_t consumed_ = 0;
-};
+// Consumed is what a whole read took, as the codec's length type.
+uint32_t Consumed(const ByteCursor& r) {
+  return static_cast<uint32_t>(r.Consumed());
+}
 
 // Bounded big-endian writer; a write that does not fit fails and sets the
 // writer to failed for good, so a chain of writes needs one check at the end.
@@ -163,10 +102,10 @@ bool HaDigestSize(uint16_t alg, uint16_t* out) {
   }
 }
 
-bool ReadHa(ByteReader* r, TPMT_HA* out) {
+bool ReadHa(ByteCursor* r, TPMT_HA* out) {
   uint16_t size;
   const uint8_t* bytes;
-  if (!r->GetU16(&out->hashAlg) || !HaDigestSize(out->hashAlg, &size) || !r->GetBytes(size, &bytes)) {
+  if (!r->U16Be(&out->hashAlg) || !HaDigestSize(out->hashAlg, &size) || !r->Bytes(size, &bytes)) {
     return false;
   }
   std::memcpy(out->digest, bytes, size);
@@ -183,15 +122,15 @@ bool WriteHa(ByteWriter* w, const TPMT_HA& in) {
 }
 
 // TPMS_PCR_SELECTION: hash UINT16, sizeofSelect UINT8, pcrSelect BYTE[sizeofSelect].
-bool ReadPcrSelectionList(ByteReader* r, TPML_PCR_SELECTION* out) {
-  if (!r->GetU32(&out->count) || out->count > kMaxPcrSelections) {  // count UINT32
+bool ReadPcrSelectionList(ByteCursor* r, TPML_PCR_SELECTION* out) {
+  if (!r->U32Be(&out->count) || out->count > kMaxPcrSelections) {  // count UINT32
     return false;
   }
   for (uint32_t i = 0; i < out->count; ++i) {
     TPMS_PCR_SELECTION& s = out->pcrSelections[i];
     const uint8_t* select;
-    if (!r->GetU16(&s.hash) || !r->GetU8(&s.sizeofSelect) || s.sizeofSelect > kMaxSizeofSelect ||
-        !r->GetBytes(s.sizeofSelect, &select)) {
+    if (!r->U16Be(&s.hash) || !r->U8(&s.sizeofSelect) || s.sizeofSelect > kMaxSizeofSelect ||
+        !r->Bytes(s.sizeofSelect, &select)) {
       return false;
     }
     std::memset(s.pcrSelect, 0, sizeof(s.pcrSelect));
@@ -219,12 +158,12 @@ bool WritePcrSelectionList(ByteWriter* w, const TPML_PCR_SELECTION& in) {
   return w->ok();
 }
 
-bool ReadDigestList(ByteReader* r, TPML_DIGEST* out) {
-  if (!r->GetU32(&out->count) || out->count > kMaxDigestListCount) {  // count UINT32
+bool ReadDigestList(ByteCursor* r, TPML_DIGEST* out) {
+  if (!r->U32Be(&out->count) || out->count > kMaxDigestListCount) {  // count UINT32
     return false;
   }
   for (uint32_t i = 0; i < out->count; ++i) {
-    if (!r->GetTpm2b(&out->digests[i])) {  // digests TPM2B_DIGEST[count]
+    if (!ReadTpm2b(r, &out->digests[i])) {  // digests TPM2B_DIGEST[count]
       return false;
     }
   }
@@ -249,21 +188,21 @@ bool SymHasMode(uint16_t alg) {
 
 // TPMT_SYM_DEF_OBJECT: algorithm, then keyBits (the hash for XOR) and mode
 // (block ciphers only); NULL has nothing after the algorithm.
-bool ReadSymDef(ByteReader* r, TPMT_SYM_DEF_OBJECT* out) {
+bool ReadSymDef(ByteCursor* r, TPMT_SYM_DEF_OBJECT* out) {
   out->keyBits = 0;
   out->mode = 0;
-  if (!r->GetU16(&out->algorithm)) {
+  if (!r->U16Be(&out->algorithm)) {
     return false;
   }
   switch (out->algorithm) {
     case kTpmAlgNull:
       return true;
     case kTpmAlgXor:
-      return r->GetU16(&out->keyBits);
+      return r->U16Be(&out->keyBits);
     case kTpmAlgAes:
     case kTpmAlgSm4:
     case kTpmAlgCamellia:
-      return r->GetU16(&out->keyBits) && r->GetU16(&out->mode);
+      return r->U16Be(&out->keyBits) && r->U16Be(&out->mode);
     default:
       return false;
   }
@@ -326,19 +265,19 @@ SchemeDetails SigSchemeDetails(uint16_t scheme) {
 }
 
 // scheme UINT16, then details: hashAlg UINT16 and, for ECDAA, count UINT16.
-bool ReadScheme(ByteReader* r, SchemeDetails (*details)(uint16_t), TPMT_SIG_SCHEME* out) {
+bool ReadScheme(ByteCursor* r, SchemeDetails (*details)(uint16_t), TPMT_SIG_SCHEME* out) {
   out->hashAlg = 0;
   out->count = 0;
-  if (!r->GetU16(&out->scheme)) {
+  if (!r->U16Be(&out->scheme)) {
     return false;
   }
   switch (details(out->scheme)) {
     case SchemeDetails::kNone:
       return true;
     case SchemeDetails::kHash:
-      return r->GetU16(&out->hashAlg);
+      return r->U16Be(&out->hashAlg);
     case SchemeDetails::kHashCount:
-      return r->GetU16(&out->hashAlg) && r->GetU16(&out->count);
+      return r->U16Be(&out->hashAlg) && r->U16Be(&out->count);
     case SchemeDetails::kInvalid:
       break;
   }
@@ -361,19 +300,19 @@ bool WriteScheme(ByteWriter* w, SchemeDetails (*details)(uint16_t), const TPMT_S
 }
 
 // TPMT_KEYEDHASH_SCHEME: HMAC (hash), XOR (hash, kdf) or NULL.
-bool ReadKeyedHashScheme(ByteReader* r, TPMT_SIG_SCHEME* out) {
+bool ReadKeyedHashScheme(ByteCursor* r, TPMT_SIG_SCHEME* out) {
   out->hashAlg = 0;
   out->count = 0;
-  if (!r->GetU16(&out->scheme)) {
+  if (!r->U16Be(&out->scheme)) {
     return false;
   }
   switch (out->scheme) {
     case kTpmAlgNull:
       return true;
     case kTpmAlgHmac:
-      return r->GetU16(&out->hashAlg);
+      return r->U16Be(&out->hashAlg);
     case kTpmAlgXor:
-      return r->GetU16(&out->hashAlg) && r->GetU16(&out->count);
+      return r->U16Be(&out->hashAlg) && r->U16Be(&out->count);
     default:
       return false;
   }
@@ -409,33 +348,33 @@ bool KdfHasHash(uint16_t scheme, bool* out) {
   }
 }
 
-bool ReadPublicArea(ByteReader* r, TPMT_PUBLIC* out) {
+bool ReadPublicArea(ByteCursor* r, TPMT_PUBLIC* out) {
   TPMS_PUBLIC_PARMS& p = out->parameters;
   std::memset(&p, 0, sizeof(p));
-  if (!r->GetU16(&out->type) ||              // type              TPMI_ALG_PUBLIC
-      !r->GetU16(&out->nameAlg) ||           // nameAlg           TPMI_ALG_HASH
-      !r->GetU32(&out->objectAttributes) ||  // objectAttributes  TPMA_OBJECT
-      !r->GetTpm2b(&out->authPolicy)) {      // authPolicy        TPM2B_DIGEST
+  if (!r->U16Be(&out->type) ||              // type              TPMI_ALG_PUBLIC
+      !r->U16Be(&out->nameAlg) ||           // nameAlg           TPMI_ALG_HASH
+      !r->U32Be(&out->objectAttributes) ||  // objectAttributes  TPMA_OBJECT
+      !ReadTpm2b(r, &out->authPolicy)) {      // authPolicy        TPM2B_DIGEST
     return false;
   }
   switch (out->type) {
     case kTpmAlgRsa:  // TPMS_RSA_PARMS, TPM2B_PUBLIC_KEY_RSA
       return ReadSymDef(r, &p.symmetric) && ReadScheme(r, AsymSchemeDetails, &p.scheme) &&
-             r->GetU16(&p.keyBits) && r->GetU32(&p.exponent) && r->GetTpm2b(&out->unique.rsa);
+             r->U16Be(&p.keyBits) && r->U32Be(&p.exponent) && ReadTpm2b(r, &out->unique.rsa);
     case kTpmAlgKeyedHash:  // TPMS_KEYEDHASH_PARMS, TPM2B_DIGEST
-      return ReadKeyedHashScheme(r, &p.scheme) && r->GetTpm2b(&out->unique.sym);
+      return ReadKeyedHashScheme(r, &p.scheme) && ReadTpm2b(r, &out->unique.sym);
     case kTpmAlgSymCipher:  // TPMS_SYMCIPHER_PARMS, TPM2B_DIGEST
-      return ReadSymDef(r, &p.symmetric) && r->GetTpm2b(&out->unique.sym);
+      return ReadSymDef(r, &p.symmetric) && ReadTpm2b(r, &out->unique.sym);
     case kTpmAlgEcc: {  // TPMS_ECC_PARMS, TPMS_ECC_POINT
       bool kdf_hash;
       if (!ReadSymDef(r, &p.symmetric) || !ReadScheme(r, AsymSchemeDetails, &p.scheme) ||
-          !r->GetU16(&p.curveID) || !r->GetU16(&p.kdf.scheme) || !KdfHasHash(p.kdf.scheme, &kdf_hash)) {
+          !r->U16Be(&p.curveID) || !r->U16Be(&p.kdf.scheme) || !KdfHasHash(p.kdf.scheme, &kdf_hash)) {
         return false;
       }
-      if (kdf_hash && !r->GetU16(&p.kdf.hashAlg)) {
+      if (kdf_hash && !r->U16Be(&p.kdf.hashAlg)) {
         return false;
       }
-      return r->GetTpm2b(&out->unique.ecc.x) && r->GetTpm2b(&out->unique.ecc.y);
+      return ReadTpm2b(r, &out->unique.ecc.x) && ReadTpm2b(r, &out->unique.ecc.y);
     }
     default:
       return false;
@@ -474,8 +413,8 @@ bool WritePublicArea(ByteWriter* w, const TPMT_PUBLIC& in) {
   }
 }
 
-bool ReadSignature(ByteReader* r, TPMT_SIGNATURE* out) {
-  if (!r->GetU16(&out->sigAlg)) {  // sigAlg TPMI_ALG_SIG_SCHEME
+bool ReadSignature(ByteCursor* r, TPMT_SIGNATURE* out) {
+  if (!r->U16Be(&out->sigAlg)) {  // sigAlg TPMI_ALG_SIG_SCHEME
     return false;
   }
   switch (out->sigAlg) {
@@ -485,13 +424,13 @@ bool ReadSignature(ByteReader* r, TPMT_SIGNATURE* out) {
       return ReadHa(r, &out->signature.hmac);
     case kTpmAlgRsassa:
     case kTpmAlgRsapss:  // hash, TPM2B_PUBLIC_KEY_RSA
-      return r->GetU16(&out->signature.rsassa.hash) && r->GetTpm2b(&out->signature.rsassa.sig);
+      return r->U16Be(&out->signature.rsassa.hash) && ReadTpm2b(r, &out->signature.rsassa.sig);
     case kTpmAlgEcdsa:
     case kTpmAlgEcdaa:
     case kTpmAlgSm2:
     case kTpmAlgEcschnorr:  // hash, signatureR, signatureS
-      return r->GetU16(&out->signature.ecdsa.hash) && r->GetTpm2b(&out->signature.ecdsa.signatureR) &&
-             r->GetTpm2b(&out->signature.ecdsa.signatureS);
+      return r->U16Be(&out->signature.ecdsa.hash) && ReadTpm2b(r, &out->signature.ecdsa.signatureR) &&
+             ReadTpm2b(r, &out->signature.ecdsa.signatureS);
     default:
       return false;
   }
@@ -528,8 +467,8 @@ uint32_t MarshalSized(const T* in, uint8_t* dst, uint32_t dst_len) {
 
 template <typename T>
 uint32_t UnmarshalSized(const uint8_t* src, uint32_t src_len, T* out) {
-  ByteReader r(src, src_len);
-  return r.GetTpm2b(out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadTpm2b(&r, out) ? Consumed(r) : 0;
 }
 
 }  // namespace
@@ -562,37 +501,37 @@ uint32_t Tpm2_Marshal_TPM2B_PUBLIC(const TPM2B_PUBLIC* in, uint8_t* dst, uint32_
 }
 
 uint32_t Tpm2_Unmarshal_TPM2B_PUBLIC(const uint8_t* src, uint32_t src_len, TPM2B_PUBLIC* out) {
-  ByteReader r(src, src_len);
-  ByteReader area(nullptr, 0);
-  if (!r.GetU16(&out->size) || !r.GetSub(out->size, &area) ||  // size UINT16, publicArea
+  ByteCursor r(src, src_len);
+  ByteCursor area;
+  if (!r.U16Be(&out->size) || !r.Sub(out->size, &area) ||  // size UINT16, publicArea
       !ReadPublicArea(&area, &out->publicArea) || area.Remaining() != 0) {
     return 0;
   }
-  return r.Consumed();
+  return Consumed(r);
 }
 
 uint32_t Tpm2_Unmarshal_TPMT_PUBLIC(const uint8_t* src, uint32_t src_len, TPMT_PUBLIC* out) {
-  ByteReader r(src, src_len);
-  return ReadPublicArea(&r, out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadPublicArea(&r, out) ? Consumed(r) : 0;
 }
 
 uint32_t Tpm2_Unmarshal_TPMS_ATTEST(const uint8_t* src, uint32_t src_len, TPMS_ATTEST* out) {
-  ByteReader r(src, src_len);
-  if (!r.GetU32(&out->magic) ||               // magic            TPM_GENERATED
-      !r.GetU16(&out->type) ||                // type             TPMI_ST_ATTEST
-      out->type != kTpmStAttestQuote ||       //   quotes only
-      !r.GetTpm2b(&out->qualifiedSigner) ||   // qualifiedSigner  TPM2B_NAME
-      !r.GetTpm2b(&out->extraData) ||         // extraData        TPM2B_DATA
-      !r.GetU64(&out->clockInfo.clock) ||     // clockInfo        TPMS_CLOCK_INFO
-      !r.GetU32(&out->clockInfo.resetCount) ||
-      !r.GetU32(&out->clockInfo.restartCount) ||
-      !r.GetU8(&out->clockInfo.safe) ||
-      !r.GetU64(&out->firmwareVersion) ||     // firmwareVersion  UINT64
+  ByteCursor r(src, src_len);
+  if (!r.U32Be(&out->magic) ||                     // magic            TPM_GENERATED
+      !r.U16Be(&out->type) ||                      // type             TPMI_ST_ATTEST
+      out->type != kTpmStAttestQuote ||            //   quotes only
+      !ReadTpm2b(&r, &out->qualifiedSigner) ||     // qualifiedSigner  TPM2B_NAME
+      !ReadTpm2b(&r, &out->extraData) ||           // extraData        TPM2B_DATA
+      !r.U64Be(&out->clockInfo.clock) ||           // clockInfo        TPMS_CLOCK_INFO
+      !r.U32Be(&out->clockInfo.resetCount) ||
+      !r.U32Be(&out->clockInfo.restartCount) ||
+      !r.U8(&out->clockInfo.safe) ||
+      !r.U64Be(&out->firmwareVersion) ||           // firmwareVersion  UINT64
       !ReadPcrSelectionList(&r, &out->pcrSelect) ||  // attested.quote.pcrSelect
-      !r.GetTpm2b(&out->pcrDigest)) {                // attested.quote.pcrDigest
+      !ReadTpm2b(&r, &out->pcrDigest)) {             // attested.quote.pcrDigest
     return 0;
   }
-  return r.Consumed();
+  return Consumed(r);
 }
 
 uint32_t Tpm2_Marshal_TPMT_SIGNATURE(const TPMT_SIGNATURE* in, uint8_t* dst, uint32_t dst_len) {
@@ -601,8 +540,8 @@ uint32_t Tpm2_Marshal_TPMT_SIGNATURE(const TPMT_SIGNATURE* in, uint8_t* dst, uin
 }
 
 uint32_t Tpm2_Unmarshal_TPMT_SIGNATURE(const uint8_t* src, uint32_t src_len, TPMT_SIGNATURE* out) {
-  ByteReader r(src, src_len);
-  return ReadSignature(&r, out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadSignature(&r, out) ? Consumed(r) : 0;
 }
 
 uint32_t Tpm2_Marshal_TPMT_SIG_SCHEME(const TPMT_SIG_SCHEME* in, uint8_t* dst, uint32_t dst_len) {
@@ -611,8 +550,8 @@ uint32_t Tpm2_Marshal_TPMT_SIG_SCHEME(const TPMT_SIG_SCHEME* in, uint8_t* dst, u
 }
 
 uint32_t Tpm2_Unmarshal_TPMT_SIG_SCHEME(const uint8_t* src, uint32_t src_len, TPMT_SIG_SCHEME* out) {
-  ByteReader r(src, src_len);
-  return ReadScheme(&r, SigSchemeDetails, out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadScheme(&r, SigSchemeDetails, out) ? Consumed(r) : 0;
 }
 
 uint32_t Tpm2_Marshal_TPML_PCR_SELECTION(const TPML_PCR_SELECTION* in, uint8_t* dst, uint32_t dst_len) {
@@ -622,8 +561,8 @@ uint32_t Tpm2_Marshal_TPML_PCR_SELECTION(const TPML_PCR_SELECTION* in, uint8_t* 
 
 uint32_t Tpm2_Unmarshal_TPML_PCR_SELECTION(const uint8_t* src, uint32_t src_len,
                                            TPML_PCR_SELECTION* out) {
-  ByteReader r(src, src_len);
-  return ReadPcrSelectionList(&r, out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadPcrSelectionList(&r, out) ? Consumed(r) : 0;
 }
 
 uint32_t Tpm2_Marshal_TPML_DIGEST(const TPML_DIGEST* in, uint8_t* dst, uint32_t dst_len) {
@@ -632,8 +571,8 @@ uint32_t Tpm2_Marshal_TPML_DIGEST(const TPML_DIGEST* in, uint8_t* dst, uint32_t 
 }
 
 uint32_t Tpm2_Unmarshal_TPML_DIGEST(const uint8_t* src, uint32_t src_len, TPML_DIGEST* out) {
-  ByteReader r(src, src_len);
-  return ReadDigestList(&r, out) ? r.Consumed() : 0;
+  ByteCursor r(src, src_len);
+  return ReadDigestList(&r, out) ? Consumed(r) : 0;
 }
 
 }  // namespace Witnessd::Verify

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/ByteCursor.h"
+
 namespace HvkCtl::Security {
 namespace {
 
@@ -12,44 +14,8 @@ constexpr char kSpecIdSignature[16] = "Spec ID Event03";  // with its NUL: 16 by
 constexpr uint32_t kMaxAlgorithms = 16;
 constexpr uint16_t kMaxDigestSize = 128;
 
-// Little-endian cursor (event logs are written by UEFI firmware): each read
-// compares with what is left before touching the bytes.
-class LeReader {
- public:
-  LeReader(const uint8_t* data, size_t len) : data_(data), remaining_(data ? len : 0) {}
-  bool Bytes(size_t n, const uint8_t** out) {
-    if (remaining_ < n) {
-      return false;
-    }
-    *out = data_;
-    data_ += n;
-    remaining_ -= n;
-    return true;
-  }
-  bool U8(uint8_t* out) {
-    const uint8_t* p;
-    if (!Bytes(1, &p)) return false;
-    *out = p[0];
-    return true;
-  }
-  bool U16(uint16_t* out) {
-    const uint8_t* p;
-    if (!Bytes(2, &p)) return false;
-    *out = static_cast<uint16_t>(p[0] | (p[1] << 8));
-    return true;
-  }
-  bool U32(uint32_t* out) {
-    const uint8_t* p;
-    if (!Bytes(4, &p)) return false;
-    *out = uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) | (uint32_t{p[3]} << 24);
-    return true;
-  }
-  size_t Remaining() const { return remaining_; }
-
- private:
-  const uint8_t* data_;
-  size_t remaining_;
-};
+// Event logs are written by UEFI firmware: little-endian throughout.
+using Hearth::ByteCursor;
 
 using Entry = SecurityInfoImpl::Entry;
 using Algorithm = SecurityInfoImpl::Algorithm;
@@ -68,12 +34,12 @@ uint16_t KnownDigestSize(uint16_t alg) {
 }
 
 // TCG_PCClientPCREvent: pcrIndex, eventType, digest[20], eventSize, event.
-bool ReadLegacyEvent(LeReader* r, Entry* out) {
+bool ReadLegacyEvent(ByteCursor* r, Entry* out) {
   const uint8_t* digest;
   uint32_t event_size;
   const uint8_t* event;
-  if (!r->U32(&out->pcrIndex) || !r->U32(&out->eventType) || !r->Bytes(kSha1Size, &digest) ||
-      !r->U32(&event_size) || !r->Bytes(event_size, &event)) {
+  if (!r->U32Le(&out->pcrIndex) || !r->U32Le(&out->eventType) || !r->Bytes(kSha1Size, &digest) ||
+      !r->U32Le(&event_size) || !r->Bytes(event_size, &event)) {
     return false;
   }
   out->digests.assign(1, {kAlgSha1, std::vector<uint8_t>(digest, digest + kSha1Size)});
@@ -86,13 +52,13 @@ bool ReadLegacyEvent(LeReader* r, Entry* out) {
 // specErrata, uintnSize, numberOfAlgorithms, {algorithmId, digestSize}[n],
 // vendorInfoSize, vendorInfo[vendorInfoSize].
 bool ReadSpecIdEvent(const std::vector<uint8_t>& data, std::vector<Algorithm>* out) {
-  LeReader r(data.data(), data.size());
+  ByteCursor r(data.data(), data.size());
   const uint8_t* signature;
   uint32_t platform_class, num_algorithms;
   uint8_t minor, major, errata, uintn_size, vendor_size;
   const uint8_t* vendor;
-  if (!r.Bytes(16, &signature) || !r.U32(&platform_class) || !r.U8(&minor) || !r.U8(&major) || !r.U8(&errata) ||
-      !r.U8(&uintn_size) || !r.U32(&num_algorithms) || num_algorithms == 0 || num_algorithms > kMaxAlgorithms) {
+  if (!r.Bytes(16, &signature) || !r.U32Le(&platform_class) || !r.U8(&minor) || !r.U8(&major) || !r.U8(&errata) ||
+      !r.U8(&uintn_size) || !r.U32Le(&num_algorithms) || num_algorithms == 0 || num_algorithms > kMaxAlgorithms) {
     return false;
   }
   if (major != 2 || (uintn_size != 1 && uintn_size != 2)) {  // TPM 2.0; UINT32 or UINT64 sizes
@@ -101,7 +67,7 @@ bool ReadSpecIdEvent(const std::vector<uint8_t>& data, std::vector<Algorithm>* o
   out->clear();
   for (uint32_t i = 0; i < num_algorithms; ++i) {
     Algorithm a;
-    if (!r.U16(&a.algorithm) || !r.U16(&a.digestSize) || a.digestSize == 0 || a.digestSize > kMaxDigestSize) {
+    if (!r.U16Le(&a.algorithm) || !r.U16Le(&a.digestSize) || a.digestSize == 0 || a.digestSize > kMaxDigestSize) {
       return false;
     }
     uint16_t known = KnownDigestSize(a.algorithm);
@@ -120,15 +86,15 @@ bool ReadSpecIdEvent(const std::vector<uint8_t>& data, std::vector<Algorithm>* o
 
 // TCG_PCR_EVENT2: pcrIndex, eventType, digests (count, {algId,
 // digest[size from the header]}[count]), eventSize, event.
-bool ReadAgileEvent(LeReader* r, const std::vector<Algorithm>& algorithms, Entry* out) {
+bool ReadAgileEvent(ByteCursor* r, const std::vector<Algorithm>& algorithms, Entry* out) {
   uint32_t count;
-  if (!r->U32(&out->pcrIndex) || !r->U32(&out->eventType) || !r->U32(&count) || count > algorithms.size()) {
+  if (!r->U32Le(&out->pcrIndex) || !r->U32Le(&out->eventType) || !r->U32Le(&count) || count > algorithms.size()) {
     return false;
   }
   out->digests.clear();
   for (uint32_t i = 0; i < count; ++i) {
     uint16_t alg;
-    if (!r->U16(&alg)) {
+    if (!r->U16Le(&alg)) {
       return false;
     }
     uint16_t size = 0;
@@ -145,7 +111,7 @@ bool ReadAgileEvent(LeReader* r, const std::vector<Algorithm>& algorithms, Entry
   }
   uint32_t event_size;
   const uint8_t* event;
-  if (!r->U32(&event_size) || !r->Bytes(event_size, &event)) {
+  if (!r->U32Le(&event_size) || !r->Bytes(event_size, &event)) {
     return false;
   }
   out->eventData.assign(event, event + event_size);
@@ -153,7 +119,7 @@ bool ReadAgileEvent(LeReader* r, const std::vector<Algorithm>& algorithms, Entry
 }
 
 bool Parse(const uint8_t* log, size_t len, std::vector<Entry>* out, std::vector<Algorithm>* algorithms) {
-  LeReader r(log, len);
+  ByteCursor r(log, len);
   Entry first;
   if (!ReadLegacyEvent(&r, &first)) {
     return false;

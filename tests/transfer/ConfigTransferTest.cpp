@@ -11,9 +11,8 @@
 #include <nlohmann/json.hpp>
 
 #include "config/SigningKey.h"
-#include "config/tpm2/CaCertificates.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
+#include "config/tpm2/TrustConfiguration.h"
+#include "trusted/BaseImageStore.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
 #include "tests/platform/ssl/TestCerts.h"
@@ -30,38 +29,38 @@ constexpr ConfigResult kOk = ConfigResult::kConfigOk;
 class ConfigTransferTest : public Testing::StoreFixture {
  protected:
   void SetUp() override {
-    StoreFixture::SetUp();
-    Tpm2::ResetTpm2ConfigForTesting();
-    InitConfigLocks();
-    Capture([] { InitConfiguration(); });
+    Capture([&] { transfer_.Restore(); });
   }
 
   std::string Export() {
     std::string text, hash;
-    EXPECT_TRUE(ExportConfiguration(text, hash));
+    EXPECT_TRUE(transfer_.Export(text, hash));
     return text;
   }
 
-  static Tpm2::EkDigest Digest(const std::string& pem) {
-    Tpm2::EkDigest digest;
-    EXPECT_TRUE(Tpm2::ComputeEkDigest(pem, digest));
-    return digest;
+  bool Configured(const std::string& pem) {
+    return trust_.Snapshot()->configured_eks.count(*Tpm2::EkIdOf(pem)) != 0;
   }
+
+  StatusConditions conditions_;
+  SigningKeys keys_{store_};
+  Tpm2::TrustConfiguration trust_{store_};
+  Trusted::BaseImageStore images_{store_, conditions_};
+  ConfigTransfer transfer_{store_, keys_, trust_, images_};
 };
 
 TEST_F(ConfigTransferTest, ExportLeavesTheSigningKeyBehindAndHashesTheText) {
   Testing::TestKey ek = Testing::MakeKey();
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", ek.public_pem));
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("ek1", ek.public_pem));
   std::string text, hash, again_text, again_hash;
-  ASSERT_TRUE(ExportConfiguration(text, hash));
-  ASSERT_TRUE(ExportConfiguration(again_text, again_hash));
+  ASSERT_TRUE(transfer_.Export(text, hash));
+  ASSERT_TRUE(transfer_.Export(again_text, again_hash));
   EXPECT_EQ(text, again_text);
   EXPECT_EQ(hash, again_hash);
   std::string expected;
   ASSERT_TRUE(Orm::Common::SslUtils::ComputeHashHex(text, expected));
   EXPECT_EQ(expected, hash);
-  std::string key;
-  ASSERT_TRUE(GetSigningKey(key));
+  ASSERT_FALSE(keys_.Current()->key.empty());
   EXPECT_NE(std::string::npos, text.find("ek1"));
   EXPECT_EQ(std::string::npos, text.find("PRIVATE KEY"));
   EXPECT_EQ(std::string::npos, text.find(kKeyCertificate + std::string("\"")));
@@ -71,28 +70,24 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
   Testing::TestKey kept = Testing::MakeKey();
   Testing::TestKey dropped = Testing::MakeKey();
   Testing::TestPki pki;
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("kept", kept.public_pem));
-  ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(true, true));
-  ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
-  ASSERT_EQ(kOk, Tpm2::AddCaCertificates(std::string(kMaxRecordNameBytes, 'c'), {pki.intermediate.pem}));
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("kept", kept.public_pem));
+  ASSERT_EQ(kOk, trust_.UpdateTpm2Settings(true, true));
+  ASSERT_EQ(kOk, trust_.AddCaCertificates("pki", {pki.root.pem}));
+  ASSERT_EQ(kOk, trust_.AddCaCertificates(std::string(kMaxRecordNameBytes, 'c'), {pki.intermediate.pem}));
   std::string exported = Export();
 
   // Change everything.
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("dropped", dropped.public_pem));
-  ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(true, false));
-  ASSERT_EQ(kOk, Tpm2::DeleteCaCertificates("pki"));
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("dropped", dropped.public_pem));
+  ASSERT_EQ(kOk, trust_.UpdateTpm2Settings(true, false));
+  ASSERT_EQ(kOk, trust_.DeleteCaCertificates("pki"));
 
-  ASSERT_EQ(kOk, ImportConfiguration(exported));
+  ASSERT_EQ(kOk, transfer_.Import(exported));
   EXPECT_EQ(exported, Export());
-  bool eks = false, certs = false;
-  Tpm2::GetTpm2Settings(eks, certs);
-  EXPECT_TRUE(certs) << "settings cache reloaded";
-  EXPECT_FALSE(Tpm2::IsEkConfigured(Digest(dropped.public_pem)));
-  EXPECT_TRUE(Tpm2::IsEkConfigured(Digest(kept.public_pem)));
-  Tpm2::CaCertList cas = Tpm2::GetAllCaCertificates();
-  ASSERT_NE(nullptr, cas);
-  EXPECT_EQ(2u, cas->size());
-  ExpectLocksReleased();
+  EXPECT_TRUE(trust_.Snapshot()->require_certificate_validation) << "snapshot reloaded";
+  EXPECT_FALSE(Configured(dropped.public_pem));
+  EXPECT_TRUE(Configured(kept.public_pem));
+  EXPECT_NE(nullptr, trust_.Snapshot()->cas);
+  EXPECT_EQ(2u, trust_.Snapshot()->ca_certificates.size());
 }
 
 // Refused texts include keys other than the exported ones and records the
@@ -101,15 +96,15 @@ TEST_F(ConfigTransferTest, ImportReplacesAndReloadsCaches) {
 TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
   Testing::TestKey ek = Testing::MakeKey();
   Testing::TestPki pki;
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", ek.public_pem));
-  ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
-  ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(false, true));
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("ek1", ek.public_pem));
+  ASSERT_EQ(kOk, trust_.AddCaCertificates("pki", {pki.root.pem}));
+  ASSERT_EQ(kOk, trust_.UpdateTpm2Settings(false, true));
   std::string before = Export();
-  ASSERT_EQ(kOk, Tpm2::DeleteEndorsementKey("ek1"));
+  ASSERT_EQ(kOk, trust_.DeleteEndorsementKey("ek1"));
   std::string without_ek = Export();
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", ek.public_pem));
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("ek1", ek.public_pem));
   std::string signing_key;
-  ASSERT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", signing_key));
+  ASSERT_TRUE(ReadConfigValue(*store_, kKeyCertificate, kComponent, kGroup, "private_key", signing_key));
 
   // Edit returns |before| changed by |change|; record(key) finds a record.
   using nlohmann::json;
@@ -182,35 +177,32 @@ TEST_F(ConfigTransferTest, RefusedImportChangesNothing) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     if (c.store_fails) {
-      Store()->FailSqliteCallAfter(3);
+      store_->FailSqliteCallAfter(3);
     }
-    std::string log = Capture([&] { EXPECT_EQ(ConfigResult::kConfigError, ImportConfiguration(c.text)); });
+    std::string log = Capture([&] { EXPECT_EQ(ConfigResult::kConfigError, transfer_.Import(c.text)); });
     EXPECT_NE(std::string::npos, log.find("Failed to import configuration")) << log;
     EXPECT_NE(std::string::npos, log.find(c.reason)) << log;
     EXPECT_EQ(before, Export());
     std::string key_now;
-    EXPECT_TRUE(ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key_now));
+    EXPECT_TRUE(ReadConfigValue(*store_, kKeyCertificate, kComponent, kGroup, "private_key", key_now));
     EXPECT_EQ(signing_key, key_now);
-    EXPECT_TRUE(Tpm2::IsEkConfigured(Digest(ek.public_pem))) << "EK set unchanged";
-    bool eks = true, certs = false;
-    Tpm2::GetTpm2Settings(eks, certs);
-    EXPECT_FALSE(eks);
-    EXPECT_TRUE(certs);
-    ExpectLocksReleased();
+    EXPECT_TRUE(Configured(ek.public_pem)) << "EK set unchanged";
+    EXPECT_FALSE(trust_.Snapshot()->require_endorsement_keys);
+    EXPECT_TRUE(trust_.Snapshot()->require_certificate_validation);
   }
 }
 
 TEST_F(ConfigTransferTest, RestoreLogsEachStoredKey) {
   Testing::TestPki pki;
-  ASSERT_EQ(kOk, Tpm2::AddEndorsementKey("ek1", Testing::MakeKey().public_pem));
-  ASSERT_EQ(kOk, Tpm2::AddCaCertificates("pki", {pki.root.pem}));
-  ASSERT_EQ(kOk, Tpm2::UpdateTpm2Settings(true, true));
-  std::string log = Capture([] { InitConfiguration(); });
+  ASSERT_EQ(kOk, trust_.AddEndorsementKey("ek1", Testing::MakeKey().public_pem));
+  ASSERT_EQ(kOk, trust_.AddCaCertificates("pki", {pki.root.pem}));
+  ASSERT_EQ(kOk, trust_.UpdateTpm2Settings(true, true));
+  std::string log = Capture([&] { transfer_.Restore(); });
   EXPECT_NE(std::string::npos, log.find("Restoring configuration key tpm2_ca_certificates instance pki")) << log;
   EXPECT_NE(std::string::npos, log.find("Restoring configuration key tpm2_endorsement_keys instance ek1"));
   EXPECT_NE(std::string::npos, log.find("Restoring configuration key tpm2_settings"));
-  EXPECT_EQ(kOk, Tpm2::DeleteEndorsementKey("ek1"));
-  EXPECT_TRUE(Store()->GetBootStatus(MakeId(kKeyTpm2Settings)));
+  EXPECT_EQ(kOk, trust_.DeleteEndorsementKey("ek1"));
+  EXPECT_TRUE(store_->GetBootStatus(MakeId(kKeyTpm2Settings)));
 }
 
 }  // namespace

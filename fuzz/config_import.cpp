@@ -1,15 +1,16 @@
 // Configuration import over arbitrary text, into a real store in a scratch
-// sysroot holding a signing key pair. Invariants: the answer is kConfigOk or
+// directory holding a signing key pair. Invariants: the answer is kConfigOk or
 // kConfigError; the signing key pair is never replaced or deleted; whatever
 // an import accepted exports to a text that imports again.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "config/SigningKey.h"
-#include "transfer/ConfigTransfer.h"
 #include "platform/Log.h"
+#include "transfer/ConfigTransfer.h"
 
 using namespace Witnessd::Config;
 using namespace Witnessd::Transfer;
@@ -18,32 +19,42 @@ namespace {
 
 constexpr const char* kKey = "fuzz signing key";
 
-std::string& Sysroot() {
-  static std::string dir;
-  return dir;
-}
+// What the daemon would build, over a store in a scratch directory.
+struct Daemon {
+  std::string dir;
+  Store store;
+  StatusConditions conditions;
+  std::unique_ptr<SigningKeys> keys;
+  std::unique_ptr<Tpm2::TrustConfiguration> trust;
+  std::unique_ptr<Witnessd::Trusted::BaseImageStore> images;
+  std::unique_ptr<ConfigTransfer> transfer;
+};
 
-bool SetUp() {
-  Sysroot() = (std::filesystem::temp_directory_path() / "config-import-XXXXXX").string();
-  if (mkdtemp(Sysroot().data()) == nullptr) {
+Daemon& Make() {
+  static Daemon d;
+  d.dir = (std::filesystem::temp_directory_path() / "config-import-XXXXXX").string();
+  if (mkdtemp(d.dir.data()) == nullptr) {
     std::abort();
   }
   std::atexit([] {
     std::error_code ignored;
-    std::filesystem::remove_all(Sysroot(), ignored);
+    std::filesystem::remove_all(d.dir, ignored);
   });
-  setenv("WITNESSD_SYSROOT", Sysroot().c_str(), 1);
   Log_SetMaxLevel(kLogPanic);  // every refused input logs its reason
-  InitConfigLocks();
-  if (!SaveSigningKey("fuzz certificate", kKey)) {
+  d.store = HyvConfig::HyvConfigStore::Open(d.dir + "/configstore.db");
+  d.keys = std::make_unique<SigningKeys>(d.store);
+  d.trust = std::make_unique<Tpm2::TrustConfiguration>(d.store);
+  d.images = std::make_unique<Witnessd::Trusted::BaseImageStore>(d.store, d.conditions);
+  d.transfer = std::make_unique<ConfigTransfer>(d.store, *d.keys, *d.trust, *d.images);
+  if (!d.keys->Save("fuzz certificate", kKey)) {
     std::abort();
   }
-  return true;
+  return d;
 }
 
-void CheckSigningKey() {
+void CheckSigningKey(Daemon& d) {
   std::string key;
-  if (!ReadConfigValue(kKeyCertificate, kComponent, kGroup, "private_key", key) || key != kKey) {
+  if (!ReadConfigValue(*d.store, kKeyCertificate, kComponent, kGroup, "private_key", key) || key != kKey) {
     std::abort();
   }
 }
@@ -51,17 +62,16 @@ void CheckSigningKey() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool ready = SetUp();
-  (void)ready;
+  static Daemon& d = Make();
   std::string text(reinterpret_cast<const char*>(data), size);
-  ConfigResult result = ImportConfiguration(text);
+  ConfigResult result = d.transfer->Import(text);
   if (result != ConfigResult::kConfigOk && result != ConfigResult::kConfigError) {
     std::abort();
   }
-  CheckSigningKey();
+  CheckSigningKey(d);
   if (result == ConfigResult::kConfigOk) {
     std::string exported, hash;
-    if (!ExportConfiguration(exported, hash) || ImportConfiguration(exported) != ConfigResult::kConfigOk) {
+    if (!d.transfer->Export(exported, hash) || d.transfer->Import(exported) != ConfigResult::kConfigOk) {
       std::abort();
     }
   }

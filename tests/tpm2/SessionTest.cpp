@@ -6,9 +6,10 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
+#include "config/tpm2/EkId.h"
 #include "platform/Log.h"
-#include "platform/ssl/SslUtils.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/LogCapture.h"
 #include "tools/BootLog.h"
@@ -32,9 +33,10 @@ class SessionTest : public testing::Test {
     ASSERT_TRUE(host_->EkPublic(&ek_public_));
     std::string pem;
     ASSERT_TRUE(Agent::EkPublicPem(ek_public_, &pem));
-    Orm::Common::SslUtils::CanonicalizePem(pem);
-    ASSERT_TRUE(Orm::Common::SslUtils::ComputeHash(pem, ek_digest_));
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    std::optional<Config::Tpm2::EkId> id = Config::Tpm2::EkIdOf(pem);
+    ASSERT_TRUE(id);
+    ek_id_ = *id;
+    session_ = std::make_unique<Session>(ek_id_, 0);
   }
 
   // Activate runs create-AK and activate-AK with the host's real answers.
@@ -77,7 +79,7 @@ class SessionTest : public testing::Test {
 
   std::unique_ptr<Agent::HostTpm> host_;
   Bytes ek_public_;
-  Bytes ek_digest_;
+  Config::Tpm2::EkId ek_id_{};
   std::unique_ptr<Session> session_;
 };
 
@@ -85,7 +87,7 @@ TEST_F(SessionTest, WholeConversationInEitherOrder) {
   for (bool log_first : {false, true}) {
     for (bool txt : {false, true}) {
       SCOPED_TRACE(std::string(log_first ? "log first" : "quote first") + (txt ? ", TXT" : ""));
-      session_ = std::make_unique<Session>(ek_digest_, 0);
+      session_ = std::make_unique<Session>(ek_id_, 0);
       BootPlan plan;
       plan.txt = txt;
       Activate();
@@ -141,7 +143,7 @@ TEST_F(SessionTest, StepsOutOfStateAreRefusedAndChangeNothing) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    session_ = std::make_unique<Session>(ek_id_, 0);
     if (c.activated) {
       Activate();
     }
@@ -254,7 +256,7 @@ TEST_F(SessionTest, KernelDigestSearch) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    session_ = std::make_unique<Session>(ek_id_, 0);
     Activate();
     SessionResult code;
     std::string log = Capture([&] { code = session_->SetEventLog(Agent::WriteEventLog(c.events), true); });
@@ -348,7 +350,7 @@ TEST_F(SessionTest, PcrReadsMustCoverTheRequestedSelectionOnce) {
   for (const auto& c : kCases) {
     for (bool strict : {true, false}) {
       SCOPED_TRACE(std::string(c.name) + (strict ? ", strict" : ", lenient"));
-      session_ = std::make_unique<Session>(ek_digest_, 0, strict);
+      session_ = std::make_unique<Session>(ek_id_, 0, strict);
       Activate();
       Quote q = MeasureAndQuote(plan);
       ASSERT_EQ(2u, q.selections.size());
@@ -397,7 +399,7 @@ TEST_F(SessionTest, VerificationFailuresMapToCodes) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    session_ = std::make_unique<Session>(ek_id_, 0);
     Activate();
     Quote q = MeasureAndQuote(plan);
     c.change_quote(q);

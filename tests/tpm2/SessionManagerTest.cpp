@@ -47,9 +47,6 @@ struct ManualClock {
   }
 };
 
-// The daemon's objects over the fixture's store: the Report service with the
-// real session manager, a trust configuration requiring the host's EK, and a
-// base image matching its boot.
 class SessionManagerTest : public Testing::StoreFixture {
  protected:
   void SetUp() override {
@@ -66,8 +63,7 @@ class SessionManagerTest : public Testing::StoreFixture {
     Build(SessionLimits{}, 0);
   }
 
-  // Build makes the session manager, the token signer and the Report service
-  // anew.
+  // Build makes the session manager, the token signer and the Report service anew.
   void Build(const SessionLimits& limits, int64_t validity_seconds) {
     report_.reset();
     manager_ = std::make_unique<SessionManager>(limits, images_, clock_.Fn());

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 
 #include "config/tpm2/EkId.h"
 #include "platform/Log.h"
@@ -33,9 +32,7 @@ class SessionTest : public testing::Test {
     ASSERT_TRUE(host_->EkPublic(&ek_public_));
     std::string pem;
     ASSERT_TRUE(Agent::EkPublicPem(ek_public_, &pem));
-    std::optional<Config::Tpm2::EkId> id = Config::Tpm2::EkIdOf(pem);
-    ASSERT_TRUE(id);
-    ek_id_ = *id;
+    ek_id_ = Config::Tpm2::EkIdOf(pem).value();
     session_ = std::make_unique<Session>(ek_id_, 0);
   }
 

@@ -18,46 +18,51 @@
 #include "bench/RatioReporter.h"
 #include "config/Configuration.h"
 #include "config/SigningKey.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
+#include "config/tpm2/TrustConfiguration.h"
+#include "document/AttestationToken.h"
 #include "platform/Log.h"
-#include "platform/configstore/ConfigStore.h"
 #include "tests/tpm2/InProcessReport.h"
 #include "tools/Agent.h"
-#include "tpm2/Attestation.h"
+#include "tpm2/SessionManager.h"
+#include "trusted/BaseImageStore.h"
 
 namespace {
 
 using namespace Witnessd;
 
-// World is one configured daemon state in a temporary sysroot: signing key,
-// the host's EK, a base image matching its boot.
+// A temporary directory, removed with everything in it.
+struct TempDir {
+  std::string path = [] {
+    std::string pattern = (std::filesystem::temp_directory_path() / "witnessd-bench-XXXXXX").string();
+    return std::string(mkdtemp(pattern.data()));
+  }();
+  ~TempDir() { std::filesystem::remove_all(path); }
+};
+
+// World is the daemon's objects over a store in a temporary directory:
+// signing key, the host's EK, a base image matching its boot.
 struct World {
-  std::string sysroot;
+  TempDir dir;  // outlives the store
+  Config::Store store = HyvConfig::HyvConfigStore::Open(dir.path + "/configstore.db");
+  Config::StatusConditions status;
+  Config::SigningKeys keys{store};
+  Config::Tpm2::TrustConfiguration trust{store};
+  Trusted::BaseImageStore images{store, status};
+  Tpm2::SessionManager manager{Tpm2::SessionLimits{}, images};
+  Document::TokenSigner signer{keys, 0};
+  AttestApi::ReportImpl report{trust, manager, signer};
   std::unique_ptr<Agent::HostTpm> host = Agent::MakeSoftwareHost(/*reuse_ak=*/true);
-  std::unique_ptr<Tpm2::Attestation> manager;
-  std::unique_ptr<AttestApi::ReportImpl> report;
 
   World() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "witnessd-bench-XXXXXX").string();
-    sysroot = mkdtemp(pattern.data());
-    setenv("WITNESSD_SYSROOT", sysroot.c_str(), 1);
-    Config::InitConfigLocks();
-    Config::EnsureSigningKey();
-    Config::Tpm2::InitTpm2Config();
-    Config::Tpm2::UpdateTpm2Settings(true, false);
+    keys.Ensure();
+    trust.Load();
+    trust.UpdateTpm2Settings(true, false);
     std::vector<uint8_t> ek;
     std::string ek_pem;
     host->EkPublic(&ek);
     Agent::EkPublicPem(ek, &ek_pem);
-    Config::Tpm2::AddEndorsementKey("bench", ek_pem);
-    Testing::PutBaseImage(Agent::BootPlan{}, "8.0.1-1");
-    manager = std::make_unique<Tpm2::Attestation>(Tpm2::SessionLimits{});
-    report = std::make_unique<AttestApi::ReportImpl>(manager.get());
-  }
-  ~World() {
-    HyvConfig::ConfigStore::Reset();
-    std::filesystem::remove_all(sysroot);
+    trust.AddEndorsementKey("bench", ek_pem);
+    Testing::PutBaseImage(images, Agent::BootPlan{}, "8.0.1-1");
   }
 };
 
@@ -72,7 +77,7 @@ void BM_AttestationDaemonSide(benchmark::State& state) {
   Agent::AttestOptions options;
   options.measure_boot = false;  // the software host's PCRs keep the first boot
   Agent::AttestResult first = Agent::AttestWith(w.host.get(), Agent::AttestOptions{},
-                                                Testing::InProcessTransport(w.report.get()));
+                                                Testing::InProcessTransport(&w.report));
   if (!first.ok) {
     state.SkipWithError(("attestation failed: " + first.failure + first.error_id).c_str());
     return;
@@ -84,7 +89,7 @@ void BM_AttestationDaemonSide(benchmark::State& state) {
       call();
       seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     };
-    Agent::AttestResult r = Agent::AttestWith(w.host.get(), options, Testing::InProcessTransport(w.report.get(), timed));
+    Agent::AttestResult r = Agent::AttestWith(w.host.get(), options, Testing::InProcessTransport(&w.report, timed));
     if (!r.ok) {
       state.SkipWithError(("attestation failed: " + r.failure + r.error_id).c_str());
       break;

@@ -3,13 +3,12 @@
 #include <cstdio>
 
 #include "config/Configuration.h"
-#include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Testing {
 
 using AttestApi::ReportSvc;
 
-bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version) {
+bool PutBaseImage(Trusted::BaseImageStore& images, const Agent::BootPlan& plan, const std::string& version) {
   using namespace Trusted;
   PakEntry base{"hyv-base", version, "Quarro", "bootbank", "base", {}};
   base.payloads.push_back(
@@ -23,9 +22,10 @@ bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version) {
   if (!AddPakToBaseImage(image, base)) {
     return false;
   }
-  int status = 0;
-  HyvConfig::ConfigStore::GetStore(HyvConfig::ConfigStore::sGlobalNamespace)->SetObject(image, status);
-  ClearBaseImageCache();
+  images.Write([&](HyvConfig::HyvConfigStore& store) {
+    int status = 0;
+    store.SetObject(image, status);
+  });
   return true;
 }
 

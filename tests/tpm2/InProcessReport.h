@@ -11,13 +11,14 @@
 #include "api/services/ReportSvc.h"
 #include "tests/support/AttestedBoot.h"
 #include "tools/Agent.h"
+#include "trusted/BaseImageStore.h"
 
 namespace Witnessd::Testing {
 
-// PutBaseImage stores base image |version| in the current store with the
-// payload checksums and TXT MLE digest that |plan| measures. False when the
-// record cannot be made.
-bool PutBaseImage(const Agent::BootPlan& plan, const std::string& version);
+// PutBaseImage stores base image |version| through |images| with the payload
+// checksums and TXT MLE digest that |plan| measures. False when the record
+// cannot be made.
+bool PutBaseImage(Trusted::BaseImageStore& images, const Agent::BootPlan& plan, const std::string& version);
 
 // InProcessTransport makes each Report call on |report|. |timed|, when
 // given, runs the call (benchmarks time it).

@@ -7,6 +7,8 @@
 #include <functional>
 #include <memory>
 
+#include "config/tpm2/EkId.h"
+#include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/LogCapture.h"
@@ -30,9 +32,8 @@ class SessionTest : public testing::Test {
     ASSERT_TRUE(host_->EkPublic(&ek_public_));
     std::string pem;
     ASSERT_TRUE(Agent::EkPublicPem(ek_public_, &pem));
-    Orm::Common::SslUtils::CanonicalizePem(pem);
-    ASSERT_TRUE(Orm::Common::SslUtils::ComputeHash(pem, ek_digest_));
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    ek_id_ = Config::Tpm2::EkIdOf(pem).value();
+    session_ = std::make_unique<Session>(ek_id_, 0);
   }
 
   // Activate runs create-AK and activate-AK with the host's real answers.
@@ -75,7 +76,7 @@ class SessionTest : public testing::Test {
 
   std::unique_ptr<Agent::HostTpm> host_;
   Bytes ek_public_;
-  Bytes ek_digest_;
+  Config::Tpm2::EkId ek_id_{};
   std::unique_ptr<Session> session_;
 };
 
@@ -83,7 +84,7 @@ TEST_F(SessionTest, WholeConversationInEitherOrder) {
   for (bool log_first : {false, true}) {
     for (bool txt : {false, true}) {
       SCOPED_TRACE(std::string(log_first ? "log first" : "quote first") + (txt ? ", TXT" : ""));
-      session_ = std::make_unique<Session>(ek_digest_, 0);
+      session_ = std::make_unique<Session>(ek_id_, 0);
       BootPlan plan;
       plan.txt = txt;
       Activate();
@@ -141,7 +142,7 @@ TEST_F(SessionTest, StepsOutOfStateAreRefusedAndChangeNothing) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    session_ = std::make_unique<Session>(ek_id_, 0);
     if (c.activated) {
       Activate();
     }
@@ -304,7 +305,7 @@ TEST_F(SessionTest, PcrReadsMustCoverTheRequestedSelectionOnce) {
   for (const auto& c : kCases) {
     for (bool strict : {true, false}) {
       SCOPED_TRACE(std::string(c.name) + (strict ? ", strict" : ", lenient"));
-      session_ = std::make_unique<Session>(ek_digest_, 0, strict);
+      session_ = std::make_unique<Session>(ek_id_, 0, strict);
       Activate();
       Quote q = MeasureAndQuote(plan);
       ASSERT_EQ(2u, q.selections.size());
@@ -353,7 +354,7 @@ TEST_F(SessionTest, VerificationFailuresMapToCodes) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    session_ = std::make_unique<Session>(ek_digest_, 0);
+    session_ = std::make_unique<Session>(ek_id_, 0);
     Activate();
     Quote q = MeasureAndQuote(plan);
     c.change_quote(q);

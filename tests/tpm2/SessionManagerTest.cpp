@@ -3,15 +3,13 @@
 // store, so every report error is provoked by what a host actually sends.
 #include <gtest/gtest.h>
 
-
 #include <functional>
 #include <memory>
 
 #include "api/errors/ErrorCatalogue.h"
 #include "api/services/ReportImpl.h"
 #include "config/SigningKey.h"
-#include "config/tpm2/EndorsementKeys.h"
-#include "config/tpm2/Tpm2Settings.h"
+#include "config/tpm2/TrustConfiguration.h"
 #include "document/AttestationToken.h"
 #include "platform/Hearth.h"
 #include "platform/Log.h"
@@ -22,7 +20,7 @@
 #include "tests/support/TokenCheck.h"
 #include "tests/tpm2/InProcessReport.h"
 #include "tools/Agent.h"
-#include "tpm2/Attestation.h"
+#include "tpm2/SessionManager.h"
 #include "tpm2/CredentialProtection.h"
 #include "tpm2/proto/attestation.pb.h"
 #include "transfer/ConfigTransfer.h"
@@ -44,53 +42,61 @@ using Testing::Hex;
 // A clock the test moves by hand.
 struct ManualClock {
   uint64_t now_us = 1000000;
-  Attestation::Clock Fn() {
+  SessionManager::Clock Fn() {
     return [this] { return now_us; };
   }
 };
 
-class AttestationTest : public Testing::StoreFixture {
+class SessionManagerTest : public Testing::StoreFixture {
  protected:
   void SetUp() override {
-    StoreFixture::SetUp();
-    Config::Tpm2::ResetTpm2ConfigForTesting();
-    Trusted::ClearBaseImageCache();
-    Config::InitConfigLocks();
-    Config::EnsureSigningKey();
-    Config::Tpm2::InitTpm2Config();
-    ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::UpdateTpm2Settings(true, false));
+    keys_.Ensure();
+    trust_.Load();
+    ASSERT_EQ(ConfigResult::kConfigOk, trust_.UpdateTpm2Settings(true, false));
     host_ = Agent::MakeSoftwareHost(/*reuse_ak=*/true);
     Bytes ek_public;
     ASSERT_TRUE(host_->EkPublic(&ek_public));
     ASSERT_TRUE(Agent::EkPublicPem(ek_public, &ek_pem_));
-    ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("ek1", ek_pem_));
-    ASSERT_TRUE(Testing::PutBaseImage(Agent::BootPlan{}, kVersion));
-    manager_ = std::make_unique<Attestation>(SessionLimits{}, clock_.Fn());
-    report_ = std::make_unique<ReportImpl>(manager_.get());
+    ASSERT_EQ(ConfigResult::kConfigOk, trust_.AddEndorsementKey("ek1", ek_pem_));
+    ek_id_ = Config::Tpm2::EkIdOf(ek_pem_).value();
+    ASSERT_TRUE(Testing::PutBaseImage(images_, Agent::BootPlan{}, kVersion));
+    Build(SessionLimits{}, 0);
+  }
+
+  // Build makes the session manager, the token signer and the Report service anew.
+  void Build(const SessionLimits& limits, int64_t validity_seconds) {
+    report_.reset();
+    manager_ = std::make_unique<SessionManager>(limits, images_, clock_.Fn());
+    signer_ = std::make_unique<Document::TokenSigner>(keys_, validity_seconds);
+    report_ = std::make_unique<ReportImpl>(trust_, *manager_, *signer_);
   }
 
   Agent::AttestResult Run(const Agent::AttestOptions& options) {
     return Agent::AttestWith(host_.get(), options, Testing::InProcessTransport(report_.get()));
   }
 
-  size_t EkCount() { return manager_->EkSessionCount(Attestation::EkDigestOf(ek_pem_)); }
+  size_t EkCount() { return manager_->EkSessionCount(ek_id_); }
 
+  // Decode verifies a token with the report-signing certificate; null when
+  // the signature does not verify.
+  std::shared_ptr<jwt_t> Decode(const std::string& token) {
+    return Testing::DecodeToken(token, keys_.Current()->certificate);
+  }
+
+  Config::StatusConditions status_;
+  Config::SigningKeys keys_{store_};
+  Config::Tpm2::TrustConfiguration trust_{store_};
+  Trusted::BaseImageStore images_{store_, status_};
   ManualClock clock_;
   std::unique_ptr<Agent::HostTpm> host_;
   std::string ek_pem_;
-  std::unique_ptr<Attestation> manager_;
+  Config::Tpm2::EkId ek_id_{};
+  std::unique_ptr<SessionManager> manager_;
+  std::unique_ptr<Document::TokenSigner> signer_;
   std::unique_ptr<ReportImpl> report_;
 };
 
-// Decode verifies a token with the report-signing certificate; null when
-// the signature does not verify.
-std::shared_ptr<jwt_t> Decode(const std::string& token) {
-  std::string cert_pem;
-  EXPECT_TRUE(Config::GetSigningCertificate(cert_pem));
-  return Testing::DecodeToken(token, cert_pem);
-}
-
-TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
+TEST_F(SessionManagerTest, SoftwareHostAttestsAndGetsSignedTokens) {
   const struct {
     const char* name;
     bool txt;
@@ -107,8 +113,8 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
     if (c.new_signing_pair) {
       std::string key, cert;
       ASSERT_TRUE(Orm::Common::SslUtils::GenerateKeyAndCert(key, cert));
-      ASSERT_TRUE(Config::SaveSigningKey(cert, key));
-      Config::EnsureSigningKey();
+      ASSERT_TRUE(keys_.Save(cert, key));
+      keys_.Ensure();
     }
     Agent::AttestOptions options;
     options.boot.txt = c.txt;
@@ -151,16 +157,15 @@ TEST_F(AttestationTest, SoftwareHostAttestsAndGetsSignedTokens) {
     EXPECT_EQ(0u, EkCount());
   }
   Trusted::StoredBaseImage image;
-  ASSERT_EQ(ConfigResult::kConfigOk, Trusted::ReadBaseImage(kVersion, image));
+  ASSERT_EQ(ConfigResult::kConfigOk, images_.Read(kVersion, image));
   EXPECT_FALSE(image.last_attested_time.empty());
   EXPECT_EQ(3u, manager_->Statistics().success);
 }
 
-TEST_F(AttestationTest, ConfiguredValidityIsUsedAsIs) {
-  Document::SetTokenValiditySeconds(90);
+TEST_F(SessionManagerTest, ConfiguredValidityIsUsedAsIs) {
+  Build(SessionLimits{}, 90);
   Agent::AttestResult r;
   Capture([&] { r = Run({}); });
-  Document::SetTokenValiditySeconds(0);
   ASSERT_TRUE(r.ok) << r.failure << r.error_id;
   auto jwt = Decode(r.documents[0].second);
   ASSERT_NE(nullptr, jwt);
@@ -168,7 +173,7 @@ TEST_F(AttestationTest, ConfiguredValidityIsUsedAsIs) {
 }
 
 // Each failure a host can cause ends its session with one report error.
-TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
+TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
   using Agent::Fault;
   const struct {
     const char* name;
@@ -214,7 +219,7 @@ TEST_F(AttestationTest, HostFaultsMapToReportErrors) {
   }
 }
 
-TEST_F(AttestationTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
+TEST_F(SessionManagerTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
   Agent::AttestOptions options;
   options.boot.payload_digests[Agent::kKernelPayload] = Bytes(32, 0x42);
   Agent::AttestResult r;
@@ -226,14 +231,15 @@ TEST_F(AttestationTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
 
 // Proven sessions (credential activated) hold their EK's places; deleting
 // and re-adding the EK, or importing the configuration, loses none of them.
-TEST_F(AttestationTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
+TEST_F(SessionManagerTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
   Agent::AttestOptions hold;
   hold.max_turns = 3;  // first call, AK created, credential activated
   for (int i = 0; i < 5; i++) {
     Capture([&] { EXPECT_TRUE(Run(hold).error_id.empty()); });
   }
+  Transfer::ConfigTransfer transfer(store_, keys_, trust_, images_);
   std::string exported, hash;
-  ASSERT_TRUE(Transfer::ExportConfiguration(exported, hash));
+  ASSERT_TRUE(transfer.Export(exported, hash));
   const struct {
     const char* name;
     std::function<void()> change;
@@ -241,10 +247,10 @@ TEST_F(AttestationTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
       {"none", [] {}},
       {"EK deleted and added again",
        [&] {
-         ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::DeleteEndorsementKey("ek1"));
-         ASSERT_EQ(ConfigResult::kConfigOk, Config::Tpm2::AddEndorsementKey("ek1", ek_pem_));
+         ASSERT_EQ(ConfigResult::kConfigOk, trust_.DeleteEndorsementKey("ek1"));
+         ASSERT_EQ(ConfigResult::kConfigOk, trust_.AddEndorsementKey("ek1", ek_pem_));
        }},
-      {"configuration imported", [&] { ASSERT_EQ(ConfigResult::kConfigOk, Transfer::ImportConfiguration(exported)); }},
+      {"configuration imported", [&] { ASSERT_EQ(ConfigResult::kConfigOk, transfer.Import(exported)); }},
   };
   for (const auto& c : kChanges) {
     SCOPED_TRACE(c.name);
@@ -274,12 +280,11 @@ TEST_F(AttestationTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
 
 // A full table ends its oldest unproven session for a new one, whatever
 // the EK; a table of proven sessions refuses.
-TEST_F(AttestationTest, FullTableEndsTheOldestUnprovenSessionFirst) {
+TEST_F(SessionManagerTest, FullTableEndsTheOldestUnprovenSessionFirst) {
   SessionLimits limits;
   limits.max_sessions = 2;
   limits.max_sessions_per_ek = 20;
-  manager_ = std::make_unique<Attestation>(limits, clock_.Fn());
-  report_ = std::make_unique<ReportImpl>(manager_.get());
+  Build(limits, 0);
   Agent::AttestOptions unproven;
   unproven.max_turns = 1;
   Agent::AttestOptions proven;
@@ -303,18 +308,18 @@ TEST_F(AttestationTest, FullTableEndsTheOldestUnprovenSessionFirst) {
 }
 
 // Steps against one session driven by hand, for what the agent cannot fake.
-class ManualConversation : public AttestationTest {
+class ManualConversation : public SessionManagerTest {
  protected:
   using Context = attestation::proto::Context;
 
-  ProcessResult Call(const std::string& ek_pem, const std::optional<Context>& context) {
+  ProcessResult Call(const Config::Tpm2::EkId& ek, const std::optional<Context>& context) {
     std::optional<Bytes> bytes;
     if (context) {
       std::string s = context->SerializeAsString();
       bytes = Bytes(s.begin(), s.end());
     }
     ProcessResult r;
-    last_log_ = Capture([&] { r = manager_->ProcessRequest(ek_pem, bytes); });
+    last_log_ = Capture([&] { r = manager_->ProcessRequest(ek, bytes); });
     return r;
   }
 
@@ -328,7 +333,7 @@ class ManualConversation : public AttestationTest {
 };
 
 TEST_F(ManualConversation, ExpiredSessionIsUnknownAndCountsFromCreation) {
-  ProcessResult first = Call(ek_pem_, std::nullopt);
+  ProcessResult first = Call(ek_id_, std::nullopt);
   ASSERT_EQ(SessionResult::kSuccess, first.code);
   Context in = Parse(first);
   ASSERT_EQ(1, in.messages_size());
@@ -346,14 +351,14 @@ TEST_F(ManualConversation, ExpiredSessionIsUnknownAndCountsFromCreation) {
   Context next;
   next.set_session_id(in.session_id());
   next.add_messages()->mutable_activate_ak_response()->set_cert_info(std::string(34, '\0'));
-  ProcessResult r = Call(ek_pem_, next);
+  ProcessResult r = Call(ek_id_, next);
   EXPECT_EQ(SessionResult::kUnknownSession, r.code);
   EXPECT_NE(std::string::npos, last_log_.find("Invalid session ID: " + std::to_string(in.session_id())));
   EXPECT_EQ(std::string::npos, last_log_.find("End session"));
 }
 
 TEST_F(ManualConversation, RequestsThatNameNoUsableSessionLeaveItAlive) {
-  ProcessResult first = Call(ek_pem_, std::nullopt);
+  ProcessResult first = Call(ek_id_, std::nullopt);
   ASSERT_EQ(SessionResult::kSuccess, first.code);
   uint64_t id = Parse(first).session_id();
 
@@ -361,6 +366,7 @@ TEST_F(ManualConversation, RequestsThatNameNoUsableSessionLeaveItAlive) {
   Bytes other_ek;
   std::string other_pem;
   ASSERT_TRUE(other->EkPublic(&other_ek) && Agent::EkPublicPem(other_ek, &other_pem));
+  const Config::Tpm2::EkId other_id = Config::Tpm2::EkIdOf(other_pem).value();
 
   Context no_id;
   no_id.add_messages();
@@ -375,26 +381,26 @@ TEST_F(ManualConversation, RequestsThatNameNoUsableSessionLeaveItAlive) {
     std::string text = c.SerializeAsString();
     return Bytes(text.begin(), text.end());
   };
-  manager_->EndRefusedSession(other_pem, serialized(one_message));
-  manager_->EndRefusedSession(ek_pem_, serialized(no_id));
+  manager_->EndRefusedSession(other_id, serialized(one_message));
+  manager_->EndRefusedSession(ek_id_, serialized(no_id));
   EXPECT_EQ(1u, manager_->SessionCount());
 
   const struct {
     const char* name;
-    std::string ek;
+    Config::Tpm2::EkId ek;
     std::optional<Context> context;
     std::string raw;  // sent instead of |context| when not empty
     SessionResult code;
     const char* log;
     bool session_survives;
   } kCases[] = {
-      {"garbage context", ek_pem_, std::nullopt, "\xff\xff\xff", SessionResult::kInvalidInput,
+      {"garbage context", ek_id_, std::nullopt, "\xff\xff\xff", SessionResult::kInvalidInput,
        "Invalid attestation context", true},
-      {"no session id", ek_pem_, no_id, "", SessionResult::kUnknownSession, "No session ID specified in context",
+      {"no session id", ek_id_, no_id, "", SessionResult::kUnknownSession, "No session ID specified in context",
        true},
-      {"another EK", other_pem, one_message, "", SessionResult::kInvalidInput, "Ek public key not valid for session",
+      {"another EK", other_id, one_message, "", SessionResult::kInvalidInput, "Ek public key not valid for session",
        true},
-      {"no messages", ek_pem_, no_messages, "", SessionResult::kInvalidInput, "Context specifies no messages", false},
+      {"no messages", ek_id_, no_messages, "", SessionResult::kInvalidInput, "Context specifies no messages", false},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -441,11 +447,11 @@ TEST_F(ManualConversation, IncompleteResponsesAreInvalidInput) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    ProcessResult first = Call(ek_pem_, std::nullopt);
+    ProcessResult first = Call(ek_id_, std::nullopt);
     ASSERT_EQ(SessionResult::kSuccess, first.code);
     Context in = c.context;
     in.set_session_id(Parse(first).session_id());
-    ProcessResult r = Call(ek_pem_, in);
+    ProcessResult r = Call(ek_id_, in);
     EXPECT_EQ(SessionResult::kInvalidInput, r.code);
     EXPECT_NE(std::string::npos, last_log_.find(c.log)) << last_log_;
     EXPECT_NE(std::string::npos, last_log_.find("Failed attestation for session ID: "));

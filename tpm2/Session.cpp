@@ -232,14 +232,11 @@ SessionResult Session::SetAttestationKey(const Bytes& ak_public, const Bytes& ek
     return SessionResult::kInvalidInput;
   }
   bool ek_matches = false;
-  std::string ek_pem;
-  if (!Tpm20Cmd::ConvertTpm2PubtoPem(ek_public, ek_pem)) {
+  std::optional<std::string> ek_der = Tpm20Cmd::Tpm2PubSpkiDer(ek_public);
+  if (!ek_der) {
     Log_Level(kLogError, "Failed to extract EK public key in PEM format\n");
   } else {
-    std::optional<Config::Tpm2::EkId> id = Config::Tpm2::EkIdOf(ek_pem);
-    if (!id) {
-      Log_Level(kLogError, "Failed to compute EK public digest\n");
-    } else if (*id != ek_) {
+    if (Config::Tpm2::EkIdOfSpkiDer(*ek_der) != ek_) {
       Log_Level(kLogError, "EK public key digest does not match\n");
     } else {
       ek_matches = true;

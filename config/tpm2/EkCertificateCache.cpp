@@ -1,5 +1,7 @@
 #include "config/tpm2/EkCertificateCache.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -58,6 +60,28 @@ std::optional<EkCertCheck> EkCertificateCache::Check(const std::string& pem, con
     Insert(*key, *check);
   }
   return check;
+}
+
+std::optional<EkId> EkCertificateCache::KeyId(const std::string& pem) {
+  std::array<uint8_t, 32> digest;
+  unsigned int size = 0;
+  if (EVP_Digest(pem.data(), pem.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1 || size != digest.size()) {
+    return EkIdOf(pem);
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = key_ids_.find(digest);
+    if (it != key_ids_.end()) {
+      return it->second;
+    }
+  }
+  std::optional<EkId> id = EkIdOf(pem);  // parsed outside the lock
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (key_ids_.size() >= kMaxKeyIds) {
+    key_ids_.clear();
+  }
+  key_ids_.emplace(digest, id);
+  return id;
 }
 
 void EkCertificateCache::Insert(const Key& key, const EkCertCheck& check) {

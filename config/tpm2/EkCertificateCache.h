@@ -17,6 +17,8 @@
 
 #include "platform/ssl/SslUtils.h"
 
+#include "config/tpm2/EkId.h"
+
 namespace Witnessd::Config::Tpm2 {
 
 // The largest EK certificate taken, in DER bytes; real ones are a few KiB.
@@ -48,6 +50,13 @@ class EkCertificateCache {
   // cache, without making it more recent.
   bool Contains(const std::string& pem, const Orm::Common::TrustStore& cas) const;
 
+  // KeyId is EkIdOf(|pem|), remembered by the text's digest: parsing a
+  // public key costs far more than the rest of a Report call, and a host
+  // presents the same text on every call. At most kMaxKeyIds texts are kept;
+  // the set starts over when full.
+  static constexpr size_t kMaxKeyIds = 4096;
+  std::optional<EkId> KeyId(const std::string& pem);
+
   size_t Entries() const;
   // Bytes is the memory charged for the kept verdicts.
   size_t Bytes() const;
@@ -78,6 +87,7 @@ class EkCertificateCache {
   Order order_;                                    // guarded by mutex_
   std::map<Key, Order::iterator, KeyLess> index_;  // guarded by mutex_
   size_t bytes_ = 0;                               // guarded by mutex_
+  std::map<std::array<uint8_t, 32>, std::optional<EkId>> key_ids_;  // guarded by mutex_
 };
 
 }  // namespace Witnessd::Config::Tpm2

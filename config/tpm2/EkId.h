@@ -16,6 +16,9 @@ using EkId = std::array<uint8_t, 32>;
 // EkIdOf is the identity of the public key |pem|; nullopt when |pem| is not a
 // key usable as an EK (RSA of at least 2048 bits, or EC).
 std::optional<EkId> EkIdOf(const std::string& pem);
+// EkIdOfSpkiDer is the identity of the key whose SubjectPublicKeyInfo DER is
+// |der|, for keys already known to be usable.
+EkId EkIdOfSpkiDer(const std::string& der);
 // EkIdHex is |id| in lower-case hex, as the logs print it.
 std::string EkIdHex(const EkId& id);
 

@@ -14,7 +14,7 @@ EkIdentity IdentifyEk(const TrustSnapshot& trust, const PresentedEk& ek, EkCerti
     return identity;
   }
   if (ek.public_key != nullptr) {
-    identity.id = EkIdOf(*ek.public_key);
+    identity.id = certificates.KeyId(*ek.public_key);
     if (require_validation) {
       Log_Level(kLogError, "EK public key provided when EK certificate required\n");
       identity.verdict = EkVerdict::kCertificateRequired;
@@ -39,7 +39,7 @@ EkIdentity IdentifyEk(const TrustSnapshot& trust, const PresentedEk& ek, EkCerti
   std::optional<Orm::Common::EkCertCheck> presented =
       certificates.Check(*ek.certificate, require_validation ? trust.cas : none);
   if (presented) {
-    identity.id = EkIdOf(presented->key);
+    identity.id = certificates.KeyId(presented->key);
   }
   if (!identity.id) {
     Log_Level(kLogError, "Invalid EK certificate format\n");

@@ -8,6 +8,7 @@
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <openssl/rsa.h>
 #include <tss2/tss2_mu.h>
 
@@ -28,13 +29,16 @@ constexpr uint32_t kDefaultExponent = 65537;
 
 }  // namespace
 
-bool ConvertTpm2PubtoPem(const std::vector<uint8_t>& tpm2b_public, std::string& out_pem) {
+namespace {
+
+// RsaOf is the RSA public key in |tpm2b_public|; null when it holds none.
+RsaPtr RsaOf(const std::vector<uint8_t>& tpm2b_public) {
   TPM2B_PUBLIC pub = {};
   size_t offset = 0;
   if (Tss2_MU_TPM2B_PUBLIC_Unmarshal(tpm2b_public.data(), tpm2b_public.size(), &offset, &pub) != TSS2_RC_SUCCESS ||
       offset != tpm2b_public.size() || pub.publicArea.type != TPM2_ALG_RSA ||
       pub.publicArea.unique.rsa.size == 0) {
-    return false;
+    return nullptr;
   }
   uint32_t exponent = pub.publicArea.parameters.rsaDetail.exponent;
   if (exponent == 0) {
@@ -45,10 +49,32 @@ bool ConvertTpm2PubtoPem(const std::vector<uint8_t>& tpm2b_public, std::string& 
   RsaPtr rsa(RSA_new());
   if (n == nullptr || e == nullptr || rsa == nullptr || BN_set_word(e.get(), exponent) != 1 ||
       RSA_set0_key(rsa.get(), n.get(), e.get(), nullptr) != 1) {
-    return false;
+    return nullptr;
   }
   n.release();  // owned by |rsa| now
   e.release();
+  return rsa;
+}
+
+}  // namespace
+
+std::optional<std::string> Tpm2PubSpkiDer(const std::vector<uint8_t>& tpm2b_public) {
+  RsaPtr rsa = RsaOf(tpm2b_public);
+  unsigned char* der = nullptr;
+  int len = rsa == nullptr ? -1 : i2d_RSA_PUBKEY(rsa.get(), &der);
+  if (len <= 0) {
+    return std::nullopt;
+  }
+  std::string out(reinterpret_cast<const char*>(der), static_cast<size_t>(len));
+  OPENSSL_free(der);
+  return out;
+}
+
+bool ConvertTpm2PubtoPem(const std::vector<uint8_t>& tpm2b_public, std::string& out_pem) {
+  RsaPtr rsa = RsaOf(tpm2b_public);
+  if (rsa == nullptr) {
+    return false;
+  }
   BioPtr bio(BIO_new(BIO_s_mem()));
   if (bio == nullptr || PEM_write_bio_RSA_PUBKEY(bio.get(), rsa.get()) != 1) {
     return false;

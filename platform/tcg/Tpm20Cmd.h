@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,5 +14,8 @@ namespace Tpm20Cmd {
 // TPM's encoding of 65537. Returns false for anything that does not decode or
 // is not an RSA key; |out_pem| is then unchanged.
 bool ConvertTpm2PubtoPem(const std::vector<uint8_t>& tpm2b_public, std::string& out_pem);
+// Tpm2PubSpkiDer is the same RSA public key as SubjectPublicKeyInfo DER;
+// nullopt when |tpm2b_public| holds none.
+std::optional<std::string> Tpm2PubSpkiDer(const std::vector<uint8_t>& tpm2b_public);
 
 }  // namespace Tpm20Cmd

@@ -116,6 +116,7 @@ std::shared_ptr<Lumen::Provider::ApiProvider> AssembleProvider(
   AuditSwitch::Decide(files.audit_switch);
   registrar->Register(std::make_shared<AuditObserver>());
   registrar->Register(std::make_shared<TrafficObserver>(std::move(traffic), std::move(errors)));
+  registrar->Register(std::make_shared<CallMetricsObserver>());
 
   if (localizer) {
     Lumen::L10n::LocalizerHelpers::SetDefaultLocalizer(localizer);

@@ -207,13 +207,15 @@ void CallRegistrar::Invoke(Provider::Request request, Provider::ResultCallback d
   kept.service_id = request.service_id;
   kept.operation_id = request.operation_id;
   kept.ctx = request.ctx;
-  next_->Invoke(std::move(request),
-                [observers = observers_, kept = std::move(kept), done = std::move(done)](Provider::MethodResult r) {
-                  for (const auto& o : observers) {
-                    o->OnCallEnd(kept, r);
-                  }
-                  done(std::move(r));
-                });
+  auto start = std::chrono::steady_clock::now();
+  next_->Invoke(std::move(request), [observers = observers_, kept = std::move(kept), start,
+                                     done = std::move(done)](Provider::MethodResult r) {
+    std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - start;
+    for (const auto& o : observers) {
+      o->OnCallEnd(kept, r, elapsed);
+    }
+    done(std::move(r));
+  });
 }
 
 }  // namespace Lumen::Observer
@@ -267,7 +269,7 @@ void AuditObserver::OnCallStart(const Request& request) {
   record["object"] = QrwAudit_SanitizeText(FullOperation(request));
 }
 
-void AuditObserver::OnCallEnd(const Request& request, const MethodResult& result) {
+void AuditObserver::OnCallEnd(const Request& request, const MethodResult& result, std::chrono::nanoseconds) {
   auto& record = request.ctx->audit;
   if (request.ctx->identity) {
     record["subject"] = request.ctx->identity->username;
@@ -296,7 +298,7 @@ void TrafficObserver::OnCallStart(const Request&) {
   traffic_->CountRequest();
 }
 
-void TrafficObserver::OnCallEnd(const Request&, const MethodResult& result) {
+void TrafficObserver::OnCallEnd(const Request&, const MethodResult& result, std::chrono::nanoseconds) {
   if (!result.error) {
     return;
   }
@@ -314,6 +316,38 @@ void TrafficObserver::OnCallEnd(const Request&, const MethodResult& result) {
       errors_->Count("others");
       break;
   }
+}
+
+CallMetricsObserver::CallMetricsObserver()
+    : latency_(Metrics::GetHistogram("witnessd_api_request_seconds", "Time from a request's last byte to its answer.")),
+      calls_(Metrics::CounterFamily("witnessd_api_calls_total", "API calls answered, by operation and result.")) {
+  calls_.Add({{"operation", "unknown"}, {"result", StdErrors::KindName(StdErrors::Kind::kOperationNotFound)}});
+}
+
+void CallMetricsObserver::OnCallEnd(const Request& request, const MethodResult& result,
+                                    std::chrono::nanoseconds elapsed) {
+  std::string kind = result.error ? StdErrors::KindName(result.error->kind) : "ok";
+  // Operations a client makes up are one label, "unknown", so that clients
+  // cannot grow the set of series.
+  std::string operation = "unknown";
+  Metrics::Counter* counter;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!result.error || result.error->kind != StdErrors::Kind::kOperationNotFound) {
+      std::string name = FullOperation(request);
+      if (operations_.count(name) != 0 || operations_.size() < kMaxOperations) {
+        operations_.insert(name);
+        operation = std::move(name);
+      }
+    }
+    Metrics::Counter*& found = counters_[{operation, kind}];
+    if (found == nullptr) {
+      found = &calls_.Add({{"operation", operation}, {"result", kind}});
+    }
+    counter = found;
+  }
+  counter->Increment();
+  latency_.Observe(std::chrono::duration<double>(elapsed).count());
 }
 
 }  // namespace Witnessd::AttestApi

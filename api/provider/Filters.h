@@ -1,18 +1,21 @@
 // The provider's stages in front of the local provider: authentication,
-// authorization, operation ids, and the call registrar with its audit and
-// traffic observers.
+// authorization, operation ids, and the call registrar with its audit,
+// traffic and call metrics observers.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "platform/Metrics.h"
 #include "platform/Trackers.h"
 #include "platform/lumen/Audit.h"
 #include "platform/lumen/Log.h"
@@ -127,7 +130,9 @@ class CallObserver {
  public:
   virtual ~CallObserver() = default;
   virtual void OnCallStart(const Provider::Request& request) = 0;
-  virtual void OnCallEnd(const Provider::Request& request, const Provider::MethodResult& result) = 0;
+  // |elapsed| is the time since the call reached the registrar.
+  virtual void OnCallEnd(const Provider::Request& request, const Provider::MethodResult& result,
+                         std::chrono::nanoseconds elapsed) = 0;
 };
 
 // CallRegistrar tells its observers about the start and the end of every
@@ -160,7 +165,8 @@ class AuditObserver : public Lumen::Observer::CallObserver {
   bool Enabled() const { return enabled_; }
 
   void OnCallStart(const Lumen::Provider::Request& request) override;
-  void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result) override;
+  void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result,
+                 std::chrono::nanoseconds elapsed) override;
 
  private:
   const bool enabled_;
@@ -174,11 +180,38 @@ class TrafficObserver : public Lumen::Observer::CallObserver {
                   std::shared_ptr<Orm::Common::HearthLumen::ErrorsTracker> errors)
       : traffic_(std::move(traffic)), errors_(std::move(errors)) {}
   void OnCallStart(const Lumen::Provider::Request& request) override;
-  void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result) override;
+  void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result,
+                 std::chrono::nanoseconds elapsed) override;
 
  private:
   std::shared_ptr<Orm::Common::HearthLumen::TrafficTracker> traffic_;
   std::shared_ptr<Orm::Common::HearthLumen::ErrorsTracker> errors_;
+};
+
+// CallMetricsObserver counts answered calls by operation and result kind in
+// witnessd_api_calls_total and observes their latency in
+// witnessd_api_request_seconds. Both families are registered by its
+// constructor, so a scrape lists them before the first call; of the call
+// counts only the one for operations a client makes up is known up front
+// (the label sets of the rest are operation by result).
+class CallMetricsObserver : public Lumen::Observer::CallObserver {
+ public:
+  CallMetricsObserver();
+  void OnCallStart(const Lumen::Provider::Request&) override {}
+  void OnCallEnd(const Lumen::Provider::Request& request, const Lumen::Provider::MethodResult& result,
+                 std::chrono::nanoseconds elapsed) override;
+
+ private:
+  // The most operation names counted apart; the rest count as "unknown".
+  static constexpr size_t kMaxOperations = 256;
+
+  Metrics::Histogram& latency_;
+  prometheus::Family<Metrics::Counter>& calls_;
+  std::mutex mutex_;
+  // The operation names counted apart, and each counter found, by operation
+  // label and result kind; guarded by mutex_.
+  std::set<std::string> operations_;
+  std::map<std::pair<std::string, std::string>, Metrics::Counter*> counters_;
 };
 
 }  // namespace Witnessd::AttestApi

@@ -115,6 +115,7 @@ std::shared_ptr<Lumen::Provider::ApiProvider> AssembleProvider(
 
   registrar->Register(std::make_shared<AuditObserver>(files.audit_switch));
   registrar->Register(std::make_shared<TrafficObserver>(std::move(traffic), std::move(errors)));
+  registrar->Register(std::make_shared<CallMetricsObserver>());
 
   if (localizer) {
     Lumen::L10n::LocalizerHelpers::SetDefaultLocalizer(localizer);

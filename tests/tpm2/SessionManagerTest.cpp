@@ -219,6 +219,41 @@ TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
   }
 }
 
+// A session whose next call EK identification refuses (its EK deleted, or
+// certificates required while it presents its key) ends at once: the EK's
+// session places are free for its next attestation, not held until expiry.
+TEST_F(SessionManagerTest, RefusedContinuationEndsItsSession) {
+  const struct {
+    const char* name;
+    std::function<ConfigResult()> refuse;
+    std::function<ConfigResult()> restore;
+    const char* error;
+  } kCases[] = {
+      {"certificates required", [&] { return trust_.UpdateTpm2Settings({}, true); },
+       [&] { return trust_.UpdateTpm2Settings({}, false); }, Errors::kReportTpmCertRequired},
+      {"EK deleted", [&] { return trust_.DeleteEndorsementKey("ek1"); },
+       [&] { return trust_.AddEndorsementKey("ek1", ek_pem_); }, Errors::kReportUnknownTpm},
+  };
+  Agent::ReportTransport direct = Testing::InProcessTransport(report_.get());
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    auto refuse_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
+      if (call.turn == 2) {
+        EXPECT_EQ(ConfigResult::kConfigOk, c.refuse());
+      }
+      return direct(call, out, failure);
+    };
+    Agent::AttestResult r = Agent::AttestWith(host_.get(), {}, refuse_then_call);
+    EXPECT_EQ(c.error, r.error_id) << r.failure;
+    EXPECT_EQ(0u, EkCount());
+    EXPECT_EQ(1u, manager_->Statistics().failed);
+    ASSERT_EQ(ConfigResult::kConfigOk, c.restore());
+    Agent::AttestResult next = Run({});
+    EXPECT_TRUE(next.ok) << next.error_id << next.failure;
+    Build(SessionLimits{}, 0);
+  }
+}
+
 TEST_F(SessionManagerTest, UnknownSoftwareWhenNoBaseImageHasTheKernel) {
   Agent::AttestOptions options;
   options.boot.payload_digests[Agent::kKernelPayload] = Bytes(32, 0x42);

@@ -328,45 +328,6 @@ TEST_F(ReportService, OnlyConfiguredEksCountAsConfigured) {
   EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
 }
 
-// A session whose next call EK identification refuses (its EK deleted, or
-// certificates required while it presents its key) ends at once: the EK's
-// session slots are free for its next attestation, not held until expiry.
-TEST_F(ReportService, RefusedContinuationEndsItsSession) {
-  const struct {
-    const char* name;
-    std::function<void(ApiClient&, const std::string&)> refuse;
-    std::function<void(ApiClient&, const std::string&)> restore;
-    const char* error;
-  } kCases[] = {
-      {"certificates required",
-       [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", true}}); },
-       [](ApiClient& a, const std::string&) { a.Invoke(kSettings, "update", {{"require_certificate_validation", false}}); },
-       Errors::kReportTpmCertRequired},
-      {"EK deleted", [](ApiClient& a, const std::string&) { a.Invoke(kEks, "delete", {{"name", "swtpm"}}); },
-       [](ApiClient& a, const std::string& ek) { a.Invoke(kEks, "create", {{"name", "swtpm"}, {"public_key", ek}}); },
-       Errors::kReportUnknownTpm},
-  };
-  Ready({});
-  Agent::ReportTransport http = Agent::OverHttp("127.0.0.1", daemon_->Port(), Agent::AttestOptions{}.content_type);
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    for (int i = 0; i < 5; ++i) {
-      auto refuse_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
-        if (call.turn == 2) {
-          c.refuse(*admin_, ek_pem_);
-        }
-        return http(call, out, failure);
-      };
-      Agent::AttestResult r = Agent::AttestWith(tpm_.get(), {}, refuse_then_call);
-      EXPECT_EQ(c.error, r.error_id) << r.failure;
-      EXPECT_EQ(1, daemon_->CountInLog("End session " + std::to_string(r.session_id) + ": failed"));
-      c.restore(*admin_, ek_pem_);
-    }
-    Agent::AttestResult sixth = Attest({});
-    EXPECT_TRUE(sixth.ok) << sixth.error_id << sixth.failure;
-  }
-}
-
 // MetricValue reads one series of a /metrics page; 0 when it is absent.
 double MetricValue(const std::string& page, const std::string& series) {
   size_t at = page.find("\n" + series + " ");

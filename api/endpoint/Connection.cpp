@@ -33,9 +33,6 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-constexpr int kLumenDebug = 1;
-constexpr int kLumenInfo = 2;
-constexpr int kLumenWarning = 3;
 
 constexpr const char* kServerName = "Lumen-PicoHttp";
 

@@ -21,6 +21,12 @@
 
 namespace Witnessd::AttestApi {
 
+// The levels of the framework logger the endpoint writes to.
+inline constexpr int kLumenDebug = 1;
+inline constexpr int kLumenInfo = 2;
+inline constexpr int kLumenWarning = 3;
+inline constexpr int kLumenError = 4;
+
 // The fixed replies, byte for byte.
 inline constexpr std::string_view kBadRequestReply =
     "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\nServer: Lumen-PicoHttp\r\n\r\n";

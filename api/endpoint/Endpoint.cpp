@@ -18,7 +18,6 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-constexpr int kLumenInfo = 2;
 constexpr int kServingTasks = 5;
 
 }  // namespace

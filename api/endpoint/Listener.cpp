@@ -16,9 +16,6 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-constexpr int kLumenInfo = 2;
-constexpr int kLumenWarning = 3;
-constexpr int kLumenError = 4;
 constexpr int kBacklog = 128;
 constexpr auto kAcceptRetryDelay = std::chrono::milliseconds(100);
 

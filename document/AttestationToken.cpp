@@ -32,8 +32,8 @@ int64_t TokenSigner::ValiditySeconds() const {
   return validity;
 }
 
-bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
-               std::string& out_token) {
+std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience,
+                                     const Tpm2::AttestationOutcome& outcome) {
   Hearth::Jwt::Claims claims;
   VERIFY(claims.SetInt("iat", iat));
   VERIFY(claims.SetInt("exp", exp));
@@ -41,23 +41,23 @@ bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, cons
   std::string host = Hostinfo_HostName();
   if (host.empty()) {
     Log_Level(kLogError, "Failed get the hostname for %s field in JWT\n", "iss");
-    return false;
+    return std::nullopt;
   }
   if (!claims.SetString("iss", host + kIssuerSuffix)) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "iss");
-    return false;
+    return std::nullopt;
   }
   if (with_audience && !claims.SetString("aud", kAudience)) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "aud");
-    return false;
+    return std::nullopt;
   }
   if (!claims.SetString("os", outcome.software_type) || !claims.SetString("os_version", outcome.software_version)) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "os");
-    return false;
+    return std::nullopt;
   }
   if (!claims.SetStrings("attested_properties", outcome.attested_properties)) {
     Log_Level(kLogError, "Failed to add %s to JWT\n", "attested_properties");
-    return false;
+    return std::nullopt;
   }
   if (Log_IsEnabled(kLogVerbose)) {
     Log_Level(kLogVerbose, "Attested properties: {\"attested_properties\":%s}\n",
@@ -65,11 +65,12 @@ bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, cons
   }
   // Compact, claims in the order they were set (iat, exp, iss, aud, os,
   // os_version, attested_properties).
-  if (!Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, Hearth::Jwt::KeyOrder::kAsSet, &out_token)) {
+  std::optional<std::string> token =
+      Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, Hearth::Jwt::KeyOrder::kAsSet);
+  if (!token) {
     Log_Level(kLogError, "Failed to encode JWT: %d\n", errno);
-    return false;
   }
-  return true;
+  return token;
 }
 
 std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
@@ -85,21 +86,21 @@ std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
   int64_t exp = iat + ValiditySeconds();
   std::vector<SignedDocument> documents;
   for (int type : types) {
-    std::string token;
+    std::optional<std::string> token;
     if (type == kKmsAuthJwt) {
-      if (!CreateJwt(key.get(), iat, exp, true, outcome, token)) {
+      if (!(token = CreateJwt(key.get(), iat, exp, true, outcome))) {
         Log_Level(kLogError, "Failed to generate KMS_AUTH_JWT\n");
         return std::nullopt;
       }
     } else if (type == kReportingJwt) {
-      if (!CreateJwt(key.get(), iat, exp, false, outcome, token)) {
+      if (!(token = CreateJwt(key.get(), iat, exp, false, outcome))) {
         Log_Level(kLogError, "Failed to generate REPORTING_JWT\n");
         return std::nullopt;
       }
     } else {
       continue;
     }
-    documents.push_back({type, std::move(token)});
+    documents.push_back({type, std::move(*token)});
   }
   return documents;
 }

@@ -27,10 +27,10 @@ struct SignedDocument {
 // CreateJwt signs a token (RS256) with the RSA private key |key|: claims
 // "iat", "exp", "iss" (host name + "/attestation"), "aud" ("orbd") when
 // |with_audience|, "os", "os_version" and "attested_properties" from
-// |outcome|. False (logged) on any failure; |out_token| is then unchanged.
-// The claims are written compactly, in the order listed here.
-bool CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience, const Tpm2::AttestationOutcome& outcome,
-               std::string& out_token);
+// |outcome|: the compact token, or nullopt (logged) on any failure. The
+// claims are written compactly, in the order listed here.
+std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience,
+                                     const Tpm2::AttestationOutcome& outcome);
 
 // The token signer: the report-signing key and the token validity, owned
 // by the daemon and passed to the Report service.

@@ -70,8 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   CheckSigningKey(d);
   if (result == ConfigResult::kConfigOk) {
-    std::string exported, hash;
-    if (!d.transfer->Export(exported, hash) || d.transfer->Import(exported) != ConfigResult::kConfigOk) {
+    std::optional<ConfigTransfer::Exported> exported = d.transfer->Export();
+    if (!exported || d.transfer->Import(exported->text) != ConfigResult::kConfigOk) {
       std::abort();
     }
   }

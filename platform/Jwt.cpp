@@ -208,44 +208,45 @@ std::string Claims::Compact(const char* name) const {
   return text != nullptr ? text.get() : "";
 }
 
-bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token) {
+std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order) {
   if (claims.json_ == nullptr || key == nullptr) {
-    return false;
+    return std::nullopt;
   }
   std::unique_ptr<char, FreeDeleter> payload(
       json_dumps(claims.json_, JSON_COMPACT | (order == KeyOrder::kSorted ? JSON_SORT_KEYS : 0)));
   if (payload == nullptr) {
-    return false;
+    return std::nullopt;
   }
   std::string token = Base64Url(alg == Alg::kEs256 ? kEs256Header : kRs256Header) + "." + Base64Url(payload.get());
   std::string signature;
   if (!SignSha256(key, token, signature) || (alg == Alg::kEs256 && !DerToJose(signature, &signature))) {
-    return false;
+    return std::nullopt;
   }
-  *out_token = token + "." + Base64Url(signature);
-  return true;
+  return token + "." + Base64Url(signature);
 }
 
-bool Decode(const std::string& token, Decoded* out) {
+std::optional<Decoded> Decode(const std::string& token) {
+  Decoded decoded;
+  Decoded* out = &decoded;
   size_t dot1 = token.find('.');
   size_t dot2 = dot1 == std::string::npos ? std::string::npos : token.find('.', dot1 + 1);
   if (dot2 == std::string::npos || token.find('.', dot2 + 1) != std::string::npos) {
-    return false;
+    return std::nullopt;
   }
   std::string_view text(token);
   std::string header_text, payload_text;
   if (!Base64UrlDecode(text.substr(0, dot1), &header_text) ||
       !Base64UrlDecode(text.substr(dot1 + 1, dot2 - dot1 - 1), &payload_text) ||
       !Base64UrlDecode(text.substr(dot2 + 1), &out->signature)) {
-    return false;
+    return std::nullopt;
   }
   out->header = ParseJson(header_text);
   out->claims = ParseJson(payload_text);
   if (!out->header.is_object() || !out->claims.is_object()) {
-    return false;
+    return std::nullopt;
   }
   out->signing_input = token.substr(0, dot2);
-  return true;
+  return decoded;
 }
 
 std::optional<Alg> AcceptedAlg(const Decoded& token) {

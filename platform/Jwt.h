@@ -55,16 +55,15 @@ class Claims {
   std::string Compact(const char* name) const;
 
  private:
-  friend bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token);
+  friend std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order);
   json_t* json_;
 };
 
 // Sign makes the compact token of |claims| under the header
 // {"alg":"RS256"|"ES256","typ":"JWT"}, signed with SHA-256 by |key| (ES256
 // as the 64 bytes r||s). The claims are written compactly in |order|. The
-// caller picks |alg| for |key| (AlgFor). False on any failure; |out_token| is
-// then unchanged.
-bool Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order, std::string* out_token);
+// caller picks |alg| for |key| (AlgFor). nullopt on any failure.
+std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order);
 
 // A compact token taken apart; nothing about it is verified yet.
 struct Decoded {
@@ -75,8 +74,8 @@ struct Decoded {
 };
 
 // Decode splits |token| into three base64url parts (no padding) and parses
-// the first two as JSON objects; false when it is not such a token.
-bool Decode(const std::string& token, Decoded* out);
+// the first two as JSON objects; nullopt when it is not such a token.
+std::optional<Decoded> Decode(const std::string& token);
 
 // AcceptedAlg is the header's "alg" when it is RS256 or ES256 and the
 // header has no "crit"; nothing otherwise, so an unsigned token or one whose

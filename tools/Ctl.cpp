@@ -24,10 +24,15 @@ bool MintToken(const std::string& key_pem, const std::string& subject, const std
   long now = static_cast<long>(std::time(nullptr));
   json grants = {{"sub", subject}, {"entitlements", entitlements}, {"iat", now}, {"exp", now + validity_seconds}};
   Hearth::Jwt::Claims claims;
-  if (!claims.Merge(grants) || !Hearth::Jwt::Sign(key.get(), *alg, claims, Hearth::Jwt::KeyOrder::kSorted, token)) {
+  std::optional<std::string> signed_token;
+  if (claims.Merge(grants)) {
+    signed_token = Hearth::Jwt::Sign(key.get(), *alg, claims, Hearth::Jwt::KeyOrder::kSorted);
+  }
+  if (!signed_token) {
     *error = "signing the token failed";
     return false;
   }
+  *token = std::move(*signed_token);
   return true;
 }
 

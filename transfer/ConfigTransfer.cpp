@@ -161,22 +161,20 @@ void ConfigTransfer::Restore() {
   images_.Load();
 }
 
-bool ConfigTransfer::Export(std::string& out_text, std::string& out_hash) {
+std::optional<ConfigTransfer::Exported> ConfigTransfer::Export() {
   std::string text;
   try {
     text = store_->Export(ExportedKeyFilters());
   } catch (const HostCtlException& e) {
     Log_Level(kLogError, "Exception exporting configuration from configstore: %s\n", e.what());
-    return false;
+    return std::nullopt;
   }
   std::string hash;
   if (!Orm::Common::SslUtils::ComputeHashHex(text, hash)) {
     Log_Level(kLogError, "Failed to compute hash of exported configuration\n");
-    return false;
+    return std::nullopt;
   }
-  out_text = std::move(text);
-  out_hash = std::move(hash);
-  return true;
+  return Exported{std::move(text), std::move(hash)};
 }
 
 ConfigResult ConfigTransfer::Import(const std::string& text) {

@@ -3,6 +3,7 @@
 // export and import of the whole attestation configuration as one text.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "config/Configuration.h"
@@ -26,9 +27,13 @@ class ConfigTransfer {
   void Restore();
 
   // Export writes the TPM settings, EKs, CA chains and base images (never the
-  // signing key pair) as one canonical text with its SHA-256 hash in hex.
-  // False (logged) when it cannot.
-  bool Export(std::string& out_text, std::string& out_hash);
+  // signing key pair) as one canonical text with its SHA-256 hash in hex;
+  // nullopt (logged) when it cannot.
+  struct Exported {
+    std::string text;
+    std::string hash;
+  };
+  std::optional<Exported> Export();
   // Import replaces the exported keys by |text|, all or nothing, and reloads
   // the trust snapshot and the base image cache. The text may name only the
   // four exported keys, and every record must be one the create operations

@@ -13,12 +13,14 @@ void RawConfigImpl::Export(std::optional<InfoType> info_type, Callback<Info> don
     done(Errors::InvalidArgument(Errors::kRawConfigInvalidInfoType));
     return;
   }
-  std::string text;
-  Info info;
-  if (!transfer_.Export(text, info.hash)) {
+  std::optional<Transfer::ConfigTransfer::Exported> exported = transfer_.Export();
+  if (!exported) {
     done(Errors::Error(Errors::kRawConfigExportFailed));
     return;
   }
+  const std::string& text = exported->text;
+  Info info;
+  info.hash = exported->hash;
   if (info_type == InfoType::kCompressed) {
     if (!Orm::Common::Gzip::CompressFromString(text, info.config)) {
       done(Errors::Error(Errors::kRawConfigExportFailed));

@@ -67,11 +67,10 @@ void TrustConfiguration::Publish(TrustSnapshot next) {
 void TrustConfiguration::Load() {
   std::lock_guard<std::mutex> writer(writer_);
   TrustSnapshot next = *Snapshot();
-  std::set<EkId> eks;
-  if (!LoadEks(eks)) {
+  if (std::optional<std::set<EkId>> eks = LoadEks(); !eks) {
     Log_Level(kLogError, "Failed to read EKs from configuration\n");
   } else {
-    next.configured_eks = std::move(eks);
+    next.configured_eks = std::move(*eks);
     Log_Level(kLogInfo, "Loaded %ld EKs from configuration\n", static_cast<long>(next.configured_eks.size()));
   }
   bool require_eks = false;
@@ -80,9 +79,8 @@ void TrustConfiguration::Load() {
     next.require_endorsement_keys = require_eks;
     next.require_certificate_validation = require_certs;
   }
-  std::vector<std::string> cas;
-  if (LoadCas(cas)) {
-    next = WithCas(next, std::move(cas));
+  if (std::optional<std::vector<std::string>> cas = LoadCas()) {
+    next = WithCas(next, std::move(*cas));
   } else {
     next.ca_certificates.clear();
     next.cas = nullptr;
@@ -117,16 +115,17 @@ ConfigResult TrustConfiguration::ReadEk(const std::string& name, std::string& ou
   }
 }
 
-bool TrustConfiguration::LoadEks(std::set<EkId>& out) const {
+std::optional<std::set<EkId>> TrustConfiguration::LoadEks() const {
   std::vector<std::string> names;
   if (ListNamedRecords(*store_, kKeyEndorsementKeys, kEkTexts, names) != ConfigResult::kConfigOk) {
-    return false;
+    return std::nullopt;
   }
+  std::set<EkId> out;
   Log_Level(kLogVerbose, "EKs count in the config store : %ld\n", static_cast<long>(names.size()));
   for (const std::string& name : names) {
     std::string pem;
     if (ReadEk(name, pem) != ConfigResult::kConfigOk) {
-      return false;
+      return std::nullopt;
     }
     std::optional<EkId> id = EkIdOf(pem);
     if (!id) {
@@ -136,7 +135,7 @@ bool TrustConfiguration::LoadEks(std::set<EkId>& out) const {
     out.insert(*id);
   }
   Log_Level(kLogVerbose, "EKs count in the config store: %ld\n", static_cast<long>(out.size()));
-  return true;
+  return out;
 }
 
 ConfigResult TrustConfiguration::GetEndorsementKey(const std::string& name, std::string& out_pem) const {
@@ -228,15 +227,16 @@ ConfigResult TrustConfiguration::ReadChain(const std::string& name, std::vector<
   }
 }
 
-bool TrustConfiguration::LoadCas(std::vector<std::string>& out) const {
+std::optional<std::vector<std::string>> TrustConfiguration::LoadCas() const {
   std::vector<std::string> names;
   if (ListNamedRecords(*store_, kKeyCaCertificates, kCaTexts, names) != ConfigResult::kConfigOk) {
-    return false;
+    return std::nullopt;
   }
+  std::vector<std::string> out;
   for (const std::string& name : names) {
     std::vector<std::string> chain;
     if (ReadChain(name, chain) != ConfigResult::kConfigOk) {
-      return false;
+      return std::nullopt;
     }
     bool usable = true;
     for (std::string& cert : chain) {
@@ -250,7 +250,7 @@ bool TrustConfiguration::LoadCas(std::vector<std::string>& out) const {
       out.insert(out.end(), chain.begin(), chain.end());
     }
   }
-  return true;
+  return out;
 }
 
 ConfigResult TrustConfiguration::GetCaCertificates(const std::string& name, std::vector<std::string>& out_certs) const {
@@ -309,9 +309,8 @@ ConfigResult TrustConfiguration::DeleteCaCertificates(const std::string& name) {
   std::lock_guard<std::mutex> writer(writer_);
   ConfigResult result = DeleteNamedRecord(*store_, kKeyCaCertificates, name, kCaTexts);
   TrustSnapshotPtr current = Snapshot();
-  std::vector<std::string> cas;
-  if (LoadCas(cas)) {
-    Publish(WithCas(*current, std::move(cas)));
+  if (std::optional<std::vector<std::string>> cas = LoadCas()) {
+    Publish(WithCas(*current, std::move(*cas)));
   } else {
     TrustSnapshot next = *current;
     next.ca_certificates.clear();

@@ -87,10 +87,10 @@ class TrustConfiguration {
   // ReadSettings reads the pair from the store; an absent record gives the
   // defaults. kConfigError when the store fails (logged).
   ConfigResult ReadSettings(bool& require_endorsement_keys, bool& require_certificate_validation) const;
-  // LoadEks reads the configured EK ids; false when the store fails.
-  bool LoadEks(std::set<EkId>& out) const;
-  // LoadCas reads every chain, standardized; false when the store fails.
-  bool LoadCas(std::vector<std::string>& out) const;
+  // LoadEks reads the configured EK ids; nullopt when the store fails.
+  std::optional<std::set<EkId>> LoadEks() const;
+  // LoadCas reads every chain, standardized; nullopt when the store fails.
+  std::optional<std::vector<std::string>> LoadCas() const;
   ConfigResult ReadEk(const std::string& name, std::string& out_pem) const;
   ConfigResult ReadChain(const std::string& name, std::vector<std::string>& out_certs) const;
 

@@ -105,10 +105,11 @@ TokenHandler::Status TokenHandler::Verify(const std::string& token, Lumen::Provi
   // HMAC secret and unsigned tokens never pass); a signature by a trusted key
   // of the matching type; a validity window that includes now; the claims we
   // read have the right types.
-  Hearth::Jwt::Decoded decoded;
-  if (!Hearth::Jwt::Decode(token, &decoded)) {
+  std::optional<Hearth::Jwt::Decoded> parsed = Hearth::Jwt::Decode(token);
+  if (!parsed) {
     return Status::kMalformed;
   }
+  const Hearth::Jwt::Decoded& decoded = *parsed;
   const nlohmann::json& payload = decoded.claims;
   if (claimed_subject != nullptr) {
     auto sub = payload.find("sub");

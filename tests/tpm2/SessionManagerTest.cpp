@@ -234,9 +234,10 @@ TEST_F(SessionManagerTest, RefusedContinuationEndsItsSession) {
       {"EK deleted", [&] { return trust_.DeleteEndorsementKey("ek1"); },
        [&] { return trust_.AddEndorsementKey("ek1", ek_pem_); }, Errors::kReportUnknownTpm},
   };
-  Agent::ReportTransport direct = Testing::InProcessTransport(report_.get());
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
+    Build(SessionLimits{}, 0);  // statistics from zero
+    Agent::ReportTransport direct = Testing::InProcessTransport(report_.get());
     auto refuse_then_call = [&](const Agent::ReportCall& call, Agent::ReportAnswer* out, std::string* failure) {
       if (call.turn == 2) {
         EXPECT_EQ(ConfigResult::kConfigOk, c.refuse());
@@ -250,7 +251,6 @@ TEST_F(SessionManagerTest, RefusedContinuationEndsItsSession) {
     ASSERT_EQ(ConfigResult::kConfigOk, c.restore());
     Agent::AttestResult next = Run({});
     EXPECT_TRUE(next.ok) << next.error_id << next.failure;
-    Build(SessionLimits{}, 0);
   }
 }
 
@@ -273,8 +273,9 @@ TEST_F(SessionManagerTest, ProvenSessionsKeepTheirPlacesAcrossEkChanges) {
     Capture([&] { EXPECT_TRUE(Run(hold).error_id.empty()); });
   }
   Transfer::ConfigTransfer transfer(store_, keys_, trust_, images_);
-  std::string exported, hash;
-  ASSERT_TRUE(transfer.Export(exported, hash));
+  std::optional<Transfer::ConfigTransfer::Exported> saved = transfer.Export();
+  ASSERT_TRUE(saved);
+  const std::string exported = saved->text;
   const struct {
     const char* name;
     std::function<void()> change;

@@ -33,9 +33,9 @@ class ConfigTransferTest : public Testing::StoreFixture {
   }
 
   std::string Export() {
-    std::string text, hash;
-    EXPECT_TRUE(transfer_.Export(text, hash));
-    return text;
+    std::optional<ConfigTransfer::Exported> exported = transfer_.Export();
+    EXPECT_TRUE(exported);
+    return exported ? exported->text : "";
   }
 
   bool Configured(const std::string& pem) {
@@ -52,11 +52,13 @@ class ConfigTransferTest : public Testing::StoreFixture {
 TEST_F(ConfigTransferTest, ExportLeavesTheSigningKeyBehindAndHashesTheText) {
   Testing::TestKey ek = Testing::MakeKey();
   ASSERT_EQ(kOk, trust_.AddEndorsementKey("ek1", ek.public_pem));
-  std::string text, hash, again_text, again_hash;
-  ASSERT_TRUE(transfer_.Export(text, hash));
-  ASSERT_TRUE(transfer_.Export(again_text, again_hash));
-  EXPECT_EQ(text, again_text);
-  EXPECT_EQ(hash, again_hash);
+  std::optional<ConfigTransfer::Exported> first = transfer_.Export();
+  std::optional<ConfigTransfer::Exported> again = transfer_.Export();
+  ASSERT_TRUE(first && again);
+  const std::string& text = first->text;
+  const std::string& hash = first->hash;
+  EXPECT_EQ(text, again->text);
+  EXPECT_EQ(hash, again->hash);
   std::string expected;
   ASSERT_TRUE(Orm::Common::SslUtils::ComputeHashHex(text, expected));
   EXPECT_EQ(expected, hash);

@@ -58,10 +58,16 @@ TrustConfiguration::TrustConfiguration(Store store)
   VERIFY(store_ != nullptr);
 }
 
-TrustSnapshotPtr TrustConfiguration::Snapshot() const { return snapshot_.load(); }
+TrustSnapshotPtr TrustConfiguration::Snapshot() const {
+  std::lock_guard<std::mutex> lock(snapshot_mutex_);
+  return snapshot_;
+}
 
 void TrustConfiguration::Publish(TrustSnapshot next) {
-  snapshot_.store(std::make_shared<const TrustSnapshot>(std::move(next)));
+  TrustSnapshotPtr published = std::make_shared<const TrustSnapshot>(std::move(next));
+  std::lock_guard<std::mutex> lock(snapshot_mutex_);
+  snapshot_.swap(published);
+  // The replaced snapshot is freed here, after the lock, when no reader holds it.
 }
 
 void TrustConfiguration::Load() {

@@ -18,7 +18,7 @@ using Witnessd::AttestApi::RequestVerdict;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
   RequestVerdict v = Witnessd::AttestApi::ClassifyHttpRequest(bytes);
-  if (v < RequestVerdict::kServe || v > RequestVerdict::kInvalidRequest) {
+  if (v < RequestVerdict::kServe || v > RequestVerdict::kMetrics) {
     abort();
   }
   for (bool decorated : {false, true}) {

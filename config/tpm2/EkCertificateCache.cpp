@@ -1,7 +1,5 @@
 #include "config/tpm2/EkCertificateCache.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -22,13 +20,11 @@ bool EkCertificateCache::KeyLess::operator()(const Key& a, const Key& b) const {
 EkCertificateCache::EkCertificateCache(size_t max_bytes) : max_bytes_(max_bytes) {}
 
 std::optional<EkCertificateCache::Key> EkCertificateCache::KeyOf(const std::string& der, const TrustStore& cas) {
-  std::vector<uint8_t> digest;
-  Key key{{}, cas};
-  if (!SslUtils::ComputeHash(der, digest) || digest.size() != key.der_digest.size()) {
+  std::optional<std::array<uint8_t, 32>> digest = SslUtils::Sha256(der);
+  if (!digest) {
     return std::nullopt;
   }
-  std::copy(digest.begin(), digest.end(), key.der_digest.begin());
-  return key;
+  return Key{*digest, cas};
 }
 
 std::optional<EkCertCheck> CheckEkCertificate(const std::string& pem, const TrustStore& cas) {
@@ -63,14 +59,13 @@ std::optional<EkCertCheck> EkCertificateCache::Check(const std::string& pem, con
 }
 
 std::optional<EkId> EkCertificateCache::KeyId(const std::string& pem) {
-  std::array<uint8_t, 32> digest;
-  unsigned int size = 0;
-  if (EVP_Digest(pem.data(), pem.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1 || size != digest.size()) {
+  std::optional<std::array<uint8_t, 32>> digest = SslUtils::Sha256(pem);
+  if (!digest) {
     return EkIdOf(pem);
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = key_ids_.find(digest);
+    auto it = key_ids_.find(*digest);
     if (it != key_ids_.end()) {
       return it->second;
     }
@@ -80,7 +75,7 @@ std::optional<EkId> EkCertificateCache::KeyId(const std::string& pem) {
   if (key_ids_.size() >= kMaxKeyIds) {
     key_ids_.clear();
   }
-  key_ids_.emplace(digest, id);
+  key_ids_.emplace(*digest, id);
   return id;
 }
 
@@ -116,6 +111,11 @@ bool EkCertificateCache::Contains(const std::string& pem, const TrustStore& cas)
   std::optional<Key> key = der ? KeyOf(*der, cas) : std::nullopt;
   std::lock_guard<std::mutex> lock(mutex_);
   return key && index_.count(*key) != 0;
+}
+
+size_t EkCertificateCache::KeyIds() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return key_ids_.size();
 }
 
 size_t EkCertificateCache::Entries() const {

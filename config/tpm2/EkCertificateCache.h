@@ -58,6 +58,7 @@ class EkCertificateCache {
   std::optional<EkId> KeyId(const std::string& pem);
 
   size_t Entries() const;
+  size_t KeyIds() const;
   // Bytes is the memory charged for the kept verdicts.
   size_t Bytes() const;
 

@@ -259,11 +259,15 @@ std::optional<std::array<uint8_t, 32>> SslUtils::UsableKeyDigest(const std::stri
     ERR_clear_error();
     return std::nullopt;
   }
+  std::optional<std::array<uint8_t, 32>> digest = Sha256({reinterpret_cast<const char*>(der), static_cast<size_t>(len)});
+  OPENSSL_free(der);
+  return digest;
+}
+
+std::optional<std::array<uint8_t, 32>> SslUtils::Sha256(std::string_view data) {
   std::array<uint8_t, 32> digest;
   unsigned int size = 0;
-  bool hashed = EVP_Digest(der, static_cast<size_t>(len), digest.data(), &size, EVP_sha256(), nullptr) == 1;
-  OPENSSL_free(der);
-  if (!hashed || size != digest.size()) {
+  if (EVP_Digest(data.data(), data.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1 || size != digest.size()) {
     ERR_clear_error();
     return std::nullopt;
   }

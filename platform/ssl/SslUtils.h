@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 typedef struct x509_store_st X509_STORE;
@@ -58,6 +59,8 @@ class SslUtils {
   // ValidatePemKey holds for it; nullopt otherwise. Texts that differ only in
   // layout or PEM form give the same digest.
   static std::optional<std::array<uint8_t, 32>> UsableKeyDigest(const std::string& pem);
+  // Sha256 is the SHA-256 of |data|; nullopt only when hashing fails.
+  static std::optional<std::array<uint8_t, 32>> Sha256(std::string_view data);
   // ValidatePemCert: |pem| is an X.509 certificate with a readable public key.
   static bool ValidatePemCert(const std::string& pem);
   // ExtractKeyFromCert sets |out_key| to the certificate's public key in the

@@ -183,6 +183,7 @@ TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
     const char* error;
     const char* log;
     bool session_left = false;  // a request naming no session ends none
+    bool lying_log = false;     // the TPM measured an untrusted kernel; the log names the trusted one
   } kCases[] = {
       {"tampered AK", Fault::kTamperedAk, true, true, Errors::kReportAttestInvalidInput,
        "AK public key object attributes value does not match"},
@@ -196,6 +197,10 @@ TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
       {"no secure boot", Fault::kNone, false, true, Errors::kReportAttestNoSecureBoot, "error = {7, 0}"},
       {"two responses in one message", Fault::kBothResponsesInOne, true, true, Errors::kReportAttestInvalidInput,
        "Message requires 1 supported type, contains: 2"},
+      // A compromised host with a genuine quote: the kernel digest of its
+      // log is never believed, since the log does not replay to the quote.
+      {"trusted log over an untrusted boot", Fault::kNone, true, true, Errors::kReportAttestVerifyFailed,
+       "PCR 12 data mismatch during replay", false, true},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -203,6 +208,10 @@ TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
     options.fault = c.fault;
     options.boot.secure_boot = c.secure_boot;
     options.log_complete = c.log_complete;
+    if (c.lying_log) {
+      options.measured_boot = options.boot;
+      options.measured_boot->payload_digests[Agent::kKernelPayload] = Bytes(32, 0x66);
+    }
     Agent::AttestResult r;
     std::string log = Capture([&] { r = Run(options); });
     EXPECT_FALSE(r.ok);
@@ -213,9 +222,13 @@ TEST_F(SessionManagerTest, HostFaultsMapToReportErrors) {
     EXPECT_EQ(c.session_left ? 1u : 0u, manager_->SessionCount());
     clock_.now_us += manager_->Limits().timeout_us + 1;
     Capture([&] { manager_->CleanupExpiredSessions(); });
-    // Whatever failed, no session and no EK reference is left behind.
+    // Whatever failed, no session and no EK reference is left behind, and
+    // no base image counts as attested.
     EXPECT_EQ(0u, manager_->SessionCount());
     EXPECT_EQ(0u, EkCount());
+    Trusted::StoredBaseImage image;
+    ASSERT_EQ(ConfigResult::kConfigOk, images_.Read(kVersion, image));
+    EXPECT_EQ("", image.last_attested_time);
   }
 }
 

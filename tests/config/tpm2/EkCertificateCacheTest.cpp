@@ -109,5 +109,22 @@ TEST(EkCertificateCache, RefusesCertificatesOverTheSizeLimitUnkept) {
   }
 }
 
+// Anyone may present any number of key texts: each text's id is kept once,
+// the same key in another layout is the same EK, and a flood of distinct
+// texts never holds more than kMaxKeyIds of them.
+TEST(EkCertificateCache, KeyIdsAreRememberedWithinTheirBound) {
+  EkCertificateCache cache;
+  const std::string& key = kEk.key.public_pem;
+  EXPECT_EQ(EkIdOf(key), cache.KeyId(key));
+  EXPECT_EQ(EkIdOf(key), cache.KeyId(Rewrap(key, 16)));
+  EXPECT_EQ(EkIdOf(key), cache.KeyId(key));
+  EXPECT_EQ(2u, cache.KeyIds());
+  for (size_t i = 0; i < EkCertificateCache::kMaxKeyIds + 10; ++i) {
+    EXPECT_FALSE(cache.KeyId("not a key " + std::to_string(i)));
+    ASSERT_LE(cache.KeyIds(), EkCertificateCache::kMaxKeyIds);
+  }
+  EXPECT_EQ(EkIdOf(key), cache.KeyId(key));
+}
+
 }  // namespace
 }  // namespace Witnessd::Config::Tpm2

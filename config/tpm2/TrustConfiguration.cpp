@@ -72,6 +72,10 @@ void TrustConfiguration::Publish(TrustSnapshot next) {
 
 void TrustConfiguration::Load() {
   std::lock_guard<std::mutex> writer(writer_);
+  LoadLocked();
+}
+
+void TrustConfiguration::LoadLocked() {
   TrustSnapshot next = *Snapshot();
   if (std::optional<std::set<EkId>> eks = LoadEks(); !eks) {
     Log_Level(kLogError, "Failed to read EKs from configuration\n");
@@ -95,12 +99,11 @@ void TrustConfiguration::Load() {
 }
 
 ConfigResult TrustConfiguration::Replace(const std::function<ConfigResult()>& write) {
-  ConfigResult result;
-  {
-    std::lock_guard<std::mutex> writer(writer_);
-    result = write();
+  std::lock_guard<std::mutex> writer(writer_);
+  ConfigResult result = write();
+  if (result == ConfigResult::kConfigOk) {
+    LoadLocked();
   }
-  Load();
   return result;
 }
 

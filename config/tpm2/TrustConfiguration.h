@@ -48,9 +48,9 @@ class TrustConfiguration {
   // restore or an import wrote the records (through Replace).
   void Load();
 
-  // Replace runs |write| (which replaces records in the store) and, whatever
-  // it returns, reloads the snapshot from the store, all under the writer
-  // lock so that no create or delete interleaves.
+  // Replace runs |write| (which replaces records in the store, all or
+  // nothing) and, when it succeeded, reloads the snapshot from the store, all
+  // under the writer lock so that no create or delete interleaves.
   ConfigResult Replace(const std::function<ConfigResult()>& write);
 
   // The EK records. Get returns the stored PEM in standardized form
@@ -83,6 +83,7 @@ class TrustConfiguration {
  private:
   // Each runs under writer_.
   void Publish(TrustSnapshot next);
+  void LoadLocked();
   // ReadSettings reads the pair from the store; an absent record gives the
   // defaults. kConfigError when the store fails (logged).
   ConfigResult ReadSettings(bool& require_endorsement_keys, bool& require_certificate_validation) const;

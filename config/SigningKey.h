@@ -3,6 +3,7 @@
 // daemon builds.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,12 +18,30 @@ namespace Witnessd::Config {
 // it; a new pair replaces the pointer, never the key it points to.
 using SigningPkey = std::shared_ptr<EVP_PKEY>;
 
+// How long a replaced key stays published: the longest validity of the
+// tokens it signed.
+inline constexpr int64_t kRetiredKeyPublishedSeconds = 8 * 3600;
+
 // The pair as held in memory; replaced whole, never changed.
 struct SigningPair {
   std::string key;          // PEM
   std::string certificate;  // PEM
   SigningPkey pkey;         // |key| parsed once; null when it does not parse
+  std::string kid;          // the key's RFC 7638 thumbprint; empty when |pkey| is null
+  std::string jwk;          // the public key as a JWK (compact JSON); empty when |pkey| is null
+  // The key this one replaced, as a JWK, and when it was replaced (seconds
+  // since the epoch); empty and 0 when there is none.
+  std::string previous_jwk;
+  int64_t previous_retired_at = 0;
 };
+
+// JwkSetText is the JWK Set relying parties verify tokens with: the current
+// key, and the previous one while tokens it signed may still be valid at
+// |now|.
+std::string JwkSetText(const SigningPair& pair, int64_t now);
+
+// What Replace made of a new pair.
+enum class ReplaceResult { kReplaced, kInvalid, kStoreFailed };
 
 class SigningKeys {
  public:
@@ -40,11 +59,26 @@ class SigningKeys {
   std::shared_ptr<const SigningPair> Current() const;
 
   // Save writes the pair into the "certificate" record; false when the store
-  // fails. Memory changes only through Ensure.
+  // fails. Memory changes only through Ensure and Replace.
   bool Save(const std::string& certificate, const std::string& key);
 
+  // Replace makes the one certificate of |certificate| (PEM) and the
+  // private key of |key| (PEM, RSA of 2048 to 8192 bits, the certificate's
+  // key) the signing pair, each stored on its own, first in the store and
+  // then in memory. |certificate| and |key| may be the same text. The pair it replaces stays published in the JWK Set for
+  // kRetiredKeyPublishedSeconds after |now|, across restarts. kInvalid (and
+  // |why|) when the pair is not usable; nothing changes then or when the
+  // store fails.
+  ReplaceResult Replace(const std::string& certificate, const std::string& key, int64_t now, std::string* why);
+
  private:
+  bool Write(const std::string& certificate, const std::string& key, const std::string& previous_certificate,
+             int64_t previous_retired_at);
+  void Publish(std::string key, std::string certificate, const std::string& previous_certificate,
+               int64_t previous_retired_at);
+
   Store store_;
+  std::mutex writer_;  // serialises Replace
   mutable std::mutex mutex_;
   std::shared_ptr<const SigningPair> current_;  // guarded by mutex_
 };

@@ -12,6 +12,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "api/endpoint/Endpoint.h"
+#include "daemon/Health.h"
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
 #include "api/services/BaseImagesImpl.h"
@@ -159,10 +160,18 @@ int Main() {
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);
 
+    HealthCheck health(store, signing_keys);
+    AttestApi::PublicDocuments documents;
+    documents.jwks = [&signing_keys] {
+      int64_t now_us = 0;
+      Hostinfo_GetTimeOfDay(&now_us);
+      return Config::JwkSetText(*signing_keys.Current(), now_us / 1000000);
+    };
+    documents.health_problem = [&health] { return health.Problem(); };
     auto io = std::make_shared<boost::asio::io_context>();
     auto endpoint = std::make_shared<AttestApi::Endpoint>(Hearth::ServicePort(kDefaultPort), io, provider,
                                                           [](const std::string&) {}, localizer, logger, timeouts,
-                                                          static_cast<int>(max_connections));
+                                                          static_cast<int>(max_connections), std::move(documents));
 
     bool serving = false;
     if (!endpoint->Start()) {

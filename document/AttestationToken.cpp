@@ -1,6 +1,9 @@
 #include "document/AttestationToken.h"
 
 #include <errno.h>
+#include <openssl/rand.h>
+
+#include <cstdio>
 
 #include "config/SigningKey.h"
 #include "platform/Assert.h"
@@ -18,6 +21,20 @@ constexpr const char* kIssuerSuffix = "/attestation";
 constexpr int64_t kMinValidityMinutes = 420;
 constexpr uint32_t kValiditySpreadMinutes = 60;
 
+// RandomUuid is a version 4 UUID from the cryptographic random source.
+std::optional<std::string> RandomUuid() {
+  unsigned char b[16];
+  if (RAND_bytes(b, sizeof(b)) != 1) {
+    return std::nullopt;
+  }
+  b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
+  b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
+  char text[37];
+  std::snprintf(text, sizeof(text), "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1],
+                b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+  return std::string(text);
+}
+
 }  // namespace
 
 TokenSigner::TokenSigner(const Config::SigningKeys& keys, int64_t validity_seconds)
@@ -33,7 +50,7 @@ int64_t TokenSigner::ValiditySeconds() const {
 }
 
 std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience,
-                                     const Tpm2::AttestationOutcome& outcome) {
+                                     const Tpm2::AttestationOutcome& outcome, const TokenIds& ids) {
   Hearth::Jwt::Claims claims;
   VERIFY(claims.SetInt("iat", iat));
   VERIFY(claims.SetInt("exp", exp));
@@ -59,14 +76,21 @@ std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bo
     Log_Level(kLogError, "Failed to add %s to JWT\n", "attested_properties");
     return std::nullopt;
   }
+  // Added after the claims relying parties already read, so that their order
+  // is unchanged: the host the token is about and the token's own id.
+  std::optional<std::string> jti = RandomUuid();
+  if (!jti || !claims.SetString("sub", ids.subject) || !claims.SetString("jti", *jti)) {
+    Log_Level(kLogError, "Failed to add %s to JWT\n", "sub");
+    return std::nullopt;
+  }
   if (Log_IsEnabled(kLogVerbose)) {
     Log_Level(kLogVerbose, "Attested properties: {\"attested_properties\":%s}\n",
               claims.Compact("attested_properties").c_str());
   }
   // Compact, claims in the order they were set (iat, exp, iss, aud, os,
-  // os_version, attested_properties).
+  // os_version, attested_properties, sub, jti).
   std::optional<std::string> token =
-      Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, Hearth::Jwt::KeyOrder::kAsSet);
+      Hearth::Jwt::Sign(key, Hearth::Jwt::Alg::kRs256, claims, Hearth::Jwt::KeyOrder::kAsSet, ids.kid);
   if (!token) {
     Log_Level(kLogError, "Failed to encode JWT: %d\n", errno);
   }
@@ -74,8 +98,10 @@ std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bo
 }
 
 std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
-    const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome) const {
-  Config::SigningPkey key = keys_.Current()->pkey;
+    const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome, const std::string& subject) const {
+  std::shared_ptr<const Config::SigningPair> pair = keys_.Current();
+  const Config::SigningPkey& key = pair->pkey;
+  const TokenIds ids{pair->kid, subject};
   if (key == nullptr) {
     Log_Level(kLogError, "Signing key is not configured\n");
     return std::nullopt;
@@ -88,12 +114,12 @@ std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
   for (int type : types) {
     std::optional<std::string> token;
     if (type == kKmsAuthJwt) {
-      if (!(token = CreateJwt(key.get(), iat, exp, true, outcome))) {
+      if (!(token = CreateJwt(key.get(), iat, exp, true, outcome, ids))) {
         Log_Level(kLogError, "Failed to generate KMS_AUTH_JWT\n");
         return std::nullopt;
       }
     } else if (type == kReportingJwt) {
-      if (!(token = CreateJwt(key.get(), iat, exp, false, outcome))) {
+      if (!(token = CreateJwt(key.get(), iat, exp, false, outcome, ids))) {
         Log_Level(kLogError, "Failed to generate REPORTING_JWT\n");
         return std::nullopt;
       }

@@ -24,13 +24,20 @@ struct SignedDocument {
   std::string token;  // compact serialization
 };
 
-// CreateJwt signs a token (RS256) with the RSA private key |key|: claims
-// "iat", "exp", "iss" (host name + "/attestation"), "aud" ("orbd") when
-// |with_audience|, "os", "os_version" and "attested_properties" from
-// |outcome|: the compact token, or nullopt (logged) on any failure. The
-// claims are written compactly, in the order listed here.
+// What names a token's host and the token itself to a relying party.
+struct TokenIds {
+  std::string kid;      // the signing key's thumbprint, for the header
+  std::string subject;  // the attested EK's id, lower-case hex
+};
+
+// CreateJwt signs a token (RS256) with the RSA private key |key| under a
+// header naming |ids.kid|: claims "iat", "exp", "iss" (host name +
+// "/attestation"), "aud" ("orbd") when |with_audience|, "os", "os_version"
+// and "attested_properties" from |outcome|, then "sub" (|ids.subject|) and
+// "jti" (a random UUID): the compact token, or nullopt (logged) on any
+// failure. The claims are written compactly, in the order listed here.
 std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bool with_audience,
-                                     const Tpm2::AttestationOutcome& outcome);
+                                     const Tpm2::AttestationOutcome& outcome, const TokenIds& ids);
 
 // The token signer: the report-signing key and the token validity, owned
 // by the daemon and passed to the Report service.
@@ -45,11 +52,12 @@ class TokenSigner {
   int64_t ValiditySeconds() const;
 
   // GenerateDocuments makes one token per known type in |types|, in order,
-  // all with the same "iat" (now) and "exp"; unknown types are skipped.
-  // nullopt (logged) when the signing key is missing or a token cannot be
-  // made.
+  // all with the same "iat" (now), "exp" and "sub" (|subject|, the attested
+  // EK's id), each with its own "jti"; unknown types are skipped. nullopt
+  // (logged) when the signing key is missing or a token cannot be made.
   std::optional<std::vector<SignedDocument>> GenerateDocuments(const std::vector<int>& types,
-                                                               const Tpm2::AttestationOutcome& outcome) const;
+                                                               const Tpm2::AttestationOutcome& outcome,
+                                                               const std::string& subject) const;
 
  private:
   const Config::SigningKeys& keys_;

@@ -5,6 +5,8 @@
 #include <openssl/ecdsa.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
@@ -116,6 +118,35 @@ bool DerToJose(const std::string& der, std::string* raw) {
   return true;
 }
 
+bool IsBase64Url(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+  });
+}
+
+// RsaPublicParts reads the modulus and public exponent of the RSA key |key|
+// as base64url big-endian bytes.
+bool RsaPublicParts(EVP_PKEY* key, std::string* n, std::string* e) {
+  BIGNUM* bn_n = nullptr;
+  BIGNUM* bn_e = nullptr;
+  bool ok = key != nullptr && EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA &&
+            EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &bn_n) == 1 &&
+            EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &bn_e) == 1;
+  auto bytes = [](const BIGNUM* bn) {
+    std::string out(static_cast<size_t>(BN_num_bytes(bn)), '\0');
+    BN_bn2bin(bn, reinterpret_cast<unsigned char*>(out.data()));
+    return Base64Url(out);
+  };
+  if (ok) {
+    *n = bytes(bn_n);
+    *e = bytes(bn_e);
+  }
+  BN_free(bn_n);
+  BN_free(bn_e);
+  ERR_clear_error();
+  return ok;
+}
+
 bool IsP256(EVP_PKEY* key) {
   char name[64] = {0};
   size_t len = 0;
@@ -208,8 +239,9 @@ std::string Claims::Compact(const char* name) const {
   return text != nullptr ? text.get() : "";
 }
 
-std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order) {
-  if (claims.json_ == nullptr || key == nullptr) {
+std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order,
+                                std::string_view kid) {
+  if (claims.json_ == nullptr || key == nullptr || !IsBase64Url(kid)) {
     return std::nullopt;
   }
   std::unique_ptr<char, FreeDeleter> payload(
@@ -217,12 +249,81 @@ std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, Ke
   if (payload == nullptr) {
     return std::nullopt;
   }
-  std::string token = Base64Url(alg == Alg::kEs256 ? kEs256Header : kRs256Header) + "." + Base64Url(payload.get());
+  std::string_view header = alg == Alg::kEs256 ? kEs256Header : kRs256Header;
+  std::string with_kid;
+  if (!kid.empty()) {  // {"alg":"..." then ,"kid":"..." then ,"typ":"JWT"}: still sorted
+    size_t after_alg = header.find(',');
+    with_kid = std::string(header.substr(0, after_alg)) + ",\"kid\":\"" + std::string(kid) + "\"" +
+               std::string(header.substr(after_alg));
+    header = with_kid;
+  }
+  std::string token = Base64Url(header) + "." + Base64Url(payload.get());
   std::string signature;
   if (!SignSha256(key, token, signature) || (alg == Alg::kEs256 && !DerToJose(signature, &signature))) {
     return std::nullopt;
   }
   return token + "." + Base64Url(signature);
+}
+
+std::optional<std::string> Thumbprint(EVP_PKEY* key) {
+  std::string n, e;
+  if (!RsaPublicParts(key, &n, &e)) {
+    return std::nullopt;
+  }
+  // The required members in lexical order, no white space.
+  std::string canonical = R"({"e":")" + e + R"(","kty":"RSA","n":")" + n + R"("})";
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  if (EVP_Digest(canonical.data(), canonical.size(), digest, &len, EVP_sha256(), nullptr) != 1) {
+    return std::nullopt;
+  }
+  return Base64Url(std::string_view(reinterpret_cast<const char*>(digest), len));
+}
+
+std::optional<nlohmann::json> PublicJwk(EVP_PKEY* key) {
+  std::string n, e;
+  std::optional<std::string> kid = Thumbprint(key);
+  if (!kid || !RsaPublicParts(key, &n, &e)) {
+    return std::nullopt;
+  }
+  return nlohmann::json{{"kty", "RSA"}, {"n", n}, {"e", e}, {"kid", *kid}, {"alg", "RS256"}, {"use", "sig"}};
+}
+
+KeyPtr PublicKeyFromJwk(const nlohmann::json& jwk) {
+  constexpr int kMinBits = 2048;
+  constexpr int kMaxBits = 8192;
+  auto member = [&](const char* name) -> std::string {
+    auto it = jwk.is_object() ? jwk.find(name) : jwk.end();
+    return jwk.is_object() && it != jwk.end() && it->is_string() ? it->get<std::string>() : "";
+  };
+  std::string n, e;
+  if (member("kty") != "RSA" || !Base64UrlDecode(member("n"), &n) || !Base64UrlDecode(member("e"), &e) ||
+      n.empty() || e.empty() || e.size() > 8) {
+    return nullptr;
+  }
+  std::unique_ptr<BIGNUM, decltype(&BN_free)> bn_n(
+      BN_bin2bn(reinterpret_cast<const unsigned char*>(n.data()), static_cast<int>(n.size()), nullptr), BN_free);
+  std::unique_ptr<BIGNUM, decltype(&BN_free)> bn_e(
+      BN_bin2bn(reinterpret_cast<const unsigned char*>(e.data()), static_cast<int>(e.size()), nullptr), BN_free);
+  if (!bn_n || !bn_e || BN_num_bits(bn_n.get()) < kMinBits || BN_num_bits(bn_n.get()) > kMaxBits) {
+    return nullptr;
+  }
+  std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)> build(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
+  std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)> params(nullptr, OSSL_PARAM_free);
+  if (build == nullptr || OSSL_PARAM_BLD_push_BN(build.get(), OSSL_PKEY_PARAM_RSA_N, bn_n.get()) != 1 ||
+      OSSL_PARAM_BLD_push_BN(build.get(), OSSL_PKEY_PARAM_RSA_E, bn_e.get()) != 1) {
+    return nullptr;
+  }
+  params.reset(OSSL_PARAM_BLD_to_param(build.get()));
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr),
+                                                                  EVP_PKEY_CTX_free);
+  EVP_PKEY* key = nullptr;
+  if (params == nullptr || ctx == nullptr || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+      EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+    ERR_clear_error();
+    return nullptr;
+  }
+  return KeyPtr(key);
 }
 
 std::optional<Decoded> Decode(const std::string& token) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -55,15 +56,32 @@ class Claims {
   std::string Compact(const char* name) const;
 
  private:
-  friend std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order);
+  friend std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order,
+                                         std::string_view kid);
   json_t* json_;
 };
 
 // Sign makes the compact token of |claims| under the header
-// {"alg":"RS256"|"ES256","typ":"JWT"}, signed with SHA-256 by |key| (ES256
-// as the 64 bytes r||s). The claims are written compactly in |order|. The
-// caller picks |alg| for |key| (AlgFor). nullopt on any failure.
-std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order);
+// {"alg":"RS256"|"ES256","typ":"JWT"}, or {"alg":...,"kid":|kid|,"typ":"JWT"}
+// when |kid| is not empty, signed with SHA-256 by |key| (ES256 as the 64
+// bytes r||s). The claims are written compactly in |order|. The caller picks
+// |alg| for |key| (AlgFor). nullopt on any failure, and for a |kid| outside
+// the base64url alphabet.
+std::optional<std::string> Sign(EVP_PKEY* key, Alg alg, const Claims& claims, KeyOrder order,
+                                std::string_view kid = {});
+
+// Thumbprint is the RFC 7638 thumbprint of the RSA key |key|: the base64url
+// SHA-256 of {"e":...,"kty":"RSA","n":...}; nullopt for any other key.
+std::optional<std::string> Thumbprint(EVP_PKEY* key);
+
+// PublicJwk is the RSA key |key| as a public JSON Web Key for RS256
+// signatures: "kty", "n", "e", "kid" (its thumbprint), "alg", "use".
+// nullopt for any other key.
+std::optional<nlohmann::json> PublicJwk(EVP_PKEY* key);
+
+// PublicKeyFromJwk reads an RSA public key ("kty":"RSA", base64url "n" and
+// "e", a modulus of 2048 to 8192 bits) from |jwk|; null otherwise.
+KeyPtr PublicKeyFromJwk(const nlohmann::json& jwk);
 
 // A compact token taken apart; nothing about it is verified yet.
 struct Decoded {

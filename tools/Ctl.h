@@ -6,6 +6,7 @@
 // token minting.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -25,5 +26,13 @@ inline constexpr int kExitUsage = 2;     // the command line cannot be carried o
 // private key |key_pem|: RS256 for an RSA key, ES256 for a P-256 key.
 bool MintToken(const std::string& key_pem, const std::string& subject, const std::vector<std::string>& entitlements,
                long validity_seconds, std::string* token, std::string* error);
+
+// VerifyReportToken checks an attestation token as a relying party does:
+// an RS256 signature by a key of the JWK Set |jwks_text| (the one its "kid"
+// names, or any when it names none), "exp" after |now|, and "iat" and "nbf",
+// when present, at most a minute ahead of |now|. True with |claims| set when
+// it holds; false with |why| otherwise.
+bool VerifyReportToken(const std::string& token, const std::string& jwks_text, int64_t now, nlohmann::json* claims,
+                       std::string* why);
 
 }  // namespace Witnessd::Ctl

@@ -7,6 +7,7 @@
 //   witnessctl WORDS... --help
 //   witnessctl token create --issuer-key FILE --subject NAME
 //              --entitlement PRIVILEGE... [--validity SECONDS]
+//   witnessctl token verify FILE|-
 //
 // The token comes from --token-file or else WITNESSD_TOKEN; the daemon's
 // address as for witnessd-agent (tools/DaemonAddress.h). The command catalogue
@@ -18,6 +19,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -27,6 +29,7 @@
 #include "platform/lumen/Json.h"
 #include "tools/Ctl.h"
 #include "tools/DaemonAddress.h"
+#include "tools/HttpClient.h"
 
 namespace {
 
@@ -39,6 +42,7 @@ constexpr const char* kGlobalUsage =
     "       witnessctl WORDS... --help\n"
     "       witnessctl token create --issuer-key FILE --subject NAME --entitlement PRIVILEGE...\n"
     "                  [--validity SECONDS]\n"
+    "       witnessctl token verify FILE|-\n"
     "\n"
     "The token comes from --token-file, else WITNESSD_TOKEN. A command can be called by any tail\n"
     "of its words that names it alone (\"endorsement-keys list\" for \"tpm2 endorsement-keys list\").\n"
@@ -149,7 +153,7 @@ int TokenCreate(const Args& args) {
     }
   }
   if (args.words.size() != 2 || args.words[1] != "create") {
-    return UsageError("the token command is: token create");
+    return UsageError("the token commands are: token create, token verify FILE|-");
   }
   if (key_file.empty() || subject.empty() || entitlements.empty()) {
     return UsageError("token create needs --issuer-key, --subject and at least one --entitlement");
@@ -164,6 +168,34 @@ int TokenCreate(const Args& args) {
     return UsageError(error);
   }
   std::printf("%s\n", token.c_str());
+  return kExitOk;
+}
+
+// TokenVerify checks an attestation token (from a file, or standard input
+// for "-") against the daemon's JWK Set and prints its claims.
+int TokenVerify(const Args& args) {
+  if (args.words.size() != 3 || !args.options.empty()) {
+    return UsageError("token verify takes one FILE, or - for standard input");
+  }
+  std::string token;
+  std::string error;
+  if (!ReadInput(args.words[2], &token, &error)) {
+    return UsageError(error);
+  }
+  Witnessd::Agent::HttpClient http(args.host, args.port);
+  int status = 0;
+  std::string jwks;
+  if (!http.Get("/jwks.json", &status, &jwks, &error) || status != 200) {
+    std::fprintf(stderr, "witnessctl: cannot read the daemon's JWK Set: %s\n",
+                 error.empty() ? ("HTTP status " + std::to_string(status)).c_str() : error.c_str());
+    return kExitApiError;
+  }
+  json claims;
+  if (!VerifyReportToken(Trim(token), jwks, static_cast<int64_t>(std::time(nullptr)), &claims, &error)) {
+    std::fprintf(stderr, "witnessctl: token not valid: %s\n", error.c_str());
+    return kExitApiError;
+  }
+  std::printf("%s\n", claims.dump(2).c_str());
   return kExitOk;
 }
 
@@ -203,7 +235,7 @@ int Main(int argc, char** argv) {
     return args.help ? kExitOk : kExitUsage;
   }
   if (args.words[0] == "token") {
-    return TokenCreate(args);
+    return args.words.size() > 1 && args.words[1] == "verify" ? TokenVerify(args) : TokenCreate(args);
   }
 
   std::string token;

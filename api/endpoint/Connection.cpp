@@ -285,6 +285,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
         WriteResponse(std::move(self), http::status::ok, "text/plain; version=0.0.4", Metrics::RenderText(), false,
                       nullptr);
         return;
+      case RequestVerdict::kJwks:
+        if (!connections_->documents_.jwks) {
+          WriteResponse(std::move(self), http::status::not_found, "", "", false, nullptr);
+          return;
+        }
+        WriteResponse(std::move(self), http::status::ok, "application/json", connections_->documents_.jwks(), false, nullptr);
+        return;
+      case RequestVerdict::kHealth: {
+        std::string problem = connections_->documents_.health_problem ? connections_->documents_.health_problem() : "";
+        bool healthy = problem.empty();
+        WriteResponse(std::move(self), healthy ? http::status::ok : http::status::service_unavailable,
+                      "text/plain", healthy ? "ok\n" : problem + "\n", false, nullptr);
+        return;
+      }
       case RequestVerdict::kInvalidContentType:
         WriteFrameworkError(std::move(self), http::status::unsupported_media_type, "application/json",
                             "invalid_content_type", "lumen.invalid.content.type");
@@ -461,12 +475,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
 Connections::Connections(std::shared_ptr<Lumen::Provider::ApiProvider> provider,
                          std::shared_ptr<Lumen::Log::Logger> logger, const EndpointTimeouts& timeouts,
-                         size_t body_limit, int max_connections)
+                         size_t body_limit, int max_connections, PublicDocuments documents)
     : provider_(std::move(provider)),
       logger_(std::move(logger)),
       timeouts_(timeouts),
       body_limit_(body_limit),
-      max_connections_(max_connections) {}
+      max_connections_(max_connections),
+      documents_(std::move(documents)) {}
 
 void Connections::Serve(StrandSocket socket) {
   Connection::Run(std::make_shared<Connection>(std::move(socket), shared_from_this()));

@@ -7,9 +7,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 #include <boost/asio/io_context.hpp>
@@ -58,10 +60,19 @@ class Connection;
 // count the listeners hold against the cap. While the cap is reached, a
 // client waiting to be accepted takes the place of the connection that has
 // waited longest for a request head.
+// The documents the endpoint serves to anyone by GET, outside the API.
+struct PublicDocuments {
+  // The JWK Set of the token-signing keys (application/json); null: 404.
+  std::function<std::string()> jwks;
+  // Why the daemon cannot serve, empty when it can; null: always healthy.
+  std::function<std::string()> health_problem;
+};
+
 class Connections : public std::enable_shared_from_this<Connections> {
  public:
   Connections(std::shared_ptr<Lumen::Provider::ApiProvider> provider, std::shared_ptr<Lumen::Log::Logger> logger,
-              const EndpointTimeouts& timeouts, size_t body_limit, int max_connections);
+              const EndpointTimeouts& timeouts, size_t body_limit, int max_connections,
+              PublicDocuments documents = {});
 
   // Serve serves an accepted client until its connection closes.
   void Serve(StrandSocket socket);
@@ -90,6 +101,7 @@ class Connections : public std::enable_shared_from_this<Connections> {
   const EndpointTimeouts timeouts_;
   const size_t body_limit_;
   const int max_connections_;
+  const PublicDocuments documents_;
   std::atomic<int> open_{0};         // open connections, less those evicted
   std::atomic<bool> at_cap_{false};  // for logging the change only
   // The connections waiting for a request head, in the order their waits

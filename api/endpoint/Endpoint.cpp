@@ -69,10 +69,11 @@ int DefaultMaxConnections() {
 Endpoint::Endpoint(uint16_t port, std::shared_ptr<asio::io_context> io,
                    std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
                    std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,
-                   Timeouts timeouts, int max_connections)
+                   Timeouts timeouts, int max_connections, PublicDocuments documents)
     : io_(std::move(io)),
       connections_(std::make_shared<Connections>(std::move(provider), std::move(logger), timeouts,
-                                                 kHttpBodySizeLimitInBytes, std::max(1, max_connections))),
+                                                 kHttpBodySizeLimitInBytes, std::max(1, max_connections),
+                                                 std::move(documents))),
       callback_(std::move(callback)),
       listener4_(std::make_shared<Listener>(*io_, connections_)),
       listener6_(std::make_shared<Listener>(*io_, connections_)) {

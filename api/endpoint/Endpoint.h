@@ -66,10 +66,12 @@ class Endpoint {
   // the connection that has waited longest for a request head (idle between
   // requests or with part of a head); when every connection is serving a
   // request, clients wait in the listen backlog until one closes.
+  // |documents| are served by GET to anyone.
   Endpoint(uint16_t port, std::shared_ptr<boost::asio::io_context> io,
            std::shared_ptr<Lumen::Provider::ApiProvider> provider, NotificationCallback callback,
            std::shared_ptr<Lumen::L10n::Localizer> localizer, std::shared_ptr<Lumen::Log::Logger> logger,
-           Timeouts timeouts = Timeouts(), int max_connections = kDefaultMaxConnections);
+           Timeouts timeouts = Timeouts(), int max_connections = kDefaultMaxConnections,
+           PublicDocuments documents = {});
   ~Endpoint();
 
   // Start listens on 127.0.0.1 then ::1 and starts the serving tasks on the

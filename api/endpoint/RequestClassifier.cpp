@@ -110,9 +110,13 @@ std::optional<std::string_view> ExpectOf(const HttpRequest& req) {
 
 Classified ClassifyRequest(const RequestFields& req) {
   Classified c;
-  if (req.method == RequestFields::Method::kGet && req.target == "/metrics") {
-    c.verdict = RequestVerdict::kMetrics;
-    return c;
+  if (req.method == RequestFields::Method::kGet) {
+    if (req.target == "/metrics" || req.target == "/jwks.json" || req.target == "/healthz") {
+      c.verdict = req.target == "/metrics"     ? RequestVerdict::kMetrics
+                  : req.target == "/jwks.json" ? RequestVerdict::kJwks
+                                               : RequestVerdict::kHealth;
+      return c;
+    }
   }
   if (req.method != RequestFields::Method::kPost) {
     c.log_text = "Request is considered as bad";

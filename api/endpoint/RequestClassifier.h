@@ -25,6 +25,8 @@ enum class RequestVerdict {
   kInvalidContentType, // 415 invalid_content_type
   kInvalidRequest,     // 400 invalid_request: not a JSON-RPC invoke call, or a bad locale header
   kMetrics,            // GET /metrics: the metrics in Prometheus text format
+  kJwks,               // GET /jwks.json: the token-signing keys as a JWK Set
+  kHealth,             // GET /healthz: whether the daemon can serve
 };
 
 // ClassifyHttpRequest parses |bytes| as one request in memory with the

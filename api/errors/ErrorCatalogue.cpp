@@ -31,6 +31,7 @@ constexpr CatalogueEntry kCatalogue[] = {
     {kEndorsementKeysInvalidKey, "The TPM Endorsement Key is not a valid public key."},
     {kEndorsementKeysMismatchedEk, "The TPM Endorsement Key certificate does not match the public key."},
     {kEndorsementKeysNoEk, "A TPM Endorsement Key requires a public key or certificate."},
+    {kCertificateInvalidPair, "The signing certificate and private key cannot be used: {reason}."},
     {kTpm2SettingsInvalidRequirements,
      "Endorsement Key certificate validation or public key validation is required."},
     {kRawConfigExportFailed, "Unable to export the Attestation Service configuration."},

@@ -33,6 +33,8 @@ inline constexpr char kEndorsementKeysInvalidData[] = "com.quarro.hyv.attestatio
 inline constexpr char kEndorsementKeysInvalidKey[] = "com.quarro.hyv.attestation.tpm2.endorsement_keys.invalid_key";
 inline constexpr char kEndorsementKeysMismatchedEk[] = "com.quarro.hyv.attestation.tpm2.endorsement_keys.mismatched_ek";
 inline constexpr char kEndorsementKeysNoEk[] = "com.quarro.hyv.attestation.tpm2.endorsement_keys.no_ek";
+// Signing certificate service.
+inline constexpr char kCertificateInvalidPair[] = "com.quarro.hyv.attestation.certificate.invalid_pair";
 // TPM settings service.
 inline constexpr char kTpm2SettingsInvalidRequirements[] =
     "com.quarro.hyv.attestation.tpm2.settings.invalid_requirements";

@@ -1,5 +1,5 @@
 // The certificate service: the report-signing certificate, for clients that
-// verify tokens. It cannot be replaced through the API.
+// verify tokens, and its replacement by an administrator.
 #pragma once
 
 #include "api/services/CertificateSvc.h"
@@ -10,13 +10,15 @@ namespace Witnessd::AttestApi {
 class CertificateImpl : public CertificateSvc {
  public:
   // |keys| outlives the service.
-  explicit CertificateImpl(const Config::SigningKeys& keys) : keys_(keys) {}
+  explicit CertificateImpl(Config::SigningKeys& keys) : keys_(keys) {}
 
   void Get(Callback<Info> done) override;
-  void Set(const std::string& certificate, Callback<Lumen::Void> done) override;
+  // Set replaces the signing pair with the certificate and RSA private key
+  // that |pem| holds (both PEM blocks in one text).
+  void Set(const std::string& pem, Callback<Lumen::Void> done) override;
 
  private:
-  const Config::SigningKeys& keys_;
+  Config::SigningKeys& keys_;
 };
 
 }  // namespace Witnessd::AttestApi

@@ -198,7 +198,9 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
     done(std::move(result));
     return;
   }
-  std::optional<std::vector<Token::SignedDocument>> signed_documents = signer_.GenerateDocuments(types, turn.outcome);
+  // The token names the host by the EK the session was proven with.
+  std::optional<std::vector<Token::SignedDocument>> signed_documents =
+      signer_.GenerateDocuments(types, turn.outcome, Config::Tpm2::EkIdHex(*ek.id));
   if (!signed_documents) {
     Lumen::StdError error = StdErrors::Error();
     CountAttestation(&error);

@@ -2,6 +2,8 @@
 // attested host's TPM driven by the test agent, a base image imported from a
 // signed image database whose checksums are what the agent measures.
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/sha.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -204,6 +206,143 @@ TEST_F(ReportService, SwtpmHostAttestsAndGetsVerifiableTokens) {
     ASSERT_EQ(1u, listed.output.size());
     ASSERT_TRUE(listed.output[0]["last_attested_time"].is_string()) << listed.raw;
     EXPECT_EQ(20u, listed.output[0]["last_attested_time"].get<std::string>().size());
+  }
+}
+
+// PairPem is |cert| followed by its private key, as certificate set takes them.
+std::string PairPem(const TestCert& cert) {
+  std::unique_ptr<BIO, decltype(&BIO_free)> out(BIO_new(BIO_s_mem()), BIO_free);
+  PEM_write_bio_PrivateKey(out.get(), cert.key.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  return cert.pem + BioString(out.get());
+}
+
+// EkIdHex is what a relying party computes for a host's EK: the SHA-256 of
+// its SubjectPublicKeyInfo DER, lower-case hex.
+std::string EkIdHex(const std::string& ek_pem) {
+  std::unique_ptr<BIO, decltype(&BIO_free)> in(BIO_new_mem_buf(ek_pem.data(), -1), BIO_free);
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(PEM_read_bio_PUBKEY(in.get(), nullptr, nullptr, nullptr),
+                                                          EVP_PKEY_free);
+  unsigned char* der = nullptr;
+  int len = i2d_PUBKEY(key.get(), &der);
+  unsigned char digest[32];
+  SHA256(der, static_cast<size_t>(len), digest);
+  OPENSSL_free(der);
+  char hex[65];
+  for (int i = 0; i < 32; ++i) {
+    std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  }
+  return hex;
+}
+
+// ClaimNames lists the claims of |token|'s payload in the order written.
+std::string ClaimNames(const std::string& token) {
+  std::string part = token.substr(token.find('.') + 1, token.rfind('.') - token.find('.') - 1);
+  std::replace(part.begin(), part.end(), '-', '+');
+  std::replace(part.begin(), part.end(), '_', '/');
+  size_t padding = (4 - part.size() % 4) % 4;
+  part.append(padding, '=');
+  std::string text(part.size() / 4 * 3, '\0');
+  int len = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                            reinterpret_cast<const unsigned char*>(part.data()), static_cast<int>(part.size()));
+  text.resize(static_cast<size_t>(len) - padding);
+  std::string names;
+  const nlohmann::ordered_json claims = nlohmann::ordered_json::parse(text);
+  for (const auto& item : claims.items()) {
+    names += (names.empty() ? "" : " ") + item.key();
+  }
+  return names;
+}
+
+// A relying party fetches the JWK Set and verifies tokens with the key their
+// "kid" names; the token says which host (the EK's id) and has an id of its
+// own. After the administrator replaces the signing pair, tokens signed
+// before still verify through the JWK Set, also after a restart, and new
+// tokens name the new key. Pairs that cannot sign are refused.
+TEST_F(ReportService, RelyingPartiesVerifyThroughTheJwks) {
+  Ready({});
+  auto jwks = [&] {
+    Agent::HttpClient http("127.0.0.1", daemon_->Port());
+    int status = 0;
+    std::string body, error;
+    EXPECT_TRUE(http.Get("/jwks.json", &status, &body, &error)) << error;
+    EXPECT_EQ(200, status);
+    return body;
+  };
+  auto kids = [](const std::string& jwks_text) {
+    std::vector<std::string> out;
+    const nlohmann::json set = nlohmann::json::parse(jwks_text);
+    for (const auto& k : set["keys"]) {
+      out.push_back(k["kid"]);
+    }
+    return out;
+  };
+  auto header_kid = [](const std::string& token) { return Hearth::Jwt::Decode(token)->header.value("kid", ""); };
+  Agent::AttestOptions both;
+  both.document_types = {"KMS_AUTH_JWT", "REPORTING_JWT"};
+  Agent::AttestResult before = Attest(both);
+  ASSERT_TRUE(before.ok) << before.failure << before.error_id;
+  const std::string old_kid = header_kid(before.documents[0].second);
+  ASSERT_EQ(std::vector<std::string>{old_kid}, kids(jwks()));
+  std::vector<std::string> jtis;
+  for (const auto& [type, token] : before.documents) {
+    auto jwt = DecodeTokenWithJwks(token, jwks());
+    ASSERT_NE(nullptr, jwt) << type;
+    EXPECT_EQ(EkIdHex(ek_pem_), jwt_get_grant(jwt.get(), "sub"));
+    jtis.push_back(jwt_get_grant(jwt.get(), "jti"));
+    EXPECT_EQ(36u, jtis.back().size());
+    // The new claims come after the ones relying parties already read.
+    EXPECT_EQ(type == "KMS_AUTH_JWT" ? "iat exp iss aud os os_version attested_properties sub jti"
+                                     : "iat exp iss os os_version attested_properties sub jti",
+              ClaimNames(token));
+  }
+  EXPECT_NE(jtis[0], jtis[1]);
+
+  const TestCert signing = MakeCert(MakeKey(2048), "Relying party signing", nullptr, false);
+  const TestCert other = MakeCert(MakeKey(2048), "Other", nullptr, false);
+  const TestCert small = MakeCert(MakeKey(1024), "Small", nullptr, false);
+  const TestCert ec = MakeCert(MakeKey(), "EC", nullptr, false);
+  const struct {
+    const char* name;
+    std::string pem;
+    bool anonymous;
+    const char* error_type;
+  } kRefused[] = {
+      {"certificate of another key", signing.pem + PairPem(other).substr(other.pem.size()), false,
+       "INVALID_ARGUMENT"},
+      {"no private key", signing.pem, false, "INVALID_ARGUMENT"},
+      {"1024-bit key", PairPem(small), false, "INVALID_ARGUMENT"},
+      {"EC key", PairPem(ec), false, "INVALID_ARGUMENT"},
+      {"two certificates", other.pem + PairPem(signing), false, "INVALID_ARGUMENT"},
+      {"anonymous caller", PairPem(signing), true, "UNAUTHENTICATED"},
+  };
+  for (const auto& c : kRefused) {
+    SCOPED_TRACE(c.name);
+    ApiClient anonymous(daemon_->Port(), "");
+    ApiReply r = (c.anonymous ? anonymous : *admin_).Invoke(kCertificate, "set", {{"certificate", c.pem}});
+    EXPECT_EQ(c.error_type, r.error_type) << r.raw;
+    EXPECT_EQ(!c.anonymous, r.HasMessage(Errors::kCertificateInvalidPair)) << r.raw;
+  }
+  ASSERT_EQ(std::vector<std::string>{old_kid}, kids(jwks()));
+
+  ApiReply set = admin_->Invoke(kCertificate, "set", {{"certificate", PairPem(signing)}});
+  ASSERT_TRUE(set.ok) << set.raw;
+  EXPECT_EQ(signing.pem, SigningCertificate());
+  for (bool restarted : {false, true}) {
+    SCOPED_TRACE(restarted ? "after a restart" : "at once");
+    if (restarted) {
+      admin_.reset();
+      daemon_.reset();
+      StartDaemon();
+    }
+    std::string published = jwks();
+    ASSERT_EQ(2u, kids(published).size()) << published;
+    EXPECT_EQ(old_kid, kids(published)[1]);
+    EXPECT_NE(nullptr, DecodeTokenWithJwks(before.documents[0].second, published));
+    Agent::AttestResult after = Attest({});
+    ASSERT_TRUE(after.ok) << after.failure << after.error_id;
+    EXPECT_EQ(kids(published)[0], header_kid(after.documents[0].second));
+    EXPECT_NE(nullptr, DecodeTokenWithJwks(after.documents[0].second, published));
+    EXPECT_NE(nullptr, DecodeToken(after.documents[0].second, signing.pem));
   }
 }
 

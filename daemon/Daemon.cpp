@@ -12,7 +12,6 @@
 #include <boost/asio/io_context.hpp>
 
 #include "api/endpoint/Endpoint.h"
-#include "daemon/Health.h"
 #include "api/errors/ErrorCatalogue.h"
 #include "api/provider/ProviderAssembly.h"
 #include "api/services/BaseImagesImpl.h"
@@ -24,6 +23,7 @@
 #include "api/services/StatusImpl.h"
 #include "api/services/Tpm2SettingsImpl.h"
 #include "config/Configuration.h"
+#include "config/Health.h"
 #include "config/SigningKey.h"
 #include "config/tpm2/TrustConfiguration.h"
 #include "transfer/ConfigTransfer.h"
@@ -160,7 +160,7 @@ int Main() {
     auto provider = AttestApi::AssembleProvider([](const std::string&) {}, localizer, logger, traffic_tracker,
                                                 errors_tracker, services);
 
-    HealthCheck health(store, signing_keys);
+    Config::HealthCheck health(store, signing_keys);
     AttestApi::PublicDocuments documents;
     documents.jwks = [&signing_keys] {
       int64_t now_us = 0;

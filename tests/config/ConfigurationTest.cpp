@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "config/Health.h"
 #include "config/SigningKey.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
 #include "tests/config/StoreFixture.h"
+#include "tests/platform/ssl/TestCerts.h"
 #include "tests/support/LogCapture.h"
 
 namespace Witnessd::Config {
@@ -68,6 +70,44 @@ TEST_F(SigningKeyTest, ReadConfigValueAbsentAndFailing) {
   EXPECT_NE(std::string::npos, log.find("disk I/O error"));
   store_->FailSqliteCallAfter(0);
   EXPECT_FALSE(keys.Save("CERT", "KEY"));
+}
+
+// A replaced key stays in the JWK Set for the longest token validity after
+// its replacement, then leaves it; a replacement the store refuses changes
+// nothing.
+TEST_F(SigningKeyTest, ReplacedKeyIsPublishedUntilItsTokensHaveExpired) {
+  SigningKeys keys(store_);
+  Testing::Capture([&] { keys.Ensure(); });
+  const std::string old_jwk = keys.Current()->jwk;
+  Testing::TestCert cert = Testing::MakeCert(Testing::MakeKey(2048), "Signing", nullptr, false);
+  std::unique_ptr<BIO, decltype(&BIO_free)> out(BIO_new(BIO_s_mem()), BIO_free);
+  PEM_write_bio_PrivateKey(out.get(), cert.key.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  const std::string key_pem = Testing::BioString(out.get());
+  std::string why;
+  store_->FailSqliteCallAfter(0);
+  EXPECT_EQ(ReplaceResult::kStoreFailed, keys.Replace(cert.pem, key_pem, 1000, &why));
+  EXPECT_EQ("{\"keys\":[" + old_jwk + "]}", JwkSetText(*keys.Current(), 1000));
+
+  ASSERT_EQ(ReplaceResult::kReplaced, keys.Replace(cert.pem, key_pem, 1000, &why)) << why;
+  const std::string new_jwk = keys.Current()->jwk;
+  EXPECT_EQ("{\"keys\":[" + new_jwk + "," + old_jwk + "]}",
+            JwkSetText(*keys.Current(), 1000 + kRetiredKeyPublishedSeconds - 1));
+  EXPECT_EQ("{\"keys\":[" + new_jwk + "]}", JwkSetText(*keys.Current(), 1000 + kRetiredKeyPublishedSeconds));
+  EXPECT_EQ(ReplaceResult::kInvalid, keys.Replace(cert.pem, key_pem, 2000, &why));
+  EXPECT_EQ("the private key is the one in use", why);
+}
+
+TEST_F(SigningKeyTest, HealthNamesWhatKeepsTheDaemonFromServing) {
+  SigningKeys keys(store_);
+  HealthCheck health(store_, keys, std::chrono::seconds(0));
+  EXPECT_EQ("no usable report signing key", health.Problem());
+  Testing::Capture([&] { keys.Ensure(); });
+  EXPECT_EQ("", health.Problem());
+  store_->FailSqliteCallAfter(0);
+  std::string problem;
+  Testing::Capture([&] { problem = health.Problem(); });
+  EXPECT_EQ(0u, problem.find("configuration store unreadable: ")) << problem;
+  EXPECT_EQ("", health.Problem());
 }
 
 TEST_F(SigningKeyTest, FatalInconsistenciesStopTheProcess) {

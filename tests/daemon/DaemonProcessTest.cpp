@@ -140,6 +140,10 @@ TEST_F(Daemon, ServesAndEndsWithStatusZeroOnTerminationSignals) {
     ASSERT_TRUE(d.Start());
     ASSERT_TRUE(d.WaitForLog(kServing)) << d.Log();
     EXPECT_TRUE(CanConnect(AF_INET, d.Port()));
+    RawClient health(d.Port());
+    RawClient::Response reply;
+    EXPECT_TRUE(health.Send("GET /healthz HTTP/1.1\r\n\r\n") && health.ReadResponse(&reply));
+    EXPECT_EQ("200 ok\n", std::to_string(reply.status) + " " + reply.body);
     d.Signal(signo);
     EXPECT_EQ(0, d.WaitExit()) << d.Log();
     EXPECT_EQ(1, d.CountInLog("Exiting with status 0")) << d.Log();

@@ -3,8 +3,11 @@
 // configuration round trip through files, and a command that exists only
 // because the metadata file names it.
 #include <gtest/gtest.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -12,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/Jwt.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/trusted/ImgdbFixture.h"
 #include "tools/BootLog.h"
@@ -188,6 +192,67 @@ TEST_F(WitnessctlTest, TokensAndReachability) {
     CtlRun r = Ctl(row.args, row.token, row.port);
     EXPECT_EQ(row.status, r.status) << row.args << "\n" << r.err;
     EXPECT_NE(std::string::npos, r.err.find(row.err)) << row.args << "\n" << r.err;
+  }
+}
+
+// token verify checks a token as a relying party does, against the daemon's
+// JWK Set. The administrator gives the daemon a signing pair this test holds
+// (certificate set), so that the test can sign tokens as the daemon would
+// and forge them as a host would.
+TEST_F(WitnessctlTest, TokenVerifyChecksSignatureKeyIdAndTime) {
+  Shell("cd " + *dir_ +
+        " && openssl req -x509 -newkey rsa:2048 -nodes -keyout sign.key -out sign.crt -subj /CN=sign -days 1"
+        "    2>/dev/null && cat sign.crt sign.key > pair.pem"
+        " && openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out forger.key 2>/dev/null");
+  CtlRun set = Admin("certificate set --certificate @pair.pem");
+  ASSERT_EQ(0, set.status) << set.err;
+  Hearth::Jwt::KeyPtr key = Hearth::Jwt::PrivateKeyFromPem(ReadAll(*dir_ + "/sign.key"));
+  Hearth::Jwt::KeyPtr forger = Hearth::Jwt::PrivateKeyFromPem(ReadAll(*dir_ + "/forger.key"));
+  Hearth::Jwt::KeyPtr ec(EVP_EC_gen("P-256"));
+  const std::string kid = *Hearth::Jwt::Thumbprint(key.get());
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  auto token = [&](EVP_PKEY* by, const std::string& with_kid, int64_t iat, int64_t exp) {
+    Hearth::Jwt::Claims claims;
+    EXPECT_TRUE(claims.SetInt("iat", iat) && claims.SetInt("exp", exp) && claims.SetString("sub", "host-ek"));
+    Hearth::Jwt::Alg alg = *Hearth::Jwt::AlgFor(by);
+    return Hearth::Jwt::Sign(by, alg, claims, Hearth::Jwt::KeyOrder::kAsSet, with_kid).value_or("");
+  };
+  const std::string good = token(key.get(), kid, now, now + 600);
+  std::ofstream(*dir_ + "/good.jwt") << good << "\n";
+  std::ofstream(*dir_ + "/unsigned.jwt") << "eyJhbGciOiJub25lIn0." << good.substr(good.find('.') + 1, good.rfind('.') -
+                                                                                     good.find('.'));
+  const struct {
+    const char* name;
+    std::string token;  // written to a file and given as "-" on standard input; empty: |args| as they are
+    std::string args;
+    int status;
+    const char* text;  // in standard output when 0, else in standard error
+  } kCases[] = {
+      {"from a file", "", "token verify good.jwt", 0, "\"sub\": \"host-ek\""},
+      {"from standard input", good, "", 0, "\"sub\": \"host-ek\""},
+      {"no kid: any key of the set", token(key.get(), "", now, now + 600), "", 0, "host-ek"},
+      {"expired", token(key.get(), kid, now - 700, now - 1), "", 1, "the token has expired"},
+      {"issued two minutes ahead", token(key.get(), kid, now + 120, now + 600), "", 1, "not valid yet"},
+      {"forged under the daemon's kid", token(forger.get(), kid, now, now + 600), "", 1, "does not verify"},
+      {"forged without a kid", token(forger.get(), "", now, now + 600), "", 1, "does not verify"},
+      {"unknown kid", token(forger.get(), *Hearth::Jwt::Thumbprint(forger.get()), now, now + 600), "", 1,
+       "has the token's kid"},
+      {"ES256", token(ec.get(), "", now, now + 600), "", 1, "not signed with RS256"},
+      {"alg none", "", "token verify unsigned.jwt", 1, "not signed with RS256"},
+      {"not a token", "hello", "", 1, "not a signed JSON Web Token"},
+      {"no file", "", "token verify", 2, "one FILE"},
+      {"missing file", "", "token verify nowhere.jwt", 2, "nowhere.jwt"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    std::string args = c.args;
+    if (!c.token.empty()) {
+      std::ofstream(*dir_ + "/case.jwt") << c.token;
+      args = "token verify - < case.jwt";
+    }
+    CtlRun r = Ctl(args);
+    EXPECT_EQ(c.status, r.status) << r.err;
+    EXPECT_NE(std::string::npos, (c.status == 0 ? r.out : r.err).find(c.text)) << r.out << r.err;
   }
 }
 

@@ -1,8 +1,8 @@
-#include "daemon/Health.h"
+#include "config/Health.h"
 
 #include "platform/Log.h"
 
-namespace Witnessd {
+namespace Witnessd::Config {
 
 std::string HealthCheck::Problem() {
   if (keys_.Current()->pkey == nullptr) {
@@ -10,13 +10,13 @@ std::string HealthCheck::Problem() {
   }
   const auto now = std::chrono::steady_clock::now();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (ever_checked_ && now - checked_ < std::chrono::seconds(1)) {
+  if (ever_checked_ && now - checked_ < recheck_) {
     return store_problem_;
   }
   ever_checked_ = true;
   checked_ = now;
   try {
-    store_->GetObject(Config::MakeId(Config::kKeyCertificate));
+    store_->GetObject(MakeId(kKeyCertificate));
     store_problem_.clear();
   } catch (const std::exception& e) {
     store_problem_ = std::string("configuration store unreadable: ") + e.what();
@@ -25,4 +25,4 @@ std::string HealthCheck::Problem() {
   return store_problem_;
 }
 
-}  // namespace Witnessd
+}  // namespace Witnessd::Config

@@ -247,6 +247,8 @@ std::chrono::milliseconds RetryDelay::Next() {
 }
 
 int RunHostAgent(const HostAgentOptions& options, std::chrono::seconds interval, const std::string& out_path) {
+  // A peer that went away is a failed attempt, reported as such.
+  std::signal(SIGPIPE, SIG_IGN);
   std::string error;
   if (interval.count() <= 0) {
     HostOutcome o = AttestHost(options);

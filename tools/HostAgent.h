@@ -45,7 +45,7 @@ struct HostAgentOptions {
 struct HostOutcome {
   int status = kHostFailed;
   std::vector<std::pair<std::string, std::string>> documents;  // type, token
-  std::string message;  // why it failed
+  std::string message;                                         // why it failed
 };
 
 // AttestHost runs one attestation: it opens the TPM, settles the EK (a

@@ -1,8 +1,8 @@
 // witnessd-agent as a real host runs it: the binary, a booted swtpm reached
 // only through its TCTI (the agent cannot reset or measure it), an event log
 // file the host's firmware would have written, the real daemon over HTTP.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,12 +13,11 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "tests/support/ApiClient.h"
 #include "tests/support/DaemonProcess.h"
@@ -53,7 +52,8 @@ void Shell(const std::string& command) { ASSERT_EQ(0, std::system(command.c_str(
 // A witnessd-agent process, its standard output and error in files.
 class AgentRun {
  public:
-  AgentRun(const std::string& dir, const std::vector<std::string>& args) : out_(dir + "/agent.out"), err_(dir + "/agent.err") {
+  AgentRun(const std::string& dir, const std::vector<std::string>& args)
+      : out_(dir + "/agent.out"), err_(dir + "/agent.err") {
     std::vector<std::string> all = {WITNESSD_AGENT_PATH};
     all.insert(all.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -203,8 +203,8 @@ TEST_F(HostAgent, AttestsOnceOrSaysWhyNot) {
     const char* name;
     std::vector<std::string> args;
     int status;
-    bool reaches_daemon;  // false: the agent stops before it sends anything
-    const char* err;      // substring of standard error
+    bool reaches_daemon;      // false: the agent stops before it sends anything
+    const char* err;          // substring of standard error
     std::string before = "";  // a shell command run first
   } kRows[] = {
       {"the EK certificate from NV, documents on stdout", Args({"--event-log", d + "/boot.log"}), 0, true, ""},
@@ -213,15 +213,18 @@ TEST_F(HostAgent, AttestsOnceOrSaysWhyNot) {
              "--document", "REPORTING_JWT", "--out", d + "/documents.json"}),
        0, true, ""},
       {"a log of a boot the PCRs do not hold", Args({"--event-log", d + "/txt.log"}), 1, true, kVerifyFailed},
-      {"a certificate of another key (PEM)", Args({"--event-log", d + "/boot.log", "--ek-certificate", d + "/other.pem"}),
-       2, false, "is not the TPM's EK"},
-      {"a certificate of another key (DER)", Args({"--event-log", d + "/boot.log", "--ek-certificate", d + "/other.der"}),
-       2, false, "is not the TPM's EK"},
+      {"a certificate of another key (PEM)",
+       Args({"--event-log", d + "/boot.log", "--ek-certificate", d + "/other.pem"}), 2, false, "is not the TPM's EK"},
+      {"a certificate of another key (DER)",
+       Args({"--event-log", d + "/boot.log", "--ek-certificate", d + "/other.der"}), 2, false, "is not the TPM's EK"},
       {"a certificate file that is none", Args({"--event-log", d + "/boot.log", "--ek-certificate", d + "/boot.log"}),
        2, false, "holds no X.509 certificate"},
       {"a log past the size bound", Args({"--event-log", d + "/huge.log"}), 2, false, "is larger than 16777216 bytes"},
       {"no log", Args({"--event-log", d + "/missing.log"}), 2, false, "cannot open"},
-      {"an unreachable TCTI", {"--tcti", unreachable_tcti, "--event-log", d + "/boot.log"}, 2, false,
+      {"an unreachable TCTI",
+       {"--tcti", unreachable_tcti, "--event-log", d + "/boot.log"},
+       2,
+       false,
        "cannot open the TPM"},
       {"an unreachable daemon", Args({"--event-log", d + "/boot.log"}, nobody), 2, false, "cannot connect"},
       {"a test-only option", Args({"--txt"}), 2, false, "usage:"},

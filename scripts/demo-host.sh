@@ -7,6 +7,10 @@
 #   - manufactures a swtpm (EK certificate from a local CA under demo/) and
 #     runs it on 127.0.0.1:$SWTPM_PORT (default 2321; control port + 1),
 #   - writes the TPM's EK public key to demo/ek.pem,
+#   - boots the host: power-cycles the swtpm, measures the agent's synthetic
+#     hypervisor boot into it and writes that boot's event log to
+#     demo/boot.log (what a real host's firmware leaves in
+#     /sys/kernel/security/tpm0/binary_bios_measurements),
 #   - writes demo/imgdb.tgz, a signed image database that trusts the agent's
 #     synthetic boot, and installs its signing certificates under the
 #     sysroot's /usr/share/certs (as a hypervisor maker's would be),
@@ -54,6 +58,8 @@ swtpm socket --tpm2 --tpmstate "dir=$demo/tpm/state" --daemon --pid "file=$demo/
 
 "$build/tools/witnessd-agent" --swtpm-port "$port" --ek-only > "$demo/ek.pem"
 say "EK public key in $demo/ek.pem"
+"$build/tools/witnessd-agent" --swtpm-port "$port" --measure-boot "$demo/boot.log"
+say "host booted; its event log in $demo/boot.log"
 
 mkdir -p "$sysroot/usr/share/certs"
 # shellcheck disable=SC2046 # the flags are words

@@ -29,6 +29,25 @@ constexpr size_t kAttributesOffset = 6;
 std::string AsString(const Bytes& b) { return std::string(b.begin(), b.end()); }
 Bytes AsBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
+// MessageText gives a reply message's default text with its "{name}"
+// placeholders replaced by its arguments, in order.
+std::string MessageText(const Json& message) {
+  std::string text = message.value("default_message", "");
+  const Json args = message.value("args", Json::array());
+  std::string out;
+  size_t next = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    size_t close = text[i] == '{' ? text.find('}', i) : std::string::npos;
+    if (close != std::string::npos && args.is_array() && next < args.size() && args[next].is_string()) {
+      out += args[next++].get<std::string>();
+      i = close;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
 // Conversation holds one attestation's state on the agent side.
 class Conversation {
  public:
@@ -69,11 +88,14 @@ class Conversation {
   }
 
   bool Prepare() {
-    std::vector<BootEvent> events = HypervisorBootEvents(options_.boot);
-    event_log_ = WriteEventLog(events);
     const BootPlan& measured = options_.measured_boot.value_or(options_.boot);
-    if (options_.measure_boot && !MeasureBoot(tpm_, measured, HypervisorBootEvents(measured))) {
-      return Fail("boot measurement: " + tpm_->LastError());
+    if (options_.event_log) {
+      event_log_ = *options_.event_log;
+    } else {
+      event_log_ = WriteEventLog(HypervisorBootEvents(options_.boot));
+      if (options_.measure_boot && !MeasureBoot(tpm_, measured, HypervisorBootEvents(measured))) {
+        return Fail("boot measurement: " + tpm_->LastError());
+      }
     }
     if (options_.fault == Fault::kPcrAfterLog) {
       uint32_t core = options_.boot.txt ? 19 : 12;
@@ -87,7 +109,9 @@ class Conversation {
     if (!EkPublicPem(ek_public_, &ek_public_pem_)) {
       return Fail("EK public key to PEM");
     }
-    if ((options_.use_certificate || options_.send_both) && !tpm_->EkCertificatePem(&ek_certificate_pem_)) {
+    if (!options_.ek_certificate_pem.empty()) {
+      ek_certificate_pem_ = options_.ek_certificate_pem;
+    } else if ((options_.use_certificate || options_.send_both) && !tpm_->EkCertificatePem(&ek_certificate_pem_)) {
       return Fail("EK certificate: " + tpm_->LastError());
     }
     result_->ek_public_pem = ek_public_pem_;
@@ -96,7 +120,8 @@ class Conversation {
 
   const std::string& EkCertificatePem() const { return ek_certificate_pem_; }
   std::string EkPublicPemToSend() const {
-    return options_.use_certificate && !options_.send_both ? std::string() : ek_public_pem_;
+    bool by_certificate = options_.use_certificate || !options_.ek_certificate_pem.empty();
+    return by_certificate && !options_.send_both ? std::string() : ek_public_pem_;
   }
 
  private:
@@ -320,6 +345,7 @@ AttestResult AttestWith(HostTpm* tpm, const AttestOptions& options, const Report
     if (!answer.error_type.empty()) {
       result.error_type = answer.error_type;
       result.error_id = answer.error_id;
+      result.error_text = answer.error_text;
       return result;
     }
     if (answer.done) {
@@ -366,8 +392,10 @@ ReportTransport OverHttp(const std::string& host, uint16_t port, const std::stri
     if (result.contains("error") && result["error"].is_object()) {
       const Json& e = result["error"];
       out->error_type = e.value("error_type", "");
-      if (e.contains("messages") && e["messages"].is_array() && !e["messages"].empty()) {
+      if (e.contains("messages") && e["messages"].is_array() && !e["messages"].empty() &&
+          e["messages"][0].is_object()) {
         out->error_id = e["messages"][0].value("id", "");
+        out->error_text = MessageText(e["messages"][0]);
       }
       return true;
     }

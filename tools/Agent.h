@@ -1,7 +1,7 @@
 // The test agent: plays an attested host's agent against witnessd's Report
 // service. One call of Attest runs a whole attestation:
 //
-//   auto tpm = Agent::MakeSoftwareHost();           // or OpenSwtpmHost(port, &error)
+//   auto tpm = Agent::MakeSoftwareHost();           // or OpenSwtpmHost(port, &error), OpenTctiHost(conf, &error)
 //   Agent::AttestOptions options;
 //   options.boot.txt = true;
 //   Agent::AttestResult r = Agent::Attest(tpm.get(), "127.0.0.1", daemon_port, options);
@@ -51,6 +51,11 @@ struct AttestOptions {
   // What the TPM really measures when it differs from |boot|, the boot the
   // event log tells.
   std::optional<BootPlan> measured_boot;
+  // The host's own event log: sent as it is, with nothing measured and no
+  // synthetic log written.
+  std::optional<Bytes> event_log;
+  // An EK certificate (PEM) to send instead of the TPM's own.
+  std::string ek_certificate_pem;
   // The agent's statement that the event log is whole.
   bool log_complete = true;
   Fault fault = Fault::kNone;
@@ -69,6 +74,7 @@ struct AttestResult {
   // An API error: its kind ("INVALID_ARGUMENT"...) and first message id.
   std::string error_type;
   std::string error_id;
+  std::string error_text;  // the first message's text, its arguments filled in
   // Anything else that went wrong (TPM, HTTP, malformed reply).
   std::string failure;
   int turns = 0;
@@ -93,6 +99,7 @@ struct ReportCall {
 struct ReportAnswer {
   std::string error_type;
   std::string error_id;
+  std::string error_text;
   bool done = false;
   std::vector<std::pair<std::string, std::string>> documents;
   Bytes context;

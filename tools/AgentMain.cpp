@@ -1,22 +1,49 @@
 // witnessd-agent: attests a host against a running witnessd.
 //
+//   witnessd-agent --tcti CONF [--event-log FILE] [--ek-certificate FILE]
+//                  [--document TYPE]... [--out FILE] [--interval SECONDS]
+//                  [--host H] [--port P]
+//
+// attests the host it runs on: its TPM through the tpm2-tss TCTI CONF
+// ("device:/dev/tpmrm0", "tabrmd", "swtpm:host=127.0.0.1,port=2321"), the
+// event log its firmware and kernel wrote (default
+// /sys/kernel/security/tpm0/binary_bios_measurements, read whole before the
+// TPM quotes, at most 16 MiB). The EK is the key at persistent handle
+// 0x81010001, else the default RSA EK; its certificate comes from
+// --ek-certificate (PEM or DER), else from NV index 0x01C00002, and must
+// hold that key; with no certificate at all the EK public key is sent. The
+// documents are printed as {"documents":[{"type":...,"token":...}]}, or
+// written to --out FILE (mode 0600, replaced atomically). Exit status 0
+// with documents; 1 when the daemon refuses (its error id and text on
+// standard error); 2 when the TPM, a file or the connection fails, or on a
+// usage error. --interval attests every SECONDS until SIGTERM or SIGINT
+// (exit 0), retrying failures after a jittered back-off from 5 s, doubling
+// up to the interval or 10 minutes, each failure logged to standard error.
+//
+// Test and load modes, on a TPM the agent boots and measures itself:
+//
 //   witnessd-agent [--host 127.0.0.1] [--port 7889] (--swtpm-port P | --software)
 //                  [--certificate] [--txt] [--no-secure-boot] [--incomplete]
 //                  [--document KMS_AUTH_JWT|REPORTING_JWT]... [--print-ek]
 //                  [--count N] [--concurrency C] [--per-host K]
 //                  [--ek-ca-key F --ek-ca-cert F] [--max-turns T] [--withhold-quote]
 //   witnessd-agent --swtpm-port P --ek-only
+//   witnessd-agent --swtpm-port P [--txt] [--no-secure-boot] --measure-boot FILE
 //   witnessd-agent [--txt] [--no-secure-boot] --imgdb-flags
 //   witnessd-agent [--txt] [--no-secure-boot] --event-log-bytes
 //
 // --ek-only prints the TPM's EK public key (PEM) without attesting;
-// --imgdb-flags prints the image database generator's flags for a base
-// image that trusts this agent's synthetic boot; --event-log-bytes the size
-// of the event log it sends. The port defaults to
-// WITNESSD_PORT when set.
+// --measure-boot power-cycles the swtpm, measures the synthetic boot into it
+// and writes its event log to FILE, so that --tcti then attests it as a
+// booted host; --imgdb-flags prints the image database generator's flags
+// for a base image that trusts this agent's synthetic boot;
+// --event-log-bytes the size of the event log it sends. The port defaults
+// to WITNESSD_PORT when set.
 //
-// With --swtpm-port the host's TPM is the swtpm listening there (control
-// channel on P + 1). With --software each thread uses one software host (its
+// With --swtpm-port the host's TPM is the swtpm listening there (TCTI
+// swtpm:host=127.0.0.1,port=P, control channel on P + 1); each attestation
+// power-cycles it, measures the synthetic boot and sends that boot's log.
+// With --software each thread uses one software host (its
 // own EK; the AK key is made once); --count and --concurrency then run that
 // many attestations on that many threads and print throughput and per-turn
 // latencies. Each failure is counted under its reason (the error id, or
@@ -30,6 +57,7 @@
 // daemon; --withhold-quote answers quote requests with the event log alone.
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +73,7 @@
 
 #include "tools/Agent.h"
 #include "tools/DaemonAddress.h"
+#include "tools/HostAgent.h"
 
 namespace {
 
@@ -52,15 +81,34 @@ using namespace Witnessd::Agent;
 
 int Usage() {
   std::fprintf(stderr,
-               "usage: witnessd-agent [--host H] [--port P] (--swtpm-port P | --software) [--certificate] [--txt]\n"
+               "usage: witnessd-agent --tcti CONF [--event-log FILE] [--ek-certificate FILE] [--document TYPE]...\n"
+               "                      [--out FILE] [--interval SECONDS] [--host H] [--port P]\n"
+               "       witnessd-agent [--host H] [--port P] (--swtpm-port P | --software) [--certificate] [--txt]\n"
                "                      [--no-secure-boot] [--incomplete] [--document TYPE]... [--print-ek]\n"
                "                      [--count N] [--concurrency C] [--per-host K]\n"
                "                      [--ek-ca-key F --ek-ca-cert F] [--max-turns T] [--withhold-quote]\n"
                "       witnessd-agent --swtpm-port P --ek-only\n"
+               "       witnessd-agent --swtpm-port P [--txt] [--no-secure-boot] --measure-boot FILE\n"
                "       witnessd-agent [--txt] [--no-secure-boot] (--imgdb-flags | --event-log-bytes)\n"
-               "\n%s",
-               Witnessd::Tools::kDaemonAddressHelp);
+               "\n"
+               "--tcti attests this host: its TPM through the TCTI (device:/dev/tpmrm0, tabrmd, swtpm:host=H,port=P),\n"
+               "its event log (default %s). Exit status: 0 attested,\n"
+               "1 refused by the daemon, 2 TPM, file or connection failure.\n"
+               "%s",
+               kDefaultEventLog, Witnessd::Tools::kDaemonAddressHelp);
   return 2;
+}
+
+// ParseSeconds reads a positive number of seconds.
+bool ParseSeconds(const char* text, long* out) {
+  errno = 0;
+  char* end = nullptr;
+  long v = std::strtol(text, &end, 10);
+  if (*text == '\0' || *end != '\0' || errno != 0 || v < 1) {
+    return false;
+  }
+  *out = v;
+  return true;
 }
 
 void PrintResult(const AttestResult& r) {
@@ -123,6 +171,13 @@ int main(int argc, char** argv) {
   const char* ek_ca_cert = nullptr;
   AttestOptions options;
   options.document_types.clear();
+  // The real host's options, and whether a test-only option was given.
+  HostAgentOptions host_agent;
+  const char* out_path = nullptr;
+  long interval = 0;
+  bool host_only = false;
+  bool test_only = false;
+  const char* measure_boot = nullptr;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
@@ -134,45 +189,95 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "witnessd-agent: --port: not a port: %s\n", v);
         return 2;
       }
+    } else if (a == "--tcti" && (v = next())) {
+      host_agent.tcti = v;
+    } else if (a == "--event-log" && (v = next())) {
+      host_agent.event_log = v;
+      host_only = true;
+    } else if (a == "--ek-certificate" && (v = next())) {
+      host_agent.ek_certificate_file = v;
+      host_only = true;
+    } else if (a == "--out" && (v = next())) {
+      out_path = v;
+      host_only = true;
+    } else if (a == "--interval" && (v = next())) {
+      if (!ParseSeconds(v, &interval)) {
+        std::fprintf(stderr, "witnessd-agent: --interval: not a positive number of seconds: %s\n", v);
+        return 2;
+      }
+      host_only = true;
+    } else if (a == "--measure-boot" && (v = next())) {
+      measure_boot = v;
+      test_only = true;
     } else if (a == "--swtpm-port" && (v = next())) {
       swtpm_port = std::atoi(v);
     } else if (a == "--software") {
+      test_only = true;
       software = true;
     } else if (a == "--certificate") {
+      test_only = true;
       options.use_certificate = true;
     } else if (a == "--txt") {
+      test_only = true;
       options.boot.txt = true;
     } else if (a == "--no-secure-boot") {
+      test_only = true;
       options.boot.secure_boot = false;
     } else if (a == "--incomplete") {
+      test_only = true;
       options.log_complete = false;
     } else if (a == "--document" && (v = next())) {
       options.document_types.push_back(v);
     } else if (a == "--print-ek") {
+      test_only = true;
       print_ek = true;
     } else if (a == "--ek-only") {
+      test_only = true;
       ek_only = true;
     } else if (a == "--imgdb-flags") {
+      test_only = true;
       imgdb_flags = true;
     } else if (a == "--event-log-bytes") {
+      test_only = true;
       event_log_bytes = true;
     } else if (a == "--count" && (v = next())) {
+      test_only = true;
       count = std::max(1, std::atoi(v));
     } else if (a == "--concurrency" && (v = next())) {
+      test_only = true;
       concurrency = std::max(1, std::atoi(v));
     } else if (a == "--per-host" && (v = next())) {
+      test_only = true;
       per_host = std::max(1, std::atoi(v));
     } else if (a == "--ek-ca-key" && (v = next())) {
+      test_only = true;
       ek_ca_key = v;
     } else if (a == "--ek-ca-cert" && (v = next())) {
+      test_only = true;
       ek_ca_cert = v;
     } else if (a == "--max-turns" && (v = next())) {
+      test_only = true;
       options.max_turns = std::max(1, std::atoi(v));
     } else if (a == "--withhold-quote") {
+      test_only = true;
       options.withhold_quote = true;
     } else {
       return Usage();
     }
+  }
+  if (!host_agent.tcti.empty()) {
+    if (test_only || swtpm_port >= 0) {
+      return Usage();
+    }
+    host_agent.host = host;
+    host_agent.port = port;
+    if (!options.document_types.empty()) {
+      host_agent.document_types = options.document_types;
+    }
+    return RunHostAgent(host_agent, std::chrono::seconds(interval), out_path == nullptr ? "" : out_path);
+  }
+  if (host_only) {
+    return Usage();
   }
   if (imgdb_flags) {
     std::printf("%s\n", ImageDatabaseFlags(options.boot).c_str());
@@ -182,7 +287,7 @@ int main(int argc, char** argv) {
     std::printf("%zu\n", WriteEventLog(HypervisorBootEvents(options.boot)).size());
     return 0;
   }
-  if (software == (swtpm_port >= 0) || (ek_only && software)) {
+  if (software == (swtpm_port >= 0) || ((ek_only || measure_boot != nullptr) && software)) {
     return Usage();
   }
   if (options.document_types.empty()) {
@@ -195,6 +300,20 @@ int main(int argc, char** argv) {
     if (tpm == nullptr) {
       std::fprintf(stderr, "cannot open the TPM: %s\n", error.c_str());
       return 1;
+    }
+    if (measure_boot != nullptr) {
+      std::vector<BootEvent> events = HypervisorBootEvents(options.boot);
+      Bytes log = WriteEventLog(events);
+      std::string error;
+      if (!MeasureBoot(tpm.get(), options.boot, events)) {
+        std::fprintf(stderr, "cannot measure the boot: %s\n", tpm->LastError().c_str());
+        return 1;
+      }
+      if (!WriteFileAtomically(measure_boot, std::string(log.begin(), log.end()), &error)) {
+        std::fprintf(stderr, "witnessd-agent: %s\n", error.c_str());
+        return 1;
+      }
+      return 0;
     }
     if (ek_only) {
       Bytes ek;

@@ -1,6 +1,6 @@
-// The TPM of the attested host as the test agent sees it: either a real
-// (software) TPM reached over tpm2-tss, or a pure software stand-in for load
-// tests. Every byte string is a TPM structure in its marshalled form.
+// The TPM of the attested host as the agent sees it: a TPM reached over
+// tpm2-tss (a real host's, or a swtpm the tests drive), or a pure software
+// stand-in for load tests. Every byte string is a TPM structure in its marshalled form.
 #pragma once
 
 #include <cstdint>
@@ -33,10 +33,20 @@ class HostTpm {
   // locality that PCR requires.
   virtual bool Extend(uint32_t pcr, const Bytes& digest) = 0;
 
-  // EkPublic gives the RSA-2048 EK (TCG default template) as TPM2B_PUBLIC.
+  // EkPublic gives the RSA EK as TPM2B_PUBLIC: the key at the EK's
+  // persistent handle when the TPM keeps one there, else the primary key
+  // of the TCG default RSA-2048 EK template.
   virtual bool EkPublic(Bytes* out) = 0;
   // EkCertificatePem gives the EK certificate, or false when there is none.
   virtual bool EkCertificatePem(std::string* out) = 0;
+  // ReadEkCertificate tells having no EK certificate (true, |out| empty)
+  // from failing to read one (false).
+  virtual bool ReadEkCertificate(std::string* out) {
+    if (!EkCertificatePem(out)) {
+      out->clear();
+    }
+    return true;
+  }
   // CreateAk creates and loads an attestation key from |ak_template|
   // (TPM2B_PUBLIC) under the EK; |out| is the key's TPM2B_PUBLIC.
   virtual bool CreateAk(const Bytes& ak_template, const Bytes& outside_info, Bytes* out) = 0;
@@ -71,8 +81,15 @@ class HostTpm {
   std::string error_;
 };
 
+// OpenTctiHost opens the TPM that the tpm2-tss TCTI configuration |conf|
+// names ("device:/dev/tpmrm0", "tabrmd", "swtpm:host=H,port=P"). The host
+// is already booted: Boot and DynamicLaunch refuse. Returns nullptr (and
+// |error|) on failure.
+std::unique_ptr<HostTpm> OpenTctiHost(const std::string& conf, std::string* error);
+
 // OpenSwtpmHost connects to a swtpm: TCTI "swtpm:host=127.0.0.1,port=|port|",
-// control channel on |port| + 1. Returns nullptr (and |error|) on failure.
+// control channel on |port| + 1 for Boot and DynamicLaunch. Returns nullptr
+// (and |error|) on failure.
 std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error);
 
 // EkIssuer is a CA that gives software hosts EK certificates: its key and

@@ -40,6 +40,6 @@ out=$( { printf '%s\n' "$commands" | sed '1s/&$/\& echo $! >\&3/' | bash -e; } 3
 daemon_pid=$(cat daemon.pid)
 printf '%s\n' "$out"
 case "$out" in
-  *"KMS_AUTH_JWT ey"*) echo "walk-through attested the host" ;;
+  *'{"type":"KMS_AUTH_JWT","token":"ey'*) echo "walk-through attested the host" ;;
   *) echo "no token from the agent"; cat walkthrough.err; exit 1 ;;
 esac

@@ -19,22 +19,36 @@ info=$(dpkg-deb --info "$deb")
 [[ "$info" == *"Depends: "*libprometheus-cpp-core1.0* ]] || fail "package does not depend on libprometheus-cpp-core1.0"
 root=$work/root
 dpkg-deb -x "$deb" "$root"
-for f in usr/sbin/witnessd usr/bin/witnessctl usr/lib/quarro/lumen/attest_lumen_metadata.json \
+for f in usr/sbin/witnessd usr/bin/witnessctl usr/bin/witnessd-agent usr/lib/quarro/lumen/attest_lumen_metadata.json \
          etc/quarro/cpservices/witnessd/config.xml usr/lib/systemd/system/witnessd.service \
-         usr/lib/sysusers.d/witnessd.conf; do
+         usr/lib/systemd/system/witnessd-agent.service etc/default/witnessd-agent usr/lib/sysusers.d/witnessd.conf; do
   [ -e "$root/$f" ] || fail "missing /$f"
 done
 [ -x "$root/usr/sbin/witnessd" ] || fail "daemon not executable"
+[ -x "$root/usr/bin/witnessd-agent" ] || fail "agent not executable"
 
-# The unit, checked with the host's base units beside it.
+# The units, checked with the host's base units beside them: the hardening
+# both share, then what each has of its own (the agent: no capabilities, the
+# TPM as its only device).
 cp -rn /lib/systemd/system/. "$root/usr/lib/systemd/system/"
-systemd-analyze verify --root="$root" witnessd.service || fail "systemd-analyze verify"
-unit=$root/usr/lib/systemd/system/witnessd.service
-for line in "User=witnessd" "ProtectSystem=strict" "StateDirectory=quarro/witnessd" "NoNewPrivileges=yes" \
-            "PrivateTmp=yes" "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX" "Restart=on-failure"; do
-  grep -qx "$line" "$unit" || fail "unit lacks $line"
+shared=("ProtectSystem=strict" "ProtectHome=yes" "NoNewPrivileges=yes" "PrivateTmp=yes" "CapabilityBoundingSet="
+        "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX" "MemoryDenyWriteExecute=yes" "ProtectKernelTunables=yes"
+        "SystemCallFilter=@system-service" "SystemCallFilter=~@privileged @resources" "UMask=0077"
+        "Restart=on-failure")
+declare -A own=(
+  [witnessd.service]="User=witnessd|StateDirectory=quarro/witnessd|PrivateDevices=yes"
+  [witnessd-agent.service]="StateDirectory=witnessd-agent|DevicePolicy=closed|DeviceAllow=/dev/tpmrm0 rw|SupplementaryGroups=tss"
+)
+for name in witnessd.service witnessd-agent.service; do
+  systemd-analyze verify --root="$root" "$name" || fail "systemd-analyze verify $name"
+  unit=$root/usr/lib/systemd/system/$name
+  IFS='|' read -r -a lines <<< "${own[$name]}"
+  for line in "${shared[@]}" "${lines[@]}"; do
+    grep -qxF "$line" "$unit" || fail "$name lacks $line"
+  done
 done
-grep -q "^SystemCallFilter=" "$unit" || fail "unit has no system call filter"
+grep -q "^ExecStart=/usr/bin/witnessd-agent --tcti device:/dev/tpmrm0 " "$root/usr/lib/systemd/system/witnessd-agent.service" \
+  || fail "the agent unit does not attest through /dev/tpmrm0"
 
 # The packaged daemon finds its settings and metadata at the packaged paths.
 port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')

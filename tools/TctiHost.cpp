@@ -1,4 +1,6 @@
-// HostTpm over tpm2-tss ESAPI against a swtpm on loopback.
+// HostTpm over tpm2-tss ESAPI: any TCTI (a real host's TPM through its
+// resource manager), or a swtpm on loopback whose control channel lets tests
+// power-cycle it and run a dynamic launch.
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -21,6 +23,8 @@ namespace Witnessd::Agent {
 namespace {
 
 constexpr TPM2_HANDLE kEkCertificateIndex = 0x01c00002;
+// Where a provisioned host keeps its RSA EK.
+constexpr TPM2_HANDLE kEkPersistentHandle = 0x81010001;
 constexpr uint16_t kNvReadChunk = 512;
 
 template <typename T>
@@ -30,11 +34,20 @@ struct EsysFree {
 template <typename T>
 using EsysPtr = std::unique_ptr<T, EsysFree<T>>;
 
-class SwtpmHost : public HostTpm {
+class TctiHost : public HostTpm {
  public:
-  explicit SwtpmHost(uint16_t port) : port_(port) {}
-  ~SwtpmHost() override {
+  // |control_port| is the swtpm's control channel, 0 for a host that is
+  // already booted and must not be reset.
+  TctiHost(std::string conf, uint16_t control_port) : conf_(std::move(conf)), control_port_(control_port) {}
+  ~TctiHost() override {
     if (esys_ != nullptr) {
+      // Objects this agent loaded go; a persistent EK stays where it is.
+      if (ak_ != ESYS_TR_NONE) {
+        Esys_FlushContext(esys_, ak_);
+      }
+      if (ek_ != ESYS_TR_NONE) {
+        ek_persistent_ ? Esys_TR_Close(esys_, &ek_) : Esys_FlushContext(esys_, ek_);
+      }
       Esys_Finalize(&esys_);
     }
     if (tcti_ != nullptr) {
@@ -43,15 +56,17 @@ class SwtpmHost : public HostTpm {
   }
 
   bool Open() {
-    std::string conf = "swtpm:host=127.0.0.1,port=" + std::to_string(port_);
-    TSS2_RC rc = Tss2_TctiLdr_Initialize(conf.c_str(), &tcti_);
+    TSS2_RC rc = Tss2_TctiLdr_Initialize(conf_.c_str(), &tcti_);
     if (rc != TSS2_RC_SUCCESS) {
-      return Check(rc, "TCTI initialization");
+      return Check(rc, ("TCTI \"" + conf_ + "\" initialization").c_str());
     }
     return Check(Esys_Initialize(&esys_, tcti_, nullptr), "Esys_Initialize");
   }
 
   bool Boot() override {
+    if (control_port_ == 0) {
+      return Fail("a host reached through a TCTI is already booted; the agent does not reset it");
+    }
     // The reset drops every loaded object; forget their ESAPI records.
     for (ESYS_TR* object : {&ek_, &ak_}) {
       if (*object != ESYS_TR_NONE) {
@@ -66,6 +81,9 @@ class SwtpmHost : public HostTpm {
   }
 
   bool DynamicLaunch(const Bytes& data) override {
+    if (control_port_ == 0) {
+      return Fail("a host reached through a TCTI is already booted; the agent does not relaunch it");
+    }
     return Control({"-h", std::string(data.begin(), data.end())});
   }
 
@@ -99,32 +117,29 @@ class SwtpmHost : public HostTpm {
   }
 
   bool EkCertificatePem(std::string* out) override {
+    if (!ReadEkCertificate(out)) {
+      return false;
+    }
+    return !out->empty() || Fail("the TPM holds no EK certificate");
+  }
+
+  bool ReadEkCertificate(std::string* out) override {
+    out->clear();
+    bool present = false;
+    if (!HandleExists(TPM2_CAP_HANDLES, kEkCertificateIndex, &present)) {
+      return false;
+    }
+    if (!present) {
+      return true;
+    }
     ESYS_TR index = ESYS_TR_NONE;
     if (!Check(Esys_TR_FromTPMPublic(esys_, kEkCertificateIndex, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &index),
                "EK certificate index")) {
       return false;
     }
-    TPM2B_NV_PUBLIC* nv_public_raw = nullptr;
-    if (!Check(Esys_NV_ReadPublic(esys_, index, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &nv_public_raw, nullptr),
-               "TPM2_NV_ReadPublic")) {
-      return false;
-    }
-    EsysPtr<TPM2B_NV_PUBLIC> nv_public(nv_public_raw);
-    Bytes der;
-    uint16_t size = nv_public->nvPublic.dataSize;
-    for (uint16_t offset = 0; offset < size;) {
-      uint16_t chunk = std::min<uint16_t>(kNvReadChunk, static_cast<uint16_t>(size - offset));
-      TPM2B_MAX_NV_BUFFER* data_raw = nullptr;
-      if (!Check(Esys_NV_Read(esys_, index, index, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, chunk, offset,
-                              &data_raw),
-                 "TPM2_NV_Read")) {
-        return false;
-      }
-      EsysPtr<TPM2B_MAX_NV_BUFFER> data(data_raw);
-      der.insert(der.end(), data->buffer, data->buffer + data->size);
-      offset = static_cast<uint16_t>(offset + chunk);
-    }
-    return DerCertificateToPem(der, out) || Fail("EK certificate is not DER X.509");
+    bool ok = ReadNv(index, out);
+    Esys_TR_Close(esys_, &index);
+    return ok;
   }
 
   bool CreateAk(const Bytes& ak_template, const Bytes& outside_info, Bytes* out) override {
@@ -314,6 +329,9 @@ class SwtpmHost : public HostTpm {
   // that provoke such failures on purpose must not lock the TPM for the
   // next case (the counter survives a reset).
   bool ResetLockout() {
+    if (control_port_ == 0) {
+      return true;  // a real host's lockout is its owner's business
+    }
     return Check(Esys_DictionaryAttackLockReset(esys_, ESYS_TR_RH_LOCKOUT, ESYS_TR_PASSWORD, ESYS_TR_NONE,
                                                 ESYS_TR_NONE),
                  "TPM2_DictionaryAttackLockReset");
@@ -325,7 +343,7 @@ class SwtpmHost : public HostTpm {
 
   // Control runs swtpm_ioctl against the TPM's control channel.
   bool Control(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"swtpm_ioctl", "--tcp", "127.0.0.1:" + std::to_string(port_ + 1)};
+    std::vector<std::string> all = {"swtpm_ioctl", "--tcp", "127.0.0.1:" + std::to_string(control_port_)};
     all.insert(all.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& a : all) {
@@ -362,8 +380,30 @@ class SwtpmHost : public HostTpm {
     return true;
   }
 
+  // LoadEk takes the EK the host keeps at its persistent handle, else
+  // creates it from the default template under the endorsement hierarchy.
   bool LoadEk() {
     if (ek_ != ESYS_TR_NONE) {
+      return true;
+    }
+    bool persistent = false;
+    if (!HandleExists(TPM2_CAP_HANDLES, kEkPersistentHandle, &persistent)) {
+      return false;
+    }
+    if (persistent) {
+      TPM2B_PUBLIC* public_raw = nullptr;
+      if (!Check(Esys_TR_FromTPMPublic(esys_, kEkPersistentHandle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &ek_),
+                 "EK persistent handle") ||
+          !Check(Esys_ReadPublic(esys_, ek_, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &public_raw, nullptr, nullptr),
+                 "TPM2_ReadPublic (EK)")) {
+        return false;
+      }
+      ek_persistent_ = true;
+      EsysPtr<TPM2B_PUBLIC> ek_public(public_raw);
+      if (ek_public->publicArea.type != TPM2_ALG_RSA) {
+        return Fail("persistent handle 0x81010001 holds no RSA key");
+      }
+      ek_public_ = *ek_public;
       return true;
     }
     TPM2B_SENSITIVE_CREATE sensitive = {};
@@ -377,9 +417,50 @@ class SwtpmHost : public HostTpm {
                "TPM2_CreatePrimary (EK)")) {
       return false;
     }
+    ek_persistent_ = false;
     EsysPtr<TPM2B_PUBLIC> ek_public(public_raw);
     ek_public_ = *ek_public;
     return true;
+  }
+
+  // HandleExists asks the TPM whether |handle| (a persistent object or an
+  // NV index, per |capability|) is defined.
+  bool HandleExists(TPM2_CAP capability, TPM2_HANDLE handle, bool* out) {
+    TPMS_CAPABILITY_DATA* data_raw = nullptr;
+    if (!Check(Esys_GetCapability(esys_, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, capability, handle, 1, nullptr,
+                                  &data_raw),
+               "TPM2_GetCapability")) {
+      return false;
+    }
+    EsysPtr<TPMS_CAPABILITY_DATA> data(data_raw);
+    *out = data->data.handles.count > 0 && data->data.handles.handle[0] == handle;
+    return true;
+  }
+
+  // ReadNv reads NV index |index| whole, in chunks a TPM accepts, and gives
+  // it as PEM: the DER certificate it holds.
+  bool ReadNv(ESYS_TR index, std::string* out) {
+    TPM2B_NV_PUBLIC* nv_public_raw = nullptr;
+    if (!Check(Esys_NV_ReadPublic(esys_, index, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &nv_public_raw, nullptr),
+               "TPM2_NV_ReadPublic")) {
+      return false;
+    }
+    EsysPtr<TPM2B_NV_PUBLIC> nv_public(nv_public_raw);
+    Bytes der;
+    uint16_t size = nv_public->nvPublic.dataSize;
+    for (uint16_t offset = 0; offset < size;) {
+      uint16_t chunk = std::min<uint16_t>(kNvReadChunk, static_cast<uint16_t>(size - offset));
+      TPM2B_MAX_NV_BUFFER* data_raw = nullptr;
+      if (!Check(Esys_NV_Read(esys_, index, index, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, chunk, offset,
+                              &data_raw),
+                 "TPM2_NV_Read")) {
+        return false;
+      }
+      EsysPtr<TPM2B_MAX_NV_BUFFER> data(data_raw);
+      der.insert(der.end(), data->buffer, data->buffer + data->size);
+      offset = static_cast<uint16_t>(offset + chunk);
+    }
+    return DerCertificateToPem(der, out) || Fail("the EK certificate in NV is not DER X.509");
   }
 
   static uint32_t SelectionCount(const TPML_PCR_SELECTION& s) {
@@ -405,23 +486,31 @@ class SwtpmHost : public HostTpm {
     }
   }
 
-  uint16_t port_;
+  std::string conf_;
+  uint16_t control_port_;
   TSS2_TCTI_CONTEXT* tcti_ = nullptr;
   ESYS_CONTEXT* esys_ = nullptr;
   ESYS_TR ek_ = ESYS_TR_NONE;
+  bool ek_persistent_ = false;
   ESYS_TR ak_ = ESYS_TR_NONE;
   TPM2B_PUBLIC ek_public_ = {};
 };
 
-}  // namespace
-
-std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error) {
-  auto host = std::make_unique<SwtpmHost>(port);
+std::unique_ptr<HostTpm> Open(std::string conf, uint16_t control_port, std::string* error) {
+  auto host = std::make_unique<TctiHost>(std::move(conf), control_port);
   if (!host->Open()) {
     *error = host->LastError();
     return nullptr;
   }
   return host;
+}
+
+}  // namespace
+
+std::unique_ptr<HostTpm> OpenTctiHost(const std::string& conf, std::string* error) { return Open(conf, 0, error); }
+
+std::unique_ptr<HostTpm> OpenSwtpmHost(uint16_t port, std::string* error) {
+  return Open("swtpm:host=127.0.0.1,port=" + std::to_string(port), static_cast<uint16_t>(port + 1), error);
 }
 
 }  // namespace Witnessd::Agent

@@ -338,19 +338,12 @@ class SoftwareHost : public HostTpm {
  private:
   template <typename T, typename MarshalFn>
   bool Marshal(MarshalFn fn, const T& value, Bytes* out) {
-    uint8_t buf[4096];
-    size_t offset = 0;
-    if (fn(&value, buf, sizeof(buf), &offset) != TSS2_RC_SUCCESS) {
-      return Fail("marshalling failed");
-    }
-    out->assign(buf, buf + offset);
-    return true;
+    return MarshalBytes(fn, value, out) || Fail("marshalling failed");
   }
 
   template <typename T, typename UnmarshalFn>
   bool Unmarshal(UnmarshalFn fn, const Bytes& bytes, T* out) {
-    size_t offset = 0;
-    return fn(bytes.data(), bytes.size(), &offset, out) == TSS2_RC_SUCCESS;
+    return UnmarshalBytes(fn, bytes, out);
   }
 
   // Sign makes the AK's RSASSA/SHA-256 TPMT_SIGNATURE over |data|.

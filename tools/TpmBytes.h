@@ -2,8 +2,10 @@
 // template and key conversions.
 #pragma once
 
+#include <tss2/tss2_common.h>
 #include <tss2/tss2_tpm2_types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +22,26 @@ TPM2B_PUBLIC EkTemplate();
 Bytes Sha256(const Bytes& data);
 Bytes Sha256(const std::string& text);
 std::string Hex(const Bytes& data);
+
+// MarshalBytes writes |value| with the tpm2-tss marshal function |fn| into
+// |out|; false when it does not fit 4 KiB or does not marshal.
+template <typename T, typename MarshalFn>
+bool MarshalBytes(MarshalFn fn, const T& value, Bytes* out) {
+  uint8_t buf[4096];
+  size_t offset = 0;
+  if (fn(&value, buf, sizeof(buf), &offset) != TSS2_RC_SUCCESS) {
+    return false;
+  }
+  out->assign(buf, buf + offset);
+  return true;
+}
+
+// UnmarshalBytes reads |out| from |bytes| with the unmarshal function |fn|.
+template <typename T, typename UnmarshalFn>
+bool UnmarshalBytes(UnmarshalFn fn, const Bytes& bytes, T* out) {
+  size_t offset = 0;
+  return fn(bytes.data(), bytes.size(), &offset, out) == TSS2_RC_SUCCESS;
+}
 
 // DerCertificateToPem re-encodes one DER X.509 certificate as PEM.
 bool DerCertificateToPem(const Bytes& der, std::string* out);

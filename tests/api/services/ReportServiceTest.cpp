@@ -140,15 +140,16 @@ class ReportService : public SwtpmHostTest {
               {"tpm2", {{"document_types", {"KMS_AUTH_JWT"}}, {"contexts", contexts}, {"ek", ek}}}}}};
   }
 
-  // Metrics returns the /metrics page.
-  std::string Metrics() {
+  // Page returns what GET |path| serves anyone (200 expected).
+  std::string Page(const std::string& path) {
     Agent::HttpClient http("127.0.0.1", daemon_->Port());
     int status = 0;
     std::string body, error;
-    EXPECT_TRUE(http.Get("/metrics", &status, &body, &error)) << error;
+    EXPECT_TRUE(http.Get(path, &status, &body, &error)) << error;
     EXPECT_EQ(200, status);
     return body;
   }
+  std::string Metrics() { return Page("/metrics"); }
 
   std::string HostCertificate() {
     std::string pem;
@@ -260,14 +261,7 @@ std::string ClaimNames(const std::string& token) {
 // tokens name the new key. Pairs that cannot sign are refused.
 TEST_F(ReportService, RelyingPartiesVerifyThroughTheJwks) {
   Ready({});
-  auto jwks = [&] {
-    Agent::HttpClient http("127.0.0.1", daemon_->Port());
-    int status = 0;
-    std::string body, error;
-    EXPECT_TRUE(http.Get("/jwks.json", &status, &body, &error)) << error;
-    EXPECT_EQ(200, status);
-    return body;
-  };
+  auto jwks = [&] { return Page("/jwks.json"); };
   auto kids = [](const std::string& jwks_text) {
     std::vector<std::string> out;
     const nlohmann::json set = nlohmann::json::parse(jwks_text);

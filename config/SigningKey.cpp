@@ -89,12 +89,12 @@ std::string CertificateJwk(const std::string& pem) {
 
 }  // namespace
 
-std::string JwkSetText(const SigningPair& pair, int64_t now) {
+std::string JwkSetText(const SigningPair& pair, int64_t now, int64_t published_seconds) {
   std::string keys;
   if (!pair.jwk.empty()) {
     keys = pair.jwk;
   }
-  if (!pair.previous_jwk.empty() && now < pair.previous_retired_at + kRetiredKeyPublishedSeconds) {
+  if (!pair.previous_jwk.empty() && now < pair.previous_retired_at + published_seconds) {
     keys += (keys.empty() ? "" : ",") + pair.previous_jwk;
   }
   return "{\"keys\":[" + keys + "]}";

@@ -19,7 +19,7 @@ namespace Witnessd::Config {
 using SigningPkey = std::shared_ptr<EVP_PKEY>;
 
 // How long a replaced key stays published: the longest validity of the
-// tokens it signed.
+// tokens it signed when no longer validity is configured.
 inline constexpr int64_t kRetiredKeyPublishedSeconds = 8 * 3600;
 
 // The pair as held in memory; replaced whole, never changed.
@@ -37,8 +37,9 @@ struct SigningPair {
 
 // JwkSetText is the JWK Set relying parties verify tokens with: the current
 // key, and the previous one while tokens it signed may still be valid at
-// |now|.
-std::string JwkSetText(const SigningPair& pair, int64_t now);
+// |now|: for |published_seconds| after its replacement.
+std::string JwkSetText(const SigningPair& pair, int64_t now,
+                       int64_t published_seconds = kRetiredKeyPublishedSeconds);
 
 // What Replace made of a new pair.
 enum class ReplaceResult { kReplaced, kInvalid, kStoreFailed };
@@ -66,7 +67,7 @@ class SigningKeys {
   // private key of |key| (PEM, RSA of 2048 to 8192 bits, the certificate's
   // key) the signing pair, each stored on its own, first in the store and
   // then in memory. |certificate| and |key| may be the same text. The pair it replaces stays published in the JWK Set for
-  // kRetiredKeyPublishedSeconds after |now|, across restarts. kInvalid (and
+  // the tokens' validity after |now| (JwkSetText), across restarts. kInvalid (and
   // |why|) when the pair is not usable; nothing changes then or when the
   // store fails.
   ReplaceResult Replace(const std::string& certificate, const std::string& key, int64_t now, std::string* why);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <exception>
@@ -162,10 +163,12 @@ int Main() {
 
     Config::HealthCheck health(store, signing_keys);
     AttestApi::PublicDocuments documents;
-    documents.jwks = [&signing_keys] {
+    // A replaced key stays published while tokens it signed may be valid.
+    const int64_t retired_published = std::max(Config::kRetiredKeyPublishedSeconds, token_validity);
+    documents.jwks = [&signing_keys, retired_published] {
       int64_t now_us = 0;
       Hostinfo_GetTimeOfDay(&now_us);
-      return Config::JwkSetText(*signing_keys.Current(), now_us / 1000000);
+      return Config::JwkSetText(*signing_keys.Current(), now_us / 1000000, retired_published);
     };
     documents.health_problem = [&health] { return health.Problem(); };
     auto io = std::make_shared<boost::asio::io_context>();

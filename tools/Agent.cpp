@@ -11,6 +11,7 @@
 #include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 #include "platform/lumen/JsonRpc.h"
+#include "platform/lumen/Localizer.h"
 #include "tools/HttpClient.h"
 #include "tools/TpmBytes.h"
 #include "tpm2/proto/attestation.pb.h"
@@ -30,22 +31,16 @@ std::string AsString(const Bytes& b) { return std::string(b.begin(), b.end()); }
 Bytes AsBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 // MessageText gives a reply message's default text with its "{name}"
-// placeholders replaced by its arguments, in order.
+// placeholders filled from its string arguments.
 std::string MessageText(const Json& message) {
-  std::string text = message.value("default_message", "");
-  const Json args = message.value("args", Json::array());
-  std::string out;
-  size_t next = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    size_t close = text[i] == '{' ? text.find('}', i) : std::string::npos;
-    if (close != std::string::npos && args.is_array() && next < args.size() && args[next].is_string()) {
-      out += args[next++].get<std::string>();
-      i = close;
-    } else {
-      out += text[i];
+  std::vector<std::string> args;
+  const Json given = message.value("args", Json::array());
+  for (const Json& a : given.is_array() ? given : Json::array()) {
+    if (a.is_string()) {
+      args.push_back(a.get<std::string>());
     }
   }
-  return out;
+  return Lumen::L10n::LocalizableMessageHelpers::formatMessage(message.value("default_message", ""), args);
 }
 
 // Conversation holds one attestation's state on the agent side.

@@ -51,15 +51,7 @@ bool ReadCertificateFile(const std::string& path, std::string* pem, std::string*
   if (!ReadBoundedFile(path, kMaxCertificateBytes, &bytes, error)) {
     return false;
   }
-  X509Ptr cert = ParseCertificate(bytes);
-  Bytes der;
-  int size = cert == nullptr ? -1 : i2d_X509(cert.get(), nullptr);
-  if (size > 0) {
-    der.resize(static_cast<size_t>(size));
-    unsigned char* p = der.data();
-    i2d_X509(cert.get(), &p);
-  }
-  if (der.empty() || !DerCertificateToPem(der, pem)) {
+  if (!CertificatePem(ParseCertificate(bytes).get(), pem)) {
     *error = path + " holds no X.509 certificate (PEM or DER)";
     return false;
   }

@@ -61,18 +61,19 @@ Bytes Sha256(const std::string& text) { return Sha256(Bytes(text.begin(), text.e
 
 std::string Hex(const Bytes& data) { return Hearth::HexString(data.data(), data.size()); }
 
-bool DerCertificateToPem(const Bytes& der, std::string* out) {
-  const unsigned char* p = der.data();
-  std::unique_ptr<X509, decltype(&X509_free)> cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())), X509_free);
-  if (cert == nullptr) {
-    return false;
-  }
+bool CertificatePem(X509* cert, std::string* out) {
   std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
-  if (bio == nullptr || PEM_write_bio_X509(bio.get(), cert.get()) != 1) {
+  if (cert == nullptr || bio == nullptr || PEM_write_bio_X509(bio.get(), cert) != 1) {
     return false;
   }
   *out = BioText(bio.get());
   return true;
+}
+
+bool DerCertificateToPem(const Bytes& der, std::string* out) {
+  const unsigned char* p = der.data();
+  std::unique_ptr<X509, decltype(&X509_free)> cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())), X509_free);
+  return CertificatePem(cert.get(), out);
 }
 
 bool EkPublicPem(const Bytes& tpm2b_public, std::string* out) {

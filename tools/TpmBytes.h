@@ -12,6 +12,8 @@
 
 #include "tools/HostTpm.h"
 
+typedef struct x509_st X509;
+
 namespace Witnessd::Agent {
 
 // EkTemplate is the TCG default RSA-2048 EK template: AES-128-CFB,
@@ -42,6 +44,9 @@ bool UnmarshalBytes(UnmarshalFn fn, const Bytes& bytes, T* out) {
   size_t offset = 0;
   return fn(bytes.data(), bytes.size(), &offset, out) == TSS2_RC_SUCCESS;
 }
+
+// CertificatePem writes |cert| as PEM; false for null.
+bool CertificatePem(X509* cert, std::string* out);
 
 // DerCertificateToPem re-encodes one DER X.509 certificate as PEM.
 bool DerCertificateToPem(const Bytes& der, std::string* out);

@@ -1,5 +1,7 @@
 #include "config/SigningKey.h"
 
+#include <functional>
+#include <thread>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -115,7 +117,7 @@ bool ReadConfigValue(HyvConfig::HyvConfigStore& store, const std::string& key, c
   }
 }
 
-SigningKeys::SigningKeys(Store store) : store_(std::move(store)), current_(std::make_shared<SigningPair>()) {}
+SigningKeys::SigningKeys(Store store) : store_(std::move(store)), current_(std::shared_ptr<const SigningPair>(std::make_shared<SigningPair>())) {}
 
 bool SigningKeys::Save(const std::string& certificate, const std::string& key) {
   return Write(certificate, key, "", 0);
@@ -212,11 +214,14 @@ void SigningKeys::Publish(std::string key, std::string certificate, const std::s
     pair->kid = jwk ? (*jwk)["kid"].get<std::string>() : "";
     pair->jwk = jwk ? jwk->dump() : "";
   }
+  for (size_t i = 0; pkey != nullptr && i < kSigningKeyCopies; i++) {
+    SigningPkey copy = ParsePrivateKey(pair->key);
+    pair->signing_copies.push_back(copy != nullptr ? std::move(copy) : pkey);
+  }
   pair->pkey = std::move(pkey);
   pair->previous_jwk = previous_certificate.empty() ? "" : CertificateJwk(previous_certificate);
   pair->previous_retired_at = previous_retired_at;
-  std::lock_guard<std::mutex> lock(mutex_);
-  current_ = std::move(pair);
+  current_.store(std::move(pair), std::memory_order_release);
 }
 
 ReplaceResult SigningKeys::Replace(const std::string& certificate, const std::string& key, int64_t now,
@@ -261,9 +266,16 @@ ReplaceResult SigningKeys::Replace(const std::string& certificate, const std::st
   return ReplaceResult::kReplaced;
 }
 
+EVP_PKEY* SigningPair::SignerKey() const {
+  if (signing_copies.empty()) {
+    return pkey.get();
+  }
+  size_t thread = std::hash<std::thread::id>()(std::this_thread::get_id());
+  return signing_copies[thread % signing_copies.size()].get();
+}
+
 std::shared_ptr<const SigningPair> SigningKeys::Current() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return current_;
+  return current_.load(std::memory_order_acquire);
 }
 
 }  // namespace Witnessd::Config

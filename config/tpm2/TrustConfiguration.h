@@ -5,6 +5,7 @@
 // that a Report call reads one consistent view and never waits on a writer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -96,10 +97,9 @@ class TrustConfiguration {
 
   const Store store_;
   std::mutex writer_;  // serialises the writers; readers never take it
-  // Guards only the copy and the replacement of the pointer, never any work
-  // of a writer, so a reader waits at most for another pointer copy.
-  mutable std::mutex snapshot_mutex_;
-  TrustSnapshotPtr snapshot_;  // guarded by snapshot_mutex_
+  // Readers copy the pointer without a lock of their own; a writer replaces
+  // it whole.
+  std::atomic<TrustSnapshotPtr> snapshot_;
 };
 
 // ReadTpm2SettingsRecord reads the pair from a "tpm2_settings" record; an

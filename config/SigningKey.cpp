@@ -117,7 +117,7 @@ bool ReadConfigValue(HyvConfig::HyvConfigStore& store, const std::string& key, c
   }
 }
 
-SigningKeys::SigningKeys(Store store) : store_(std::move(store)), current_(std::shared_ptr<const SigningPair>(std::make_shared<SigningPair>())) {}
+SigningKeys::SigningKeys(Store store) : store_(std::move(store)), current_(std::make_shared<SigningPair>()) {}
 
 bool SigningKeys::Save(const std::string& certificate, const std::string& key) {
   return Write(certificate, key, "", 0);
@@ -221,7 +221,8 @@ void SigningKeys::Publish(std::string key, std::string certificate, const std::s
   pair->pkey = std::move(pkey);
   pair->previous_jwk = previous_certificate.empty() ? "" : CertificateJwk(previous_certificate);
   pair->previous_retired_at = previous_retired_at;
-  current_.store(std::move(pair), std::memory_order_release);
+  std::lock_guard<std::mutex> lock(mutex_);
+  current_ = std::move(pair);
 }
 
 ReplaceResult SigningKeys::Replace(const std::string& certificate, const std::string& key, int64_t now,
@@ -270,12 +271,15 @@ EVP_PKEY* SigningPair::SignerKey() const {
   if (signing_copies.empty()) {
     return pkey.get();
   }
-  size_t thread = std::hash<std::thread::id>()(std::this_thread::get_id());
-  return signing_copies[thread % signing_copies.size()].get();
+  // A thread's id hashes to an aligned address: its bits are mixed so that
+  // threads spread over the copies.
+  uint64_t thread = std::hash<std::thread::id>()(std::this_thread::get_id());
+  return signing_copies[((thread * 0x9E3779B97F4A7C15ull) >> 32) % signing_copies.size()].get();
 }
 
 std::shared_ptr<const SigningPair> SigningKeys::Current() const {
-  return current_.load(std::memory_order_acquire);
+  std::lock_guard<std::mutex> lock(mutex_);
+  return current_;
 }
 
 }  // namespace Witnessd::Config

@@ -3,7 +3,6 @@
 // daemon builds.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -93,7 +92,8 @@ class SigningKeys {
 
   Store store_;
   std::mutex writer_;  // serialises Replace
-  std::atomic<std::shared_ptr<const SigningPair>> current_;  // replaced whole
+  mutable std::mutex mutex_;
+  std::shared_ptr<const SigningPair> current_;  // guarded by mutex_
 };
 
 // ReadConfigValue reads string field |field| of the record (key, component,

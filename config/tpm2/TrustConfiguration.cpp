@@ -59,13 +59,15 @@ TrustConfiguration::TrustConfiguration(Store store)
 }
 
 TrustSnapshotPtr TrustConfiguration::Snapshot() const {
-  return snapshot_.load(std::memory_order_acquire);
+  std::lock_guard<std::mutex> lock(snapshot_mutex_);
+  return snapshot_;
 }
 
 void TrustConfiguration::Publish(TrustSnapshot next) {
   TrustSnapshotPtr published = std::make_shared<const TrustSnapshot>(std::move(next));
-  // The replaced snapshot is freed here, when no reader holds it.
-  published = snapshot_.exchange(std::move(published), std::memory_order_acq_rel);
+  std::lock_guard<std::mutex> lock(snapshot_mutex_);
+  snapshot_.swap(published);
+  // The replaced snapshot is freed here, after the lock, when no reader holds it.
 }
 
 void TrustConfiguration::Load() {

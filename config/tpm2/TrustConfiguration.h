@@ -5,7 +5,6 @@
 // that a Report call reads one consistent view and never waits on a writer.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -97,9 +96,10 @@ class TrustConfiguration {
 
   const Store store_;
   std::mutex writer_;  // serialises the writers; readers never take it
-  // Readers copy the pointer without a lock of their own; a writer replaces
-  // it whole.
-  std::atomic<TrustSnapshotPtr> snapshot_;
+  // Guards only the copy and the replacement of the pointer, never any work
+  // of a writer, so a reader waits at most for another pointer copy.
+  mutable std::mutex snapshot_mutex_;
+  TrustSnapshotPtr snapshot_;  // guarded by snapshot_mutex_
 };
 
 // ReadTpm2SettingsRecord reads the pair from a "tpm2_settings" record; an

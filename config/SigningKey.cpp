@@ -1,5 +1,7 @@
 #include "config/SigningKey.h"
 
+#include <functional>
+#include <thread>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -212,6 +214,10 @@ void SigningKeys::Publish(std::string key, std::string certificate, const std::s
     pair->kid = jwk ? (*jwk)["kid"].get<std::string>() : "";
     pair->jwk = jwk ? jwk->dump() : "";
   }
+  for (size_t i = 0; pkey != nullptr && i < kSigningKeyCopies; i++) {
+    SigningPkey copy = ParsePrivateKey(pair->key);
+    pair->signing_copies.push_back(copy != nullptr ? std::move(copy) : pkey);
+  }
   pair->pkey = std::move(pkey);
   pair->previous_jwk = previous_certificate.empty() ? "" : CertificateJwk(previous_certificate);
   pair->previous_retired_at = previous_retired_at;
@@ -259,6 +265,16 @@ ReplaceResult SigningKeys::Replace(const std::string& certificate, const std::st
   }
   Publish(std::move(key_pem), std::move(certificate_pem), old->certificate, now);
   return ReplaceResult::kReplaced;
+}
+
+EVP_PKEY* SigningPair::SignerKey() const {
+  if (signing_copies.empty()) {
+    return pkey.get();
+  }
+  // A thread's id hashes to an aligned address: its bits are mixed so that
+  // threads spread over the copies.
+  uint64_t thread = std::hash<std::thread::id>()(std::this_thread::get_id());
+  return signing_copies[((thread * 0x9E3779B97F4A7C15ull) >> 32) % signing_copies.size()].get();
 }
 
 std::shared_ptr<const SigningPair> SigningKeys::Current() const {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "config/Configuration.h"
 
@@ -27,13 +28,24 @@ struct SigningPair {
   std::string key;          // PEM
   std::string certificate;  // PEM
   SigningPkey pkey;         // |key| parsed once; null when it does not parse
+  // More parses of |key|, for signing: OpenSSL takes a lock of the key for
+  // each signature and shares one blinding among all but its first thread,
+  // so threads that sign at once each take their own copy (SignerKey).
+  std::vector<SigningPkey> signing_copies;
   std::string kid;          // the key's RFC 7638 thumbprint; empty when |pkey| is null
   std::string jwk;          // the public key as a JWK (compact JSON); empty when |pkey| is null
   // The key this one replaced, as a JWK, and when it was replaced (seconds
   // since the epoch); empty and 0 when there is none.
   std::string previous_jwk;
   int64_t previous_retired_at = 0;
+
+  // SignerKey is the copy of |pkey| the calling thread signs with; null
+  // when |pkey| is.
+  EVP_PKEY* SignerKey() const;
 };
+
+// How many parses of the signing key threads sign with.
+inline constexpr size_t kSigningKeyCopies = 8;
 
 // JwkSetText is the JWK Set relying parties verify tokens with: the current
 // key, and the previous one while tokens it signed may still be valid at

@@ -100,7 +100,7 @@ std::optional<std::string> CreateJwt(EVP_PKEY* key, int64_t iat, int64_t exp, bo
 std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
     const std::vector<int>& types, const Tpm2::AttestationOutcome& outcome, const std::string& subject) const {
   std::shared_ptr<const Config::SigningPair> pair = keys_.Current();
-  const Config::SigningPkey& key = pair->pkey;
+  EVP_PKEY* key = pair->SignerKey();
   const TokenIds ids{pair->kid, subject};
   if (key == nullptr) {
     Log_Level(kLogError, "Signing key is not configured\n");
@@ -114,12 +114,12 @@ std::optional<std::vector<SignedDocument>> TokenSigner::GenerateDocuments(
   for (int type : types) {
     std::optional<std::string> token;
     if (type == kKmsAuthJwt) {
-      if (!(token = CreateJwt(key.get(), iat, exp, true, outcome, ids))) {
+      if (!(token = CreateJwt(key, iat, exp, true, outcome, ids))) {
         Log_Level(kLogError, "Failed to generate KMS_AUTH_JWT\n");
         return std::nullopt;
       }
     } else if (type == kReportingJwt) {
-      if (!(token = CreateJwt(key.get(), iat, exp, false, outcome, ids))) {
+      if (!(token = CreateJwt(key, iat, exp, false, outcome, ids))) {
         Log_Level(kLogError, "Failed to generate REPORTING_JWT\n");
         return std::nullopt;
       }

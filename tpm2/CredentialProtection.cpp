@@ -17,6 +17,13 @@
 #include "platform/System.h"
 
 namespace Witnessd::Tpm2 {
+struct CredentialKey {
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> rsa{nullptr, EVP_PKEY_free};
+  const EVP_MD* name_md = nullptr;     // the EK's nameAlg
+  const EVP_CIPHER* cipher = nullptr;  // AES-CFB with the EK's symmetric key size
+  size_t sym_bytes = 0;
+};
+
 namespace {
 
 constexpr const char* kSourcePath = "apps/witnessd/tpm2/CredentialProtection";
@@ -162,10 +169,8 @@ bool ObjectName(const std::vector<uint8_t>& public_bytes, uint32_t public_len, u
   return true;
 }
 
-using PkeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
 using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
-using KdfPtr = std::unique_ptr<EVP_KDF, decltype(&EVP_KDF_free)>;
 using KdfCtxPtr = std::unique_ptr<EVP_KDF_CTX, decltype(&EVP_KDF_CTX_free)>;
 using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)>;
 using ParamsPtr = std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)>;
@@ -184,14 +189,6 @@ class SecretBytes {
 
  private:
   std::vector<uint8_t> bytes_;
-};
-
-// CredentialKey is what of the EK's public area protecting a credential needs.
-struct CredentialKey {
-  PkeyPtr rsa{nullptr, EVP_PKEY_free};
-  const EVP_MD* name_md = nullptr;     // the EK's nameAlg
-  const EVP_CIPHER* cipher = nullptr;  // AES-CFB with the EK's symmetric key size
-  size_t sym_bytes = 0;
 };
 
 void PutU16(std::vector<uint8_t>* out, size_t value) {
@@ -286,8 +283,10 @@ bool EncryptSeed(const CredentialKey& key, const SecretBytes& seed, std::vector<
 // counter and the output size in bits as 32-bit big-endian numbers.
 bool KdfA(const EVP_MD* md, const SecretBytes& key, const char* label, const std::vector<uint8_t>& context,
           SecretBytes* out) {
-  KdfPtr kdf(EVP_KDF_fetch(nullptr, "KBKDF", nullptr), EVP_KDF_free);
-  KdfCtxPtr ctx(kdf == nullptr ? nullptr : EVP_KDF_CTX_new(kdf.get()), EVP_KDF_CTX_free);
+  // Fetched once: a fetch looks the algorithm up in the provider store under
+  // its lock. Kept until exit.
+  static EVP_KDF* const kdf = EVP_KDF_fetch(nullptr, "KBKDF", nullptr);
+  KdfCtxPtr ctx(kdf == nullptr ? nullptr : EVP_KDF_CTX_new(kdf), EVP_KDF_CTX_free);
   if (ctx == nullptr) {
     return false;
   }
@@ -409,11 +408,14 @@ bool VerifyEkPublic(const TPMT_PUBLIC& ek) {
   return true;
 }
 
-bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uint8_t>& ak_public,
-                    const std::vector<uint8_t>& secret, std::vector<uint8_t>* out_blob,
-                    std::vector<uint8_t>* out_secret) {
+namespace {
+
+// Make is MakeCredential with the EK read from |ek_public| when |prepared| is
+// null, else |prepared|; the checks and their log lines come in one order.
+bool Make(const std::vector<uint8_t>* ek_public, const CredentialKey* prepared, const std::vector<uint8_t>& ak_public,
+          const std::vector<uint8_t>& secret, std::vector<uint8_t>* out_blob, std::vector<uint8_t>* out_secret) {
   TPM2B_PUBLIC ek = {};
-  if (UnmarshalPublic(ek_public, &ek) == 0) {
+  if (prepared == nullptr && UnmarshalPublic(*ek_public, &ek) == 0) {
     return false;
   }
   TPM2B_PUBLIC ak = {};
@@ -427,15 +429,18 @@ bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uin
   }
   VERIFY(secret.size() <= kMaxSecretBytes);
 
-  CredentialKey key;
-  int rc = UseEk(ek.publicArea, &key);
-  if (rc != kTpmRcSuccess) {
-    Log_Level(kLogError, "Failed to load endorsement key: %d\n", rc);
-    return false;
+  CredentialKey read;
+  if (prepared == nullptr) {
+    int rc = UseEk(ek.publicArea, &read);
+    if (rc != kTpmRcSuccess) {
+      Log_Level(kLogError, "Failed to load endorsement key: %d\n", rc);
+      return false;
+    }
   }
+  const CredentialKey& key = prepared != nullptr ? *prepared : read;
   std::vector<uint8_t> blob;
   std::vector<uint8_t> encrypted_seed;
-  rc = ProtectCredential(key, secret, ak_name, &blob, &encrypted_seed);
+  int rc = ProtectCredential(key, secret, ak_name, &blob, &encrypted_seed);
   if (rc != kTpmRcSuccess) {
     // The text's spelling is kept as log searches depend on it.
     Log_Level(kLogError, "Failed to create secret symetric key using EK handle: %d\n", rc);
@@ -451,6 +456,29 @@ bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uin
   *out_blob = std::move(blob);
   *out_secret = std::move(encrypted_seed);
   return true;
+}
+
+}  // namespace
+
+std::shared_ptr<const CredentialKey> PrepareCredentialKey(const std::vector<uint8_t>& ek_public) {
+  TPM2B_PUBLIC ek = {};
+  if (ek_public.size() > UINT32_MAX ||
+      Tpm2_Unmarshal_TPM2B_PUBLIC(ek_public.data(), static_cast<uint32_t>(ek_public.size()), &ek) == 0) {
+    return nullptr;
+  }
+  auto key = std::make_shared<CredentialKey>();
+  return UseEk(ek.publicArea, key.get()) == kTpmRcSuccess ? key : nullptr;
+}
+
+bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uint8_t>& ak_public,
+                    const std::vector<uint8_t>& secret, std::vector<uint8_t>* out_blob,
+                    std::vector<uint8_t>* out_secret) {
+  return Make(&ek_public, nullptr, ak_public, secret, out_blob, out_secret);
+}
+
+bool MakeCredential(const CredentialKey& ek, const std::vector<uint8_t>& ak_public, const std::vector<uint8_t>& secret,
+                    std::vector<uint8_t>* out_blob, std::vector<uint8_t>* out_secret) {
+  return Make(nullptr, &ek, ak_public, secret, out_blob, out_secret);
 }
 
 }  // namespace Witnessd::Tpm2

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "verify/Tpm2Marshal.h"
@@ -50,5 +51,19 @@ bool VerifyEkPublic(const Verify::TPMT_PUBLIC& ek);
 bool MakeCredential(const std::vector<uint8_t>& ek_public, const std::vector<uint8_t>& ak_public,
                     const std::vector<uint8_t>& secret, std::vector<uint8_t>* out_blob,
                     std::vector<uint8_t>* out_secret);
+
+// CredentialKey is what of an EK's public area making credentials needs: its
+// RSA key (whose Montgomery set-up is kept after the first use), nameAlg and
+// symmetric definition. Immutable once made; threads may share one.
+struct CredentialKey;
+
+// PrepareCredentialKey reads the CredentialKey of the EK whose public area is
+// |ek_public| (marshalled TPM2B_PUBLIC); null, without a log line, when
+// MakeCredential would refuse that EK.
+std::shared_ptr<const CredentialKey> PrepareCredentialKey(const std::vector<uint8_t>& ek_public);
+
+// MakeCredential as above with the EK read once before.
+bool MakeCredential(const CredentialKey& ek, const std::vector<uint8_t>& ak_public, const std::vector<uint8_t>& secret,
+                    std::vector<uint8_t>* out_blob, std::vector<uint8_t>* out_secret);
 
 }  // namespace Witnessd::Tpm2

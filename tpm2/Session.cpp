@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <limits>
+#include <mutex>
 
 #include "platform/Assert.h"
 #include "platform/Log.h"
@@ -180,19 +181,68 @@ bool ReadsCoverRequired(const std::vector<Bytes>& selections, const std::vector<
 
 }  // namespace
 
-Session::Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks)
+std::optional<PreparedEks::Prepared> PreparedEks::Find(const Bytes& ek_public) const {
+  std::shared_lock<std::shared_mutex> lock(mutex_);
+  auto it = entries_.find(ek_public);
+  if (it == entries_.end()) {
+    return std::nullopt;
+  }
+  return it->second;
+}
+
+void PreparedEks::Add(const Bytes& ek_public, Prepared prepared) {
+  std::unique_lock<std::shared_mutex> lock(mutex_);
+  if (entries_.size() >= kMaxEntries) {
+    entries_.clear();
+  }
+  entries_.emplace(ek_public, std::move(prepared));
+}
+
+Session::Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks, PreparedEks* eks)
     : lock_(MXUser_CreateRWLock("tpm2Session", kRankUnranked)),
       created_us_(created_us),
       strict_quote_checks_(strict_quote_checks),
       ek_(ek),
+      eks_(eks),
       nonce_(kNonceBytes) {
   VERIFY(lock_ != nullptr);
-  VERIFY(Random_Crypto(sizeof(id_), &id_));
-  VERIFY(Random_Crypto(nonce_.size(), nonce_.data()));
+  // One draw for both: each call of the random source has a fixed cost.
+  uint8_t random[sizeof(id_) + kNonceBytes];
+  VERIFY(Random_Crypto(sizeof(random), random));
+  std::memcpy(&id_, random, sizeof(id_));
+  std::memcpy(nonce_.data(), random + sizeof(id_), kNonceBytes);
 }
 
 Session::~Session() {
   MXUser_DestroyRWLock(lock_);
+}
+
+SessionResult Session::CheckEkPublic(const Bytes& ek_public) const {
+  TPM2B_PUBLIC ek = {};
+  if (Tpm2_Unmarshal_TPM2B_PUBLIC(ek_public.data(), static_cast<uint32_t>(ek_public.size()), &ek) == 0) {
+    Log_Level(kLogError, "Failed to extract EK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  bool ek_matches = false;
+  std::optional<std::string> ek_der = Tpm20Cmd::Tpm2PubSpkiDer(ek_public);
+  if (!ek_der) {
+    Log_Level(kLogError, "Failed to extract EK public key in PEM format\n");
+  } else {
+    if (Config::Tpm2::EkIdOfSpkiDer(*ek_der) != ek_) {
+      Log_Level(kLogError, "EK public key digest does not match\n");
+    } else {
+      ek_matches = true;
+    }
+  }
+  if (!ek_matches) {
+    Log_Level(kLogError, "Invalid EK TPM2B_PUBLIC for session\n");
+    return SessionResult::kInvalidInput;
+  }
+  if (!VerifyEkPublic(ek.publicArea)) {
+    Log_Level(kLogError, "Failed to verify EK public key\n");
+    return SessionResult::kInvalidInput;
+  }
+  return SessionResult::kSuccess;
 }
 
 Bytes Session::QuoteQualifyingData() const {
@@ -226,35 +276,31 @@ SessionResult Session::SetAttestationKey(const Bytes& ak_public, const Bytes& ek
     Log_Level(kLogError, "Failed to verify AK public key\n");
     return SessionResult::kInvalidInput;
   }
-  TPM2B_PUBLIC ek = {};
-  if (Tpm2_Unmarshal_TPM2B_PUBLIC(ek_public.data(), static_cast<uint32_t>(ek_public.size()), &ek) == 0) {
-    Log_Level(kLogError, "Failed to extract EK public key\n");
-    return SessionResult::kInvalidInput;
-  }
-  bool ek_matches = false;
-  std::optional<std::string> ek_der = Tpm20Cmd::Tpm2PubSpkiDer(ek_public);
-  if (!ek_der) {
-    Log_Level(kLogError, "Failed to extract EK public key in PEM format\n");
-  } else {
-    if (Config::Tpm2::EkIdOfSpkiDer(*ek_der) != ek_) {
-      Log_Level(kLogError, "EK public key digest does not match\n");
-    } else {
-      ek_matches = true;
-    }
-  }
-  if (!ek_matches) {
+  // An EK public area kept from an earlier session passed every check below
+  // but the comparison with this session's EK.
+  std::optional<PreparedEks::Prepared> prepared = eks_ != nullptr ? eks_->Find(ek_public) : std::nullopt;
+  if (prepared && prepared->id != ek_) {
+    Log_Level(kLogError, "EK public key digest does not match\n");
     Log_Level(kLogError, "Invalid EK TPM2B_PUBLIC for session\n");
     return SessionResult::kInvalidInput;
   }
-  if (!VerifyEkPublic(ek.publicArea)) {
-    Log_Level(kLogError, "Failed to verify EK public key\n");
-    return SessionResult::kInvalidInput;
+  if (!prepared) {
+    SessionResult checked = CheckEkPublic(ek_public);
+    if (checked != SessionResult::kSuccess) {
+      return checked;
+    }
   }
   credential_secret_.assign(kSecretBytes, 0);
   VERIFY(Random_Crypto(credential_secret_.size(), credential_secret_.data()));
-  if (!MakeCredential(ek_public, ak_public, credential_secret_, &out_blob, &out_secret)) {
+  std::shared_ptr<const CredentialKey> key = prepared ? prepared->key : PrepareCredentialKey(ek_public);
+  bool made = key != nullptr ? MakeCredential(*key, ak_public, credential_secret_, &out_blob, &out_secret)
+                             : MakeCredential(ek_public, ak_public, credential_secret_, &out_blob, &out_secret);
+  if (!made) {
     Log_Level(kLogError, "Failed to make credential for AK\n");
     return SessionResult::kInternalFailure;
+  }
+  if (!prepared && eks_ != nullptr && key != nullptr) {
+    eks_->Add(ek_public, {ek_, std::move(key)});
   }
   ak_public_ = ak_public;
   state_ = SessionState::kAkAwaitingActivation;
@@ -370,6 +416,7 @@ SessionResult Session::VerifyEvidence() {
   }
   evidence_ = std::move(evidence);
   facts_ = std::move(facts);
+  replayed_ = replayed;
   state_ = SessionState::kEvidenceVerified;
   return SessionResult::kSuccess;
 }
@@ -386,10 +433,16 @@ SessionResult Session::Attest(const ExpectedMeasurements& expected) {
   VERIFY(MakeRecords(events_, &events));  // VerifyEvidence checked the sizes
   HostClaims claims = {static_cast<uint8_t>(facts_.txt ? 1 : 0)};
   static const PayloadChecksumTable kNoChecksums;
+  const PayloadChecksumTable* checksums =
+      expected.payload_checksums ? expected.payload_checksums.get() : &kNoChecksums;
+  // VerifyEvidence replayed the log; when every compared PCR replayed, the
+  // replay of ValidateEventLog would be that same one and is not run again.
   VerifyStatus status =
-      ValidateEventLog(events.records.data(), static_cast<uint32_t>(events.records.size()), &claims,
-                       expected.txt_mle_digest.c_str(),
-                       expected.payload_checksums ? expected.payload_checksums.get() : &kNoChecksums, evidence_.get());
+      (replayed_ & kReplayComparedPcrs) == kReplayComparedPcrs
+          ? CheckEventLog(events.records.data(), static_cast<uint32_t>(events.records.size()), &claims,
+                          expected.txt_mle_digest.c_str(), checksums)
+          : ValidateEventLog(events.records.data(), static_cast<uint32_t>(events.records.size()), &claims,
+                             expected.txt_mle_digest.c_str(), checksums, evidence_.get());
   if (status != kVerifyOk) {
     return EventFailure(id_, status, log_complete_);
   }

@@ -5,7 +5,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <shared_mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "config/tpm2/EkId.h"
@@ -57,6 +61,33 @@ struct ExpectedMeasurements {
   std::shared_ptr<const Verify::PayloadChecksumTable> payload_checksums;
 };
 
+struct CredentialKey;
+
+// PreparedEks keeps, by the exact bytes of an EK's public area, what a
+// session established of it: the EK's identity and its credential key, so
+// that a host's EK is parsed, hashed and set up for encryption once, not in
+// every session. Only EKs that passed every check are kept; at most
+// kMaxEntries, the set starts over when full. Lookups share the lock.
+class PreparedEks {
+ public:
+  static constexpr size_t kMaxEntries = 4096;
+  struct Prepared {
+    Config::Tpm2::EkId id;
+    std::shared_ptr<const CredentialKey> key;
+  };
+  std::optional<Prepared> Find(const Bytes& ek_public) const;
+  void Add(const Bytes& ek_public, Prepared prepared);
+
+ private:
+  struct Hash {
+    size_t operator()(const Bytes& b) const {
+      return std::hash<std::string_view>()(std::string_view(reinterpret_cast<const char*>(b.data()), b.size()));
+    }
+  };
+  mutable std::shared_mutex mutex_;
+  std::unordered_map<Bytes, Prepared, Hash> entries_;  // guarded by mutex_
+};
+
 class Session {
  public:
   // Session draws its id and nonce from the cryptographic random source (a
@@ -66,7 +97,9 @@ class Session {
   // quote must be the TPM's own attestation over exactly the required PCR
   // selection, and the PCR reads must cover that selection, each PCR once;
   // without, any selection the quote binds is accepted.
-  Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks = true);
+  // |eks|, when given, outlives the session and keeps the EKs it checked.
+  Session(const Config::Tpm2::EkId& ek, uint64_t created_us, bool strict_quote_checks = true,
+          PreparedEks* eks = nullptr);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -120,12 +153,18 @@ class Session {
   std::string HvkernelDigest();
 
  private:
+  // CheckEkPublic establishes that |ek_public| parses, is the EK whose
+  // identity opened the session and is a restricted decryption key bound to
+  // its TPM; each refusal is logged.
+  SessionResult CheckEkPublic(const Bytes& ek_public) const;
+
   MXUserRWLock* lock_;
   SessionState state_ = SessionState::kInitialized;
   uint64_t id_ = 0;
   uint64_t created_us_;
   const bool strict_quote_checks_;
   const Config::Tpm2::EkId ek_;
+  PreparedEks* const eks_;
   Bytes credential_secret_;
   Bytes ak_public_;
   Bytes nonce_;
@@ -139,6 +178,7 @@ class Session {
   // replayed log.
   std::unique_ptr<Verify::QuoteEvidence> evidence_;
   Verify::BootFacts facts_;
+  uint32_t replayed_ = 0;  // the PCRs whose replay matched the quote
 };
 
 }  // namespace Witnessd::Tpm2

@@ -151,7 +151,7 @@ ProcessResult SessionManager::ProcessRequest(const EkId& ek, const std::optional
 }
 
 ProcessResult SessionManager::StartSession(const EkId& ek_id) {
-  auto session = std::make_shared<Session>(ek_id, clock_(), limits_.strict_quote_checks);
+  auto session = std::make_shared<Session>(ek_id, clock_(), limits_.strict_quote_checks, &prepared_eks_);
   std::vector<std::shared_ptr<Session>> evicted;
   SessionResult refused = SessionResult::kSuccess;
   size_t ek_live = 0;

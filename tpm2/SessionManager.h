@@ -160,6 +160,8 @@ class SessionManager {
   uint64_t next_admission_ = 0;
   MXUserExclLock* stats_lock_;
   SessionStatistics stats_;
+  // What the sessions established of the EKs they checked.
+  PreparedEks prepared_eks_;
 };
 
 }  // namespace Witnessd::Tpm2

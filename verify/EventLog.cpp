@@ -22,8 +22,6 @@ constexpr uint32_t kKernelPcr = 12;
 constexpr uint32_t kTxtKernelPcr = 19;
 // Tagged event id of boot modules, the TXT launch marker among them.
 constexpr uint32_t kBootModuleEventId = 2;
-// The PCRs a replay is compared on: 8 to 22, except 16 (the debug PCR).
-constexpr uint32_t kComparedPcrs = ((1u << 23) - (1u << 8)) & ~(1u << 16);
 constexpr uint32_t kAllPcrs = (1u << kNumPcrs) - 1;
 
 bool InMask(uint32_t mask, uint32_t pcr) {
@@ -124,13 +122,17 @@ bool DigestMatchesHex(const uint8_t* digest, uint16_t size, const char* expected
   return expected[2 * size_t{size}] == '\0';
 }
 
-VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
-                              const char* expected_txt_digest, const PayloadChecksumTable* checksums,
-                              const QuoteEvidence* evidence) {
+namespace {
+
+// Validate is ValidateEventLog, or CheckEventLog when |evidence| is null.
+VerifyStatus Validate(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                      const char* expected_txt_digest, const PayloadChecksumTable* checksums,
+                      const QuoteEvidence* evidence) {
+  const bool replays = evidence != nullptr;
   uint8_t replay[kNumPcrs][kSha256Bytes];
   std::memset(replay, 0, sizeof(replay));
   if (events == nullptr || count == 0 || claims == nullptr || expected_txt_digest == nullptr ||
-      checksums == nullptr || evidence == nullptr) {
+      checksums == nullptr) {
     Warning("TPM2VLIB: Invalid input");
     return kEventInvalidInput;
   }
@@ -223,7 +225,7 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
     if (status == kVerifyOk) {
       status = FindSha256Digest(e.digests, e.digestCount, &sha256);
     }
-    if (status == kVerifyOk) {
+    if (status == kVerifyOk && replays) {
       Sha256Extend(replay[e.pcrIndex], sha256->digest);
     }
     if (status != kVerifyOk) {
@@ -248,7 +250,24 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
     return kTxtClaimMismatch;
   }
 
-  return CompareWithQuote(replay, kComparedPcrs, evidence);
+  return replays ? CompareWithQuote(replay, kReplayComparedPcrs, evidence) : kVerifyOk;
+}
+
+}  // namespace
+
+VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                              const char* expected_txt_digest, const PayloadChecksumTable* checksums,
+                              const QuoteEvidence* evidence) {
+  if (evidence == nullptr) {
+    Warning("TPM2VLIB: Invalid input");
+    return kEventInvalidInput;
+  }
+  return Validate(events, count, claims, expected_txt_digest, checksums, evidence);
+}
+
+VerifyStatus CheckEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                           const char* expected_txt_digest, const PayloadChecksumTable* checksums) {
+  return Validate(events, count, claims, expected_txt_digest, checksums, nullptr);
 }
 
 VerifyStatus ReplayEventLog(const TcgEventRecord* events, uint32_t count, const QuoteEvidence* evidence,
@@ -265,7 +284,7 @@ VerifyStatus ReplayEventLog(const TcgEventRecord* events, uint32_t count, const 
       std::memset(replay[pcr], 0xff, kSha256Bytes);
     }
   }
-  uint32_t replayable = kComparedPcrs;
+  uint32_t replayable = kReplayComparedPcrs;
   for (uint32_t i = 0; i < count; ++i) {
     const TcgEventRecord& e = events[i];
     const TcgDigest* sha256 = nullptr;

@@ -70,6 +70,18 @@ VerifyStatus ValidateEventLog(TcgEventRecord* events, uint32_t count, const Host
                               const char* expected_txt_digest, const PayloadChecksumTable* checksums,
                               const QuoteEvidence* evidence);
 
+// CheckEventLog is ValidateEventLog without the replay and its comparison
+// with the quote: the same checks, in the same order, with the same results
+// up to that point. After ReplayEventLog gave a mask with every PCR of
+// kReplayComparedPcrs, with the TXT claim read from the events of that mask,
+// ValidateEventLog's replay is that same replay, so CheckEventLog decides as
+// ValidateEventLog would.
+VerifyStatus CheckEventLog(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
+                           const char* expected_txt_digest, const PayloadChecksumTable* checksums);
+
+// The PCRs a replay is compared on: 8 to 22, except 16 (the debug PCR).
+inline constexpr uint32_t kReplayComparedPcrs = ((1u << 23) - (1u << 8)) & ~(1u << 16);
+
 // What the log says of the boot, read by ReadBootFacts.
 struct BootFacts {
   // A TXT measured launch: the boot-module tag "b" in PCR 17.

@@ -83,32 +83,35 @@ Metrics::Counter& Attestations(const std::string& outcome) {
                              "Attestations ended, by outcome (success or report error).", {{"outcome", outcome}});
 }
 
+}  // namespace
+
 // CountAttestation records an attestation that ended: "success", or the
 // last part of the message id of the error it ended with ("error" for a
 // failure without one). Requests refused before the EK is looked at are
-// not attestations and are not counted.
-void CountAttestation(const Lumen::StdError* error) {
+// not attestations and are not counted. The outcomes listed at start are
+// counted without a lookup in the registry, which takes its locks.
+void ReportImpl::CountAttestation(const Lumen::StdError* error) const {
   std::string outcome = "success";
   if (error != nullptr) {
     outcome = error->messages.empty() ? "error" : OutcomeOf(error->messages[0].id);
   }
-  Attestations(outcome).Increment();
+  auto it = counters_.find(outcome);
+  (it != counters_.end() ? *it->second : Attestations(outcome)).Increment();
 }
-
-}  // namespace
 
 ReportImpl::ReportImpl(const Config::Tpm2::TrustConfiguration& trust, Tpm2::SessionManager& sessions,
                        const Witnessd::Document::TokenSigner& signer)
     : trust_(trust), sessions_(sessions), signer_(signer) {
   // Every outcome an attestation can end with is listed from the start, at
   // zero, so that a rate over it needs no first occurrence.
-  Attestations("success");
-  Attestations(kEvictedOutcome);
+  for (const std::string& outcome : {std::string("success"), std::string(kEvictedOutcome)}) {
+    counters_[outcome] = &Attestations(outcome);
+  }
   for (const char* id : {Errors::kReportUnknownTpm, Errors::kReportUnknownTpmCa, Errors::kReportTpmCertRequired}) {
-    Attestations(OutcomeOf(id));
+    counters_[OutcomeOf(id)] = &Attestations(OutcomeOf(id));
   }
   for (SessionResult code : kSessionFailures) {
-    Attestations(OutcomeOf(ReportErrorId(code)));
+    counters_[OutcomeOf(ReportErrorId(code))] = &Attestations(OutcomeOf(ReportErrorId(code)));
   }
 }
 
@@ -183,7 +186,7 @@ void ReportImpl::Create(const Request& request, Callback<Result> done) {
 
   Tpm2::ProcessResult turn = sessions_.ProcessRequest(*ek.id, context);
   if (turn.evicted != 0) {
-    Attestations(kEvictedOutcome).Increment(turn.evicted);
+    counters_.at(kEvictedOutcome)->Increment(turn.evicted);
   }
   if (turn.code != SessionResult::kSuccess) {
     Log_Level(kLogError, "TPM 2 attestation failure: %d\n", static_cast<int>(turn.code));

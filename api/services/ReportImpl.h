@@ -4,11 +4,15 @@
 // the signed documents.
 #pragma once
 
+#include <map>
+#include <string>
+
 #include "api/services/ReportSvc.h"
 #include "config/tpm2/EkCertificateCache.h"
 #include "config/tpm2/EkIdentification.h"
 #include "config/tpm2/TrustConfiguration.h"
 #include "document/AttestationToken.h"
+#include "platform/Metrics.h"
 #include "tpm2/SessionManager.h"
 
 namespace Witnessd::AttestApi {
@@ -27,10 +31,14 @@ class ReportImpl : public ReportSvc {
   static Lumen::StdError ReportError(Tpm2::SessionResult code);
 
  private:
+  void CountAttestation(const Lumen::StdError* error) const;
+
   const Config::Tpm2::TrustConfiguration& trust_;
   Tpm2::SessionManager& sessions_;
   const Witnessd::Document::TokenSigner& signer_;
   Config::Tpm2::EkCertificateCache certificates_;  // what presented EK certificates showed
+  // The attestation counters by outcome, filled by the constructor only.
+  std::map<std::string, Metrics::Counter*> counters_;
 };
 
 }  // namespace Witnessd::AttestApi

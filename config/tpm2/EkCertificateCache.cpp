@@ -64,14 +64,14 @@ std::optional<EkId> EkCertificateCache::KeyId(const std::string& pem) {
     return EkIdOf(pem);
   }
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::shared_lock<std::shared_mutex> lock(key_ids_mutex_);
     auto it = key_ids_.find(*digest);
     if (it != key_ids_.end()) {
       return it->second;
     }
   }
   std::optional<EkId> id = EkIdOf(pem);  // parsed outside the lock
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::unique_lock<std::shared_mutex> lock(key_ids_mutex_);
   if (key_ids_.size() >= kMaxKeyIds) {
     key_ids_.clear();
   }
@@ -114,7 +114,7 @@ bool EkCertificateCache::Contains(const std::string& pem, const TrustStore& cas)
 }
 
 size_t EkCertificateCache::KeyIds() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::shared_lock<std::shared_mutex> lock(key_ids_mutex_);
   return key_ids_.size();
 }
 

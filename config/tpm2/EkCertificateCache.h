@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -88,7 +89,9 @@ class EkCertificateCache {
   Order order_;                                    // guarded by mutex_
   std::map<Key, Order::iterator, KeyLess> index_;  // guarded by mutex_
   size_t bytes_ = 0;                               // guarded by mutex_
-  std::map<std::array<uint8_t, 32>, std::optional<EkId>> key_ids_;  // guarded by mutex_
+  // Its own lock, shared by lookups: every Report call asks for a key id.
+  mutable std::shared_mutex key_ids_mutex_;
+  std::map<std::array<uint8_t, 32>, std::optional<EkId>> key_ids_;  // guarded by key_ids_mutex_
 };
 
 }  // namespace Witnessd::Config::Tpm2

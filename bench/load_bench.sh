@@ -15,8 +15,9 @@
 #     event log but not their quote; each on a freshly started daemon.
 # Every failed attestation is counted under its error id and printed.
 # LOAD_COUNT (2000) and LATENCY_COUNT (400) set the attestations of the first
-# two runs. The machine's other load makes every figure noisy; the CPU ratio
-# compares with a reference taken in the same run.
+# two runs; LOAD_MEMORY=0 skips the memory runs. The machine's other load
+# makes every figure noisy; the CPU ratio compares with a reference taken in
+# the same run.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$top/build}
@@ -108,10 +109,14 @@ session_kib() {
   stop_daemon
   awk -v a="$after" -v b="$before" -v n=$((hosts * per_host)) 'BEGIN { printf "%.2f", (a - b) / n }'
 }
-say "$((hosts * per_host)) sessions after their first turn"
-first_turn_kib=$(session_kib --max-turns 1)
-say "$((hosts * per_host)) sessions holding their event log"
-log_kib=$(session_kib --max-turns 4 --withhold-quote)
+first_turn_kib=skipped
+log_kib=skipped
+if [ "${LOAD_MEMORY:-1}" != 0 ]; then
+  say "$((hosts * per_host)) sessions after their first turn"
+  first_turn_kib=$(session_kib --max-turns 1)
+  say "$((hosts * per_host)) sessions holding their event log"
+  log_kib=$(session_kib --max-turns 4 --withhold-quote)
+fi
 log_bytes=$("$agent" --event-log-bytes)
 
 ok=$(field ok < "$work/throughput.out")

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 namespace {
 
@@ -25,8 +26,33 @@ const char* LevelName(int level) {
   return kNames[level];
 }
 
+// The calling thread's id, asked of the kernel once per thread.
+long ThreadId() {
+  thread_local const long id = static_cast<long>(syscall(SYS_gettid));
+  return id;
+}
+
+// The lines a LogLineBatch of this thread gathers, null while none lives.
+thread_local std::string* t_batch = nullptr;
+
+// A batch writes what it holds once it reaches this size, so a long burst
+// never holds more.
+constexpr size_t kBatchFlushBytes = 64 * 1024;
+
+void WriteAll(const char* p, size_t total) {
+  while (total > 0) {
+    ssize_t w = write(STDERR_FILENO, p, total);
+    if (w <= 0) {
+      break;
+    }
+    p += w;
+    total -= static_cast<size_t>(w);
+  }
+}
+
 // Formats the whole line first and writes it with one write(2), so lines from
-// different threads never interleave.
+// different threads never interleave; inside a batch, the line waits for the
+// batch's write.
 void WriteLine(int level, const char* fmt, va_list args) {
   char message[8192];
   int n = vsnprintf(message, sizeof(message), fmt, args);
@@ -46,22 +72,26 @@ void WriteLine(int level, const char* fmt, va_list args) {
   char line[sizeof(message) + 128];
   int head = snprintf(line, sizeof(line), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %s [%ld] ",
                       tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
-                      tm.tm_sec, static_cast<int>(tv.tv_usec / 1000), LevelName(level),
-                      static_cast<long>(syscall(SYS_gettid)));
+                      tm.tm_sec, static_cast<int>(tv.tv_usec / 1000), LevelName(level), ThreadId());
   size_t total = static_cast<size_t>(head);
   for (size_t i = 0; i < len && total < sizeof(line) - 1; ++i) {
     line[total++] = message[i];
   }
   line[total++] = '\n';
-  const char* p = line;
-  while (total > 0) {
-    ssize_t w = write(STDERR_FILENO, p, total);
-    if (w <= 0) {
-      break;
+  if (t_batch != nullptr && level != kLogPanic) {
+    t_batch->append(line, total);
+    if (t_batch->size() >= kBatchFlushBytes) {
+      WriteAll(t_batch->data(), t_batch->size());
+      t_batch->clear();
     }
-    p += w;
-    total -= static_cast<size_t>(w);
+    return;
   }
+  if (t_batch != nullptr && !t_batch->empty()) {
+    // A panic ends the process: what the batch holds goes first.
+    WriteAll(t_batch->data(), t_batch->size());
+    t_batch->clear();
+  }
+  WriteAll(line, total);
 }
 
 }  // namespace
@@ -119,4 +149,18 @@ void Panic(const char* fmt, ...) {
   WriteLine(kLogPanic, fmt, args);
   va_end(args);
   abort();
+}
+
+Hearth::LogLineBatch::LogLineBatch() {
+  if (t_batch == nullptr) {
+    t_batch = &lines_;
+  }
+}
+
+Hearth::LogLineBatch::~LogLineBatch() {
+  if (t_batch != &lines_) {
+    return;  // an outer batch of this thread writes the lines
+  }
+  t_batch = nullptr;
+  WriteAll(lines_.data(), lines_.size());
 }

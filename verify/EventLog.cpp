@@ -128,6 +128,8 @@ namespace {
 VerifyStatus Validate(TcgEventRecord* events, uint32_t count, const HostClaims* claims,
                       const char* expected_txt_digest, const PayloadChecksumTable* checksums,
                       const QuoteEvidence* evidence) {
+  // A real boot log gives a few warnings per firmware event: written at once.
+  Hearth::LogLineBatch batch;
   const bool replays = evidence != nullptr;
   uint8_t replay[kNumPcrs][kSha256Bytes];
   std::memset(replay, 0, sizeof(replay));

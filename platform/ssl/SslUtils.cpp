@@ -39,7 +39,15 @@ constexpr const char* kPubKeyEnd = "-----END PUBLIC KEY-----";
 constexpr const char* kCertBegin = "-----BEGIN CERTIFICATE-----";
 constexpr const char* kCertEnd = "-----END CERTIFICATE-----";
 
-bool IsSpace(unsigned char c) { return std::isspace(c) != 0; }
+// The white space of the C locale, whatever locale the process runs in.
+bool IsSpace(unsigned char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool IsBase64Char(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/' ||
+         c == '=';
+}
 
 size_t CountNonSpace(const std::string& text) {
   return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](unsigned char c) { return !IsSpace(c); }));
@@ -49,9 +57,13 @@ size_t CountNonSpace(const std::string& text) {
 // without the markers where they stand at its ends. Empty when the body is
 // not base64 (characters, length and padding).
 std::string PemBody(const std::string& pem, const std::string& begin_marker, const std::string& end_marker) {
-  std::string body;
-  body.reserve(CountNonSpace(pem));
-  std::copy_if(pem.begin(), pem.end(), std::back_inserter(body), [](unsigned char c) { return !IsSpace(c); });
+  std::string body(pem.size(), '\0');
+  size_t kept = 0;
+  for (unsigned char c : pem) {
+    body[kept] = static_cast<char>(c);
+    kept += IsSpace(c) ? 0 : 1;
+  }
+  body.resize(kept);
   std::string begin = begin_marker;
   std::string end = end_marker;
   SslUtils::CanonicalizePem(begin);
@@ -65,8 +77,7 @@ std::string PemBody(const std::string& pem, const std::string& begin_marker, con
     body.erase(body.size() - end.size());
   }
   if (body.empty() || body.size() % 4 != 0 ||
-      !std::all_of(body.begin(), body.end(),
-                   [](unsigned char c) { return std::isalnum(c) || c == '+' || c == '/' || c == '='; })) {
+      !std::all_of(body.begin(), body.end(), [](unsigned char c) { return IsBase64Char(c); })) {
     return "";
   }
   size_t pad = body.find('=');
@@ -267,7 +278,11 @@ std::optional<std::array<uint8_t, 32>> SslUtils::UsableKeyDigest(const std::stri
 std::optional<std::array<uint8_t, 32>> SslUtils::Sha256(std::string_view data) {
   std::array<uint8_t, 32> digest;
   unsigned int size = 0;
-  if (EVP_Digest(data.data(), data.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1 || size != digest.size()) {
+  // Fetched once: an implicit fetch on every digest costs more than hashing
+  // a certificate.
+  static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  if (sha256 == nullptr ||
+      EVP_Digest(data.data(), data.size(), digest.data(), &size, sha256, nullptr) != 1 || size != digest.size()) {
     ERR_clear_error();
     return std::nullopt;
   }

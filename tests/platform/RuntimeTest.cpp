@@ -3,11 +3,19 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstdio>
 #include <future>
 #include <mutex>
 #include <set>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
 #include "platform/Hearth.h"
+#include "platform/Log.h"
 #include "platform/System.h"
 
 namespace {
@@ -101,6 +109,43 @@ TEST(Random, CryptoBytesDifferBetweenCalls) {
     seen.insert(Random_Fast());
   }
   EXPECT_GT(seen.size(), 60u);
+}
+
+// A batch holds its lines until the outermost batch of the thread ends; a
+// line lost or reordered there would hide what an event log's checks saw.
+TEST(LogLineBatch, WritesItsLinesInOrderWhenTheOutermostBatchEnds) {
+  std::string path = testing::TempDir() + "/batch.log";
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ASSERT_GE(file, 0);
+  int saved = dup(STDERR_FILENO);
+  dup2(file, STDERR_FILENO);
+  auto written = [&path] {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  };
+  std::string inside;
+  {
+    Hearth::LogLineBatch outer;
+    Warning("first");
+    {
+      Hearth::LogLineBatch inner;
+      Warning("second");
+    }
+    inside = written();
+  }
+  Warning("third");
+  std::string after = written();
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  close(file);
+  EXPECT_EQ(inside, "");
+  size_t first = after.find("warning [");
+  EXPECT_NE(after.find("] first\n"), std::string::npos) << after;
+  EXPECT_LT(after.find("] first\n"), after.find("] second\n")) << after;
+  EXPECT_LT(after.find("] second\n"), after.find("] third\n")) << after;
+  EXPECT_EQ(first, 25u) << after;  // "<UTC time> warning [<tid>] ..."
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(
   build-essential cmake pkg-config python3 clang libclang-rt-14-dev
-  libssl-dev openssl libxml2-dev zlib1g-dev libprotobuf-dev protobuf-compiler
+  libssl-dev openssl libxml2-dev zlib1g-dev libprotobuf-dev protobuf-compiler libsimdjson-dev
   libjwt-dev libjansson-dev libboost-dev libboost-system-dev libsqlite3-dev
   libtss2-dev swtpm swtpm-tools tpm2-tools nlohmann-json3-dev prometheus-cpp-dev
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -127,7 +127,7 @@ std::string Base64Encode(const std::vector<uint8_t>& bytes) {
   return out;
 }
 
-bool Base64Decode(const std::string& text, std::vector<uint8_t>* out) {
+bool Base64Decode(std::string_view text, std::vector<uint8_t>* out) {
   auto value = [](char c) -> int {
     if (c >= 'A' && c <= 'Z') return c - 'A';
     if (c >= 'a' && c <= 'z') return c - 'a' + 26;
@@ -195,6 +195,21 @@ void InputReader::Fail(const char* name) {
   }
 }
 
+namespace {
+
+// A long base64 string of the request may arrive already decoded (see
+// JsonRpc's reader); it reads as the text it was, which encodes back exactly
+// since only canonical base64 is decoded.
+bool IsText(const nlohmann::json& v) {
+  return v.is_string() || v.is_binary();
+}
+
+std::string TextOf(const nlohmann::json& v) {
+  return v.is_binary() ? Base64Encode(v.get_binary()) : v.get<std::string>();
+}
+
+}  // namespace
+
 const nlohmann::json* InputReader::Field(const char* name, bool required) {
   if (!bad_.empty()) {
     return nullptr;
@@ -214,11 +229,11 @@ std::string InputReader::String(const char* name) {
   if (f == nullptr) {
     return {};
   }
-  if (!f->is_string()) {
+  if (!IsText(*f)) {
     Fail(name);
     return {};
   }
-  return f->get<std::string>();
+  return TextOf(*f);
 }
 
 std::string InputReader::Checked(const char* name, bool (*valid)(const std::string&)) {
@@ -235,11 +250,11 @@ std::optional<std::string> InputReader::OptString(const char* name) {
   if (f == nullptr) {
     return std::nullopt;
   }
-  if (!f->is_string()) {
+  if (!IsText(*f)) {
     Fail(name);
     return std::nullopt;
   }
-  return f->get<std::string>();
+  return TextOf(*f);
 }
 
 std::optional<bool> InputReader::OptBool(const char* name) {
@@ -265,11 +280,11 @@ std::optional<std::vector<std::string>> InputReader::OptStringList(const char* n
     return std::nullopt;
   }
   for (const auto& e : *f) {
-    if (!e.is_string()) {
+    if (!IsText(e)) {
       Fail(name);
       return std::nullopt;
     }
-    out.push_back(e.get<std::string>());
+    out.push_back(TextOf(e));
   }
   return out;
 }
@@ -281,24 +296,40 @@ std::vector<std::string> InputReader::StringList(const char* name) {
   return OptStringList(name).value_or(std::vector<std::string>{});
 }
 
-std::vector<uint8_t> InputReader::Binary(const char* name) {
-  std::string text = String(name);
-  std::vector<uint8_t> out;
-  if (Ok() && !Base64Decode(text, &out)) {
+bool InputReader::BytesOf(const char* name, const nlohmann::json& v, std::vector<uint8_t>* out) {
+  if (v.is_binary()) {
+    *out = v.get_binary();
+    return true;
+  }
+  if (!v.is_string() || !Base64Decode(v.get_ref<const std::string&>(), out)) {
     Fail(name);
+    return false;
+  }
+  return true;
+}
+
+std::vector<uint8_t> InputReader::Binary(const char* name) {
+  std::vector<uint8_t> out;
+  if (const nlohmann::json* f = Field(name, true); f != nullptr && !BytesOf(name, *f, &out)) {
+    out.clear();
   }
   return out;
 }
 
 std::vector<std::vector<uint8_t>> InputReader::BinaryList(const char* name) {
-  std::vector<std::vector<uint8_t>> out;
-  for (const auto& text : StringList(name)) {
-    std::vector<uint8_t> bytes;
-    if (!Base64Decode(text, &bytes)) {
-      Fail(name);
+  const nlohmann::json* f = Field(name, true);
+  if (f == nullptr) {
+    return {};
+  }
+  if (!f->is_array()) {
+    Fail(name);
+    return {};
+  }
+  std::vector<std::vector<uint8_t>> out(f->size());
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (!BytesOf(name, (*f)[i], &out[i])) {
       return {};
     }
-    out.push_back(std::move(bytes));
   }
   return out;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -46,7 +47,7 @@ nlohmann::json DecorateError(const StdError& error);
 
 // Base64 (standard alphabet, with padding). Decode rejects anything else.
 std::string Base64Encode(const std::vector<uint8_t>& bytes);
-bool Base64Decode(const std::string& text, std::vector<uint8_t>* out);
+bool Base64Decode(std::string_view text, std::vector<uint8_t>* out);
 
 // HexDigestSha256 returns the lower-case hexadecimal SHA-256 of |bytes|.
 std::string HexDigestSha256(const std::string& bytes);
@@ -80,6 +81,7 @@ class InputReader {
 
  private:
   const nlohmann::json* Field(const char* name, bool required);
+  bool BytesOf(const char* name, const nlohmann::json& v, std::vector<uint8_t>* out);
   void Fail(const char* name);
 
   const nlohmann::json* object_;

@@ -1,5 +1,9 @@
 #include "platform/lumen/JsonRpc.h"
 
+#include <cstring>
+
+#include <simdjson.h>
+
 #include "platform/JsonParse.h"
 #include "platform/lumen/Json.h"
 
@@ -20,8 +24,9 @@ bool StringField(const nlohmann::json& obj, const char* name, std::string* out) 
 
 }  // namespace
 
-bool ParseCall(std::string_view body, bool decorated, Call* out) {
-  nlohmann::json doc = Hearth::ParseJson(body);
+namespace {
+
+bool ReadEnvelope(nlohmann::json& doc, bool decorated, Call* out) {
   if (!doc.is_object()) {
     return false;
   }
@@ -35,7 +40,7 @@ bool ParseCall(std::string_view body, bool decorated, Call* out) {
     if (!id->is_string() && !id->is_number() && !id->is_null()) {
       return false;
     }
-    out->id = *id;
+    out->id = std::move(*id);
   }
   auto params = doc.find("params");
   if (params == doc.end() || !params->is_object() || !StringField(*params, "serviceId", &out->service_id) ||
@@ -50,7 +55,7 @@ bool ParseCall(std::string_view body, bool decorated, Call* out) {
       if (!sec->is_object()) {
         return false;
       }
-      out->security_ctx = *sec;
+      out->security_ctx = std::move(*sec);
     }
     if (auto app = ctx->find("appCtx"); app != ctx->end() && !app->is_null()) {
       if (!app->is_object()) {
@@ -62,9 +67,174 @@ bool ParseCall(std::string_view body, bool decorated, Call* out) {
     }
   }
   if (auto input = params->find("input"); input != params->end() && !input->is_null()) {
-    out->input = decorated ? Json::Undecorate(*input) : *input;
+    out->input = decorated ? Json::Undecorate(*input) : std::move(*input);
   }
   return true;
+}
+
+
+namespace od = simdjson::ondemand;
+
+// Strings of the input at least this long that are canonical base64 are
+// decoded while reading: the contexts a report carries (event log, quote).
+constexpr size_t kBinaryMinChars = 128;
+// A parser grown beyond this by a large body is not kept for the next one.
+constexpr size_t kKeptCapacity = 64 * 1024;
+
+// Where a value sits: only strings under params.input may become bytes.
+// kParams is the value of the root's "params".
+enum class Place { kTop, kParams, kInput };
+
+bool HasControl(std::string_view s) {
+  for (char c : s) {
+    if (static_cast<unsigned char>(c) < 0x20) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Scalar reads a number, true, false or null through the DOM parser's own
+// grammar, so its value is exactly the one ParseJson would give.
+bool Scalar(od::value& v, nlohmann::json* out) {
+  std::string_view raw = v.raw_json_token();
+  while (!raw.empty() && (raw.back() == ' ' || raw.back() == '\t' || raw.back() == '\n' || raw.back() == '\r')) {
+    raw.remove_suffix(1);
+  }
+  *out = nlohmann::json::parse(raw, nullptr, false);
+  return !out->is_discarded();
+}
+
+// ToDom builds |v| into |out|, nested |depth| containers deep (the root
+// object is 1), refusing what ParseJson refuses on the same terms.
+bool ToDom(od::value v, nlohmann::json* out, size_t depth, Place place) {
+  od::json_type type;
+  if (v.type().get(type)) {
+    return false;
+  }
+  switch (type) {
+    case od::json_type::object: {
+      od::object obj;
+      if (++depth > Hearth::kMaxJsonDepth || v.get_object().get(obj)) {
+        return false;
+      }
+      *out = nlohmann::json::object();
+      for (auto item : obj) {
+        od::field field;
+        std::string_view key;
+        if (std::move(item).get(field) || field.unescaped_key().get(key) || HasControl(key)) {
+          return false;
+        }
+        Place inner =
+            place == Place::kInput || (place == Place::kParams && key == "input") ? Place::kInput : Place::kTop;
+        if (!ToDom(field.value(), &(*out)[std::string(key)], depth, inner)) {
+          return false;
+        }
+      }
+      return true;
+    }
+    case od::json_type::array: {
+      od::array arr;
+      if (++depth > Hearth::kMaxJsonDepth || v.get_array().get(arr)) {
+        return false;
+      }
+      *out = nlohmann::json::array();
+      for (auto item : arr) {
+        od::value element;
+        if (std::move(item).get(element) ||
+            !ToDom(element, &out->emplace_back(), depth, place == Place::kInput ? Place::kInput : Place::kTop)) {
+          return false;
+        }
+      }
+      return true;
+    }
+    case od::json_type::string: {
+      std::string_view text;
+      if (v.get_string().get(text) || HasControl(text)) {
+        return false;
+      }
+      if (place == Place::kInput && text.size() >= kBinaryMinChars) {
+        std::vector<uint8_t> bytes;
+        if (Json::Base64Decode(text, &bytes)) {
+          *out = nlohmann::json::binary(std::move(bytes));
+          return true;
+        }
+      }
+      *out = std::string(text);
+      return true;
+    }
+    case od::json_type::number: {
+      double ignored;
+      return Scalar(v, out) && !v.get_double().get(ignored);
+    }
+    case od::json_type::boolean: {
+      bool ignored;
+      return Scalar(v, out) && !v.get_bool().get(ignored);
+    }
+    case od::json_type::null: {
+      bool null = false;
+      return Scalar(v, out) && !v.is_null().get(null) && null;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+struct CallReader::State {
+  od::parser parser;
+  std::string padded;  // the body, followed by the padding the reader needs
+};
+
+CallReader::CallReader() : state_(std::make_unique<State>()) {}
+CallReader::~CallReader() = default;
+
+bool CallReader::Parse(std::string_view body, bool decorated, Call* out) {
+  // Escaped code points (surrogate rules) are left to the DOM parser.
+  bool own = body.find("\\u") == std::string_view::npos;
+  nlohmann::json doc;
+  if (own) {
+    State& s = *state_;
+    s.padded.resize(body.size() + simdjson::SIMDJSON_PADDING);
+    std::memcpy(s.padded.data(), body.data(), body.size());
+    od::document d;
+    od::object root;
+    own = !s.parser.iterate(s.padded.data(), body.size(), s.padded.size()).get(d) && !d.get_object().get(root);
+    if (own) {
+      nlohmann::json built = nlohmann::json::object();
+      for (auto item : root) {
+        od::field field;
+        std::string_view key;
+        if (std::move(item).get(field) || field.unescaped_key().get(key) || HasControl(key) ||
+            !ToDom(field.value(), &built[std::string(key)], 1, key == "params" ? Place::kParams : Place::kTop)) {
+          own = false;
+          break;
+        }
+      }
+      // Nothing may follow the root object.
+      own = own && d.current_location().error() == simdjson::OUT_OF_BOUNDS;
+      if (own) {
+        doc = std::move(built);
+      }
+    }
+    if (s.parser.capacity() > kKeptCapacity) {
+      s = State();
+    }
+  }
+  if (!own) {
+    return ParseCallWithDom(body, decorated, out);
+  }
+  return ReadEnvelope(doc, decorated, out);
+}
+
+bool ParseCallWithDom(std::string_view body, bool decorated, Call* out) {
+  nlohmann::json doc = Hearth::ParseJson(body);
+  return ReadEnvelope(doc, decorated, out);
+}
+
+bool ParseCall(std::string_view body, bool decorated, Call* out) {
+  CallReader reader;
+  return reader.Parse(body, decorated, out);
 }
 
 std::string ResultBody(const Call& call, const Provider::MethodResult& result, bool decorated,

@@ -3,6 +3,7 @@
 //    "params": {"serviceId", "operationId", "ctx": {"securityCtx", "appCtx"}, "input"}}
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -23,8 +24,35 @@ struct Call {
 
 // ParseCall decodes a request body. In decorated form the input's structure
 // wrappers are removed. Returns false for anything that is not a well-formed
-// "invoke" call; |out| is then unspecified.
+// "invoke" call; |out| is then unspecified. Long strings of the input that
+// are canonical base64 arrive decoded, as JSON binary values (InputReader
+// reads them as the text they were).
 bool ParseCall(std::string_view body, bool decorated, Call* out);
+
+// ParseCallWithDom is ParseCall through the general depth-limited JSON
+// parser and its DOM: what CallReader answers whenever its own reading
+// fails, and what the fuzzer compares it with.
+bool ParseCallWithDom(std::string_view body, bool decorated, Call* out);
+
+// CallReader is ParseCall with a reader and buffers reused from one body to
+// the next: one per connection, used by one thread at a time. It reads the
+// body without a general-purpose DOM and decodes the input's long base64
+// strings straight into bytes; anything it does not read itself (escaped
+// code points, control characters, anything it refuses) is decided by
+// ParseCallWithDom, so both accept and refuse the same bodies.
+class CallReader {
+ public:
+  CallReader();
+  ~CallReader();
+  CallReader(const CallReader&) = delete;
+  CallReader& operator=(const CallReader&) = delete;
+
+  bool Parse(std::string_view body, bool decorated, Call* out);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 // ResultBody renders the answer to a call: {"result": {"output": ...}} or
 // {"result": {"error": ...}}, the output decorated with |types| when

@@ -76,4 +76,4 @@ read -r n_rps n_p99 < <(run "http://127.0.0.1:$nginx_port/api")
 printf 'response bytes:        %d\n' "${#reply}"
 printf 'witnessd: %10.0f req/s  p99 %7.2f ms\n' "$w_rps" "$w_p99"
 printf 'nginx:    %10.0f req/s  p99 %7.2f ms\n' "$n_rps" "$n_p99"
-awk -v w="$w_rps" -v n="$n_rps" 'BEGIN { printf "throughput ratio witnessd/nginx: %.2f (goal >= 0.5)\n", w / n }'
+awk -v w="$w_rps" -v n="$n_rps" 'BEGIN { printf "throughput ratio witnessd/nginx: %.2f (goal >= 0.6, p99 < 5 ms)\n", w / n }'

@@ -85,9 +85,20 @@ constexpr size_t kKeptCapacity = 64 * 1024;
 // kParams is the value of the root's "params".
 enum class Place { kTop, kParams, kInput };
 
-bool HasControl(std::string_view s) {
-  for (char c : s) {
-    if (static_cast<unsigned char>(c) < 0x20) {
+// RawControlInString tells whether a string of |body| holds a raw control
+// character, which JSON forbids and the DOM parser refuses; the reader sees
+// strings only unescaped, where an escaped "\\n" looks the same as a raw one.
+bool RawControlInString(std::string_view body) {
+  bool in_string = false;
+  for (size_t i = 0; i < body.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(body[i]);
+    if (!in_string) {
+      in_string = c == '"';
+    } else if (c == '\\') {
+      ++i;  // the escaped character, whatever it is
+    } else if (c == '"') {
+      in_string = false;
+    } else if (c < 0x20) {
       return true;
     }
   }
@@ -122,7 +133,7 @@ bool ToDom(od::value v, nlohmann::json* out, size_t depth, Place place) {
       for (auto item : obj) {
         od::field field;
         std::string_view key;
-        if (std::move(item).get(field) || field.unescaped_key().get(key) || HasControl(key)) {
+        if (std::move(item).get(field) || field.unescaped_key().get(key)) {
           return false;
         }
         Place inner =
@@ -150,7 +161,7 @@ bool ToDom(od::value v, nlohmann::json* out, size_t depth, Place place) {
     }
     case od::json_type::string: {
       std::string_view text;
-      if (v.get_string().get(text) || HasControl(text)) {
+      if (v.get_string().get(text)) {
         return false;
       }
       if (place == Place::kInput && text.size() >= kBinaryMinChars) {
@@ -190,8 +201,9 @@ CallReader::CallReader() : state_(std::make_unique<State>()) {}
 CallReader::~CallReader() = default;
 
 bool CallReader::Parse(std::string_view body, bool decorated, Call* out) {
-  // Escaped code points (surrogate rules) are left to the DOM parser.
-  bool own = body.find("\\u") == std::string_view::npos;
+  // Escaped code points (surrogate rules) and raw control characters are
+  // left to the DOM parser.
+  bool own = body.find("\\u") == std::string_view::npos && !RawControlInString(body);
   nlohmann::json doc;
   if (own) {
     State& s = *state_;
@@ -205,7 +217,7 @@ bool CallReader::Parse(std::string_view body, bool decorated, Call* out) {
       for (auto item : root) {
         od::field field;
         std::string_view key;
-        if (std::move(item).get(field) || field.unescaped_key().get(key) || HasControl(key) ||
+        if (std::move(item).get(field) || field.unescaped_key().get(key) ||
             !ToDom(field.value(), &built[std::string(key)], 1, key == "params" ? Place::kParams : Place::kTop)) {
           own = false;
           break;

@@ -271,7 +271,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   }
 
   void Handle(Self self, HttpRequest req) {
-    Classified c = ClassifyRequest(FieldsOf(req), &call_reader_);
+    Classified c = ClassifyRequest(FieldsOf(req));
     if (c.log_text != nullptr) {
       LUMEN_LOG(Log(), kLumenInfo) << c.log_text;
     }
@@ -455,7 +455,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Stream stream_;
   beast::flat_buffer buffer_;
   std::optional<HttpRequestParser> parser_;
-  Lumen::JsonRpc::CallReader call_reader_;  // reads every request body of the connection
   std::shared_ptr<Connections> connections_;
   // The connection's node in the waiting connections: in |wait_node_| while
   // not waiting, in the shared list while waiting. Guarded, with the flags,

@@ -108,7 +108,7 @@ std::optional<std::string_view> ExpectOf(const HttpRequest& req) {
   return Header(req, "expect");
 }
 
-Classified ClassifyRequest(const RequestFields& req, Lumen::JsonRpc::CallReader* reader) {
+Classified ClassifyRequest(const RequestFields& req) {
   Classified c;
   if (req.method == RequestFields::Method::kGet) {
     if (req.target == "/metrics" || req.target == "/jwks.json" || req.target == "/healthz") {
@@ -144,9 +144,7 @@ Classified ClassifyRequest(const RequestFields& req, Lumen::JsonRpc::CallReader*
     c.log_text = "Incorrect value of accept-language or lumen-ctx-format-locale header";
     return c;
   }
-  bool parsed = reader != nullptr ? reader->Parse(req.body, c.type.decorated, &c.call)
-                                  : Lumen::JsonRpc::ParseCall(req.body, c.type.decorated, &c.call);
-  if (!parsed) {
+  if (!Lumen::JsonRpc::ParseCall(req.body, c.type.decorated, &c.call)) {
     c.verdict = RequestVerdict::kInvalidRequest;
     c.log_text = "Request deserialization failed";
     return c;

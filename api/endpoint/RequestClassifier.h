@@ -63,9 +63,7 @@ struct Classified {
   Lumen::JsonRpc::Call call;
 };
 
-// ClassifyRequest decides about |request|; a connection passes its own
-// |reader| so the body's reader and buffers serve all its requests.
-Classified ClassifyRequest(const RequestFields& request, Lumen::JsonRpc::CallReader* reader = nullptr);
+Classified ClassifyRequest(const RequestFields& request);
 
 // ExpectationOk: no Expect header (|expect| empty), or exactly 100-continue,
 // which sets |wants_continue|.

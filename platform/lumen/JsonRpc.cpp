@@ -245,7 +245,9 @@ bool ParseCallWithDom(std::string_view body, bool decorated, Call* out) {
 }
 
 bool ParseCall(std::string_view body, bool decorated, Call* out) {
-  CallReader reader;
+  // One reader per thread: its buffers serve every body the thread reads,
+  // and no connection holds buffers of its own.
+  thread_local CallReader reader;
   return reader.Parse(body, decorated, out);
 }
 

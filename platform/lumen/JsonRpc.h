@@ -26,7 +26,8 @@ struct Call {
 // wrappers are removed. Returns false for anything that is not a well-formed
 // "invoke" call; |out| is then unspecified. Long strings of the input that
 // are canonical base64 arrive decoded, as JSON binary values (InputReader
-// reads them as the text they were).
+// reads them as the text they were). Reads through the calling thread's own
+// CallReader.
 bool ParseCall(std::string_view body, bool decorated, Call* out);
 
 // ParseCallWithDom is ParseCall through the general depth-limited JSON
@@ -35,7 +36,7 @@ bool ParseCall(std::string_view body, bool decorated, Call* out);
 bool ParseCallWithDom(std::string_view body, bool decorated, Call* out);
 
 // CallReader is ParseCall with a reader and buffers reused from one body to
-// the next: one per connection, used by one thread at a time. It reads the
+// the next, used by one thread at a time. It reads the
 // body without a general-purpose DOM and decodes the input's long base64
 // strings straight into bytes; anything it does not read itself (escaped
 // code points, control characters, anything it refuses) is decided by

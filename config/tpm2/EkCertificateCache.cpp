@@ -36,17 +36,46 @@ std::optional<EkCertCheck> CheckEkCertificate(const std::string& pem, const Trus
 }
 
 std::optional<EkCertCheck> EkCertificateCache::Check(const std::string& pem, const TrustStore& cas) {
-  std::optional<std::string> der = SslUtils::PemCertDer(pem, kMaxEkCertificateBytes);
-  if (!der) {
-    return std::nullopt;
+  // A host presents the same text on every call: its DER digest is looked up
+  // by the text's digest before the text is decoded again.
+  std::optional<std::array<uint8_t, 32>> text_digest = SslUtils::Sha256(pem);
+  std::optional<std::array<uint8_t, 32>> der_digest;
+  if (text_digest) {
+    std::shared_lock<std::shared_mutex> lock(key_ids_mutex_);
+    auto it = der_digests_.find(*text_digest);
+    if (it != der_digests_.end()) {
+      der_digest = it->second;
+    }
   }
-  std::optional<Key> key = KeyOf(*der, cas);
-  if (key) {
+  std::optional<std::string> der;
+  if (!der_digest) {
+    der = SslUtils::PemCertDer(pem, kMaxEkCertificateBytes);
+    if (!der) {
+      return std::nullopt;
+    }
+    der_digest = SslUtils::Sha256(*der);
+    if (text_digest && der_digest) {
+      std::unique_lock<std::shared_mutex> lock(key_ids_mutex_);
+      if (der_digests_.size() >= kMaxKeyIds) {
+        der_digests_.clear();
+      }
+      der_digests_.emplace(*text_digest, *der_digest);
+    }
+  }
+  std::optional<Key> key;
+  if (der_digest) {
+    key = Key{*der_digest, cas};
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = index_.find(*key);
     if (it != index_.end()) {
       order_.splice(order_.begin(), order_, it->second);
       return it->second->check;
+    }
+  }
+  if (!der) {
+    der = SslUtils::PemCertDer(pem, kMaxEkCertificateBytes);
+    if (!der) {
+      return std::nullopt;
     }
   }
   // Parsed and verified outside the lock; a thread that checks the same
@@ -115,7 +144,7 @@ bool EkCertificateCache::Contains(const std::string& pem, const TrustStore& cas)
 
 size_t EkCertificateCache::KeyIds() const {
   std::shared_lock<std::shared_mutex> lock(key_ids_mutex_);
-  return key_ids_.size();
+  return key_ids_.size() + der_digests_.size();
 }
 
 size_t EkCertificateCache::Entries() const {

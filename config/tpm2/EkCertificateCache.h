@@ -54,7 +54,8 @@ class EkCertificateCache {
   // KeyId is EkIdOf(|pem|), remembered by the text's digest: parsing a
   // public key costs far more than the rest of a Report call, and a host
   // presents the same text on every call. At most kMaxKeyIds texts are kept;
-  // the set starts over when full.
+  // the set starts over when full. KeyIds counts these and the certificate
+  // texts Check remembers the same way.
   static constexpr size_t kMaxKeyIds = 4096;
   std::optional<EkId> KeyId(const std::string& pem);
 
@@ -92,6 +93,9 @@ class EkCertificateCache {
   // Its own lock, shared by lookups: every Report call asks for a key id.
   mutable std::shared_mutex key_ids_mutex_;
   std::map<std::array<uint8_t, 32>, std::optional<EkId>> key_ids_;  // guarded by key_ids_mutex_
+  // The DER digest of each certificate text Check decoded, by the text's
+  // digest; bounded and started over like the key ids.
+  std::map<std::array<uint8_t, 32>, std::array<uint8_t, 32>> der_digests_;  // guarded by key_ids_mutex_
 };
 
 }  // namespace Witnessd::Config::Tpm2

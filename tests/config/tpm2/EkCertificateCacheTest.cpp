@@ -109,9 +109,9 @@ TEST(EkCertificateCache, RefusesCertificatesOverTheSizeLimitUnkept) {
   }
 }
 
-// Anyone may present any number of key texts: each text's id is kept once,
-// the same key in another layout is the same EK, and a flood of distinct
-// texts never holds more than kMaxKeyIds of them.
+// Anyone may present any number of key and certificate texts: each text is
+// remembered once, the same key in another layout is the same EK, and a
+// flood of distinct texts never holds more than kMaxKeyIds of each kind.
 TEST(EkCertificateCache, KeyIdsAreRememberedWithinTheirBound) {
   EkCertificateCache cache;
   const std::string& key = kEk.key.public_pem;
@@ -124,6 +124,11 @@ TEST(EkCertificateCache, KeyIdsAreRememberedWithinTheirBound) {
     ASSERT_LE(cache.KeyIds(), EkCertificateCache::kMaxKeyIds);
   }
   EXPECT_EQ(EkIdOf(key), cache.KeyId(key));
+  for (size_t i = 0; i < EkCertificateCache::kMaxKeyIds + 10; ++i) {
+    ASSERT_TRUE(cache.Check(kEk.pem + std::string(i % 64, '\n') + std::string(i / 64, ' '), nullptr));
+    ASSERT_LE(cache.KeyIds(), 2 * EkCertificateCache::kMaxKeyIds);
+  }
+  EXPECT_EQ(1u, cache.Entries());
 }
 
 }  // namespace

@@ -8,10 +8,12 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
 
+#include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
@@ -33,10 +35,10 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-
 constexpr const char* kServerName = "Lumen-PicoHttp";
 
-using Stream = beast::basic_stream<tcp, Strand>;
+using Clock = std::chrono::steady_clock;
+using Timer = asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Strand>;
 
 std::string_view View(beast::string_view s) {
   return {s.data(), s.size()};
@@ -57,16 +59,25 @@ bool NoBodyExpected(std::string_view method, unsigned status) {
 }  // namespace
 
 // Connection serves one connection. Every handler runs on the connection's
-// strand; a call's result may come from any thread and is posted back. The
-// one reference that keeps the connection alive, |self|, is moved from each
-// step to the next rather than copied.
+// strand; a call's result is handled there at once when the provider answers
+// on the strand, and posted back from any other thread. The one reference
+// that keeps the connection alive, |self|, is moved from each step to the
+// next rather than copied. Bytes already buffered are parsed, and a response
+// the socket takes at once is sent, without another asynchronous operation.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   using Self = std::shared_ptr<Connection>;
 
   Connection(StrandSocket socket, std::shared_ptr<Connections> connections)
-      : strand_(socket.get_executor()), stream_(std::move(socket)), connections_(std::move(connections)) {
+      : strand_(socket.get_executor()),
+        socket_(std::move(socket)),
+        timer_(strand_),
+        connections_(std::move(connections)) {
     ++connections_->open_;
+    // Writes are tried at once and finished asynchronously when the socket
+    // would block.
+    beast::error_code ignored;
+    socket_.non_blocking(true, ignored);
   }
   ~Connection() {
     bool counted;
@@ -111,21 +122,110 @@ class Connection : public std::enable_shared_from_this<Connection> {
     return true;
   }
 
-  // Answer delivers a call's result on the strand.
-  static void Answer(Self self, Lumen::JsonRpc::Call call, ContentType type, Lumen::Provider::MethodResult result) {
+ private:
+  // Reply is the provider's callback for the connection's current call. Its
+  // copies share the call's one answer: the first one called gives it; when
+  // the last copy goes uncalled, the answer is INTERNAL_SERVER_ERROR. Each
+  // copy holds the connection; a copy that outlives its call does nothing.
+  class Reply {
+   public:
+    Reply(Self connection, uint32_t call) : connection_(std::move(connection)), call_(call) {}
+    Reply(const Reply& other) : connection_(other.connection_), call_(other.call_) {
+      if (connection_) {
+        connection_->JoinReply(call_);
+      }
+    }
+    Reply(Reply&& other) noexcept = default;
+    Reply& operator=(const Reply&) = delete;
+    Reply& operator=(Reply&&) = delete;
+    ~Reply() {
+      if (connection_ && connection_->LeaveReply(call_)) {
+        Answer(std::move(connection_),
+               Lumen::Provider::MethodResult::Failure(Com::Quarro::Lumen::Std::Errors::InternalServerError()));
+      }
+    }
+    void operator()(Lumen::Provider::MethodResult result) {
+      if (connection_ && connection_->TakeReply(call_)) {
+        Answer(connection_, std::move(result));
+      }
+    }
+
+   private:
+    Self connection_;
+    uint32_t call_;
+  };
+
+  // The answer state of the current call in one word: the call's number
+  // (high half), whether it was answered (kAnswered) and how many callbacks
+  // for it are alive (the bits below).
+  static constexpr uint64_t kAnswered = uint64_t{1} << 31;
+  static constexpr uint64_t kCallbacks = kAnswered - 1;
+
+  // StartReply numbers a new call with one callback alive; on the strand.
+  uint32_t StartReply() {
+    ++call_number_;
+    reply_state_.store((uint64_t{call_number_} << 32) | 1, std::memory_order_release);
+    return call_number_;
+  }
+
+  void JoinReply(uint32_t call) {
+    uint64_t s = reply_state_.load(std::memory_order_acquire);
+    while ((s >> 32) == call && !reply_state_.compare_exchange_weak(s, s + 1, std::memory_order_acq_rel)) {
+    }
+  }
+
+  // LeaveReply tells whether the last callback of |call| went uncalled.
+  bool LeaveReply(uint32_t call) {
+    uint64_t s = reply_state_.load(std::memory_order_acquire);
+    for (;;) {
+      if ((s >> 32) != call) {
+        return false;
+      }
+      uint64_t next = s - 1;
+      bool uncalled = (next & (kAnswered | kCallbacks)) == 0;
+      if (uncalled) {
+        next |= kAnswered;
+      }
+      if (reply_state_.compare_exchange_weak(s, next, std::memory_order_acq_rel)) {
+        return uncalled;
+      }
+    }
+  }
+
+  // TakeReply tells whether |call| is still to be answered, and marks it
+  // answered.
+  bool TakeReply(uint32_t call) {
+    uint64_t s = reply_state_.load(std::memory_order_acquire);
+    for (;;) {
+      if ((s >> 32) != call || (s & kAnswered) != 0) {
+        return false;
+      }
+      if (reply_state_.compare_exchange_weak(s, s | kAnswered, std::memory_order_acq_rel)) {
+        return true;
+      }
+    }
+  }
+
+  // Answer writes the current call's result on the strand: at once when the
+  // provider answered there, else posted.
+  static void Answer(Self self, Lumen::Provider::MethodResult result) {
     Connection* connection = self.get();
-    asio::post(connection->stream_.get_executor(),
-               connection->Bind([self = std::move(self), call = std::move(call), type = std::move(type),
-                                 result = std::move(result)]() mutable {
-                 auto types = self->connections_->provider_->Types();
-                 std::string body = Lumen::JsonRpc::ResultBody(call, result, type.decorated, types.get());
+    if (connection->strand_.running_in_this_thread()) {
+      connection->WriteResult(std::move(self), std::move(result));
+      return;
+    }
+    asio::post(connection->strand_,
+               connection->Bind([self = std::move(self), result = std::move(result)]() mutable {
                  Connection* to = self.get();
-                 to->WriteResponse(std::move(self), http::status::ok, type.value, std::move(body), type.streaming,
-                                   nullptr);
+                 to->WriteResult(std::move(self), std::move(result));
                }));
   }
 
- private:
+  void WriteResult(Self self, const Lumen::Provider::MethodResult& result) {
+    std::string body = Lumen::JsonRpc::ResultBody(call_, result, type_.decorated, connections_->types_.get());
+    WriteResponse(std::move(self), http::status::ok, type_.value, std::move(body), type_.streaming, nullptr);
+  }
+
   Lumen::Log::Logger& Log() { return connections_->Log(); }
   const EndpointTimeouts& Timeouts() const { return connections_->timeouts_; }
 
@@ -133,6 +233,47 @@ class Connection : public std::enable_shared_from_this<Connection> {
   WithMemory<Handler> Bind(Handler handler) {
     return WithMemory<Handler>(&memory_, std::move(handler));
   }
+
+  // The connection has one deadline at a time, and one timer that wakes no
+  // later than it. A later deadline leaves the timer as it is: when it wakes
+  // early it waits again until the deadline. Only an earlier deadline
+  // re-arms it. When the deadline passes, the socket is closed, so the
+  // pending read or write fails with a timeout.
+  void Deadline(std::chrono::nanoseconds timeout) {
+    deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(timeout);
+    if (deadline_ < timer_at_) {
+      Arm(deadline_);
+    }
+  }
+
+  // NoDeadline: nothing is bounded, as while the provider computes.
+  void NoDeadline() { deadline_ = Clock::time_point::max(); }
+
+  void Arm(Clock::time_point at) {
+    timer_at_ = at;
+    timer_.expires_at(at);  // cancels the wait it replaces
+    timer_.async_wait(Bind([self = shared_from_this(), at](beast::error_code ec) { self->OnTimer(at, ec); }));
+  }
+
+  void OnTimer(Clock::time_point at, beast::error_code ec) {
+    if (ec == asio::error::operation_aborted || at != timer_at_) {
+      return;  // closed, or replaced by an earlier wait
+    }
+    timer_at_ = Clock::time_point::max();
+    if (!socket_.is_open() || deadline_ == Clock::time_point::max()) {
+      return;
+    }
+    if (Clock::now() < deadline_) {
+      Arm(deadline_);
+      return;
+    }
+    timed_out_ = true;
+    Close();
+  }
+
+  // TimedOut is |ec| of an operation, or the timeout when the deadline
+  // closed the socket under it.
+  beast::error_code TimedOut(beast::error_code ec) const { return timed_out_ ? beast::error::timeout : ec; }
 
   // A connection waits for a request head from its accept, and when kept
   // alive from the end of each response, until the head is complete. While
@@ -166,18 +307,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // DoIdle waits, on a kept-alive connection, for the first byte of the next
   // request; the head then has the head timeout to complete. Bytes already
-  // buffered (a pipelined request) start the head at once.
+  // buffered (a pipelined request) start the head at once, in a handler of
+  // its own so that a run of pipelined requests does not nest.
   void DoIdle(Self self) {
     if (!BeginWait()) {
       Close();
       return;
     }
     if (buffer_.size() > 0) {
-      DoReadHeader(std::move(self));
+      asio::post(strand_, Bind([self = std::move(self)]() mutable { self->DoReadHeader(std::move(self)); }));
       return;
     }
-    stream_.expires_after(Timeouts().idle);
-    stream_.async_read_some(buffer_.prepare(kIdleReadSize),
+    Deadline(Timeouts().idle);
+    socket_.async_read_some(buffer_.prepare(kIdleReadSize),
                             Bind([self = std::move(self)](beast::error_code ec, size_t n) mutable {
                               self->buffer_.commit(n);
                               if (ec) {
@@ -193,11 +335,69 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void DoReadHeader(Self self) {
     parser_.emplace();  // fresh parser per request
     ConfigureParser(*parser_, connections_->body_limit_);
-    stream_.expires_after(Timeouts().header);
-    http::async_read_header(stream_, buffer_, *parser_,
-                            Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
-                              self->OnReadHeader(std::move(self), ec);
-                            }));
+    parser_->eager(false);  // the head only: a 100 Continue goes before the body
+    Deadline(Timeouts().header);
+    Parse(std::move(self), /*head=*/true);
+  }
+
+  // Parse feeds the buffered bytes to the parser until the head (|head|) or
+  // the whole request is complete, reading more whenever it needs more,
+  // then goes on to OnReadHeader or OnReadBody.
+  void Parse(Self self, bool head) {
+    beast::error_code ec;
+    while (!(head ? parser_->is_header_done() : parser_->is_done())) {
+      if (buffer_.size() > 0) {
+        size_t used = parser_->put(buffer_.data(), ec);
+        buffer_.consume(used);
+        if (ec && ec != http::error::need_more) {
+          break;
+        }
+        if (!ec && used > 0) {
+          continue;
+        }
+        ec = {};
+      }
+      ReadMore(std::move(self), head);
+      return;
+    }
+    Parsed(std::move(self), head, ec);
+  }
+
+  void ReadMore(Self self, bool head) {
+    size_t size = beast::read_size(buffer_, kReadSize);
+    if (size == 0) {
+      Parsed(std::move(self), head, http::error::buffer_overflow);
+      return;
+    }
+    socket_.async_read_some(
+        buffer_.prepare(size), Bind([self = std::move(self), head](beast::error_code ec, size_t n) mutable {
+          Connection* c = self.get();
+          c->buffer_.commit(n);
+          if (ec == asio::error::eof && !c->timed_out_) {
+            if (c->parser_->got_some()) {
+              // A request without a length ends with the connection.
+              ec = {};
+              c->parser_->put_eof(ec);
+            } else {
+              ec = http::error::end_of_stream;
+            }
+            c->Parsed(std::move(self), head, ec);
+            return;
+          }
+          if (ec) {
+            c->Parsed(std::move(self), head, c->TimedOut(ec));
+            return;
+          }
+          c->Parse(std::move(self), head);
+        }));
+  }
+
+  void Parsed(Self self, bool head, beast::error_code ec) {
+    if (head) {
+      OnReadHeader(std::move(self), ec);
+    } else {
+      OnReadBody(std::move(self), ec);
+    }
   }
 
   void OnReadHeader(Self self, beast::error_code ec) {
@@ -229,26 +429,25 @@ class Connection : public std::enable_shared_from_this<Connection> {
       return;
     }
     if (wants_continue && !parser_->is_done()) {
-      stream_.expires_after(Timeouts().write);
-      asio::async_write(stream_, asio::buffer(kContinueReply.data(), kContinueReply.size()),
-                        Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
-                          if (ec) {
-                            LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to sent response head " << ec.message();
-                            self->Close();
-                            return;
-                          }
-                          self->DoReadBody(std::move(self));
-                        }));
+      Deadline(Timeouts().write);
+      Send(std::move(self), asio::buffer(kContinueReply.data(), kContinueReply.size()),
+           [](Self self, beast::error_code ec) {
+             if (ec) {
+               LUMEN_LOG(self->Log(), kLumenDebug) << "Failed to sent response head " << ec.message();
+               self->Close();
+               return;
+             }
+             self->DoReadBody(std::move(self));
+           });
       return;
     }
     DoReadBody(std::move(self));
   }
 
   void DoReadBody(Self self) {
-    stream_.expires_after(Timeouts().read);
-    http::async_read(stream_, buffer_, *parser_, Bind([self = std::move(self)](beast::error_code ec, size_t) mutable {
-                       self->OnReadBody(std::move(self), ec);
-                     }));
+    Deadline(Timeouts().read);
+    parser_->eager(true);
+    Parse(std::move(self), /*head=*/false);
   }
 
   void OnReadBody(Self self, beast::error_code ec) {
@@ -267,6 +466,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
       SendFixed(std::move(self), kBadRequestReply, true);
       return;
     }
+    NoDeadline();
     Handle(std::move(self), parser_->release());
   }
 
@@ -319,33 +519,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
     call.ctx->op_id = c.call.op_id;
     call.ctx->locale = c.locale;
 
-    // The guard answers INTERNAL_SERVER_ERROR if the provider drops the
-    // callback without calling it, so every request gets exactly one reply.
-    // It holds the connection until then.
-    struct ReplyGuard {
-      Self connection;
-      Lumen::JsonRpc::Call call;
-      ContentType type;
-      std::atomic<bool> answered{false};
-      void Give(Lumen::Provider::MethodResult r) {
-        if (!answered.exchange(true)) {
-          Answer(std::move(connection), std::move(call), std::move(type), std::move(r));
-        }
-      }
-      ~ReplyGuard() {
-        if (!answered.load()) {
-          Answer(std::move(connection), std::move(call), std::move(type),
-                 Lumen::Provider::MethodResult::Failure(Com::Quarro::Lumen::Std::Errors::InternalServerError()));
-        }
-      }
-    };
-    auto guard = std::make_shared<ReplyGuard>();
-    guard->connection = std::move(self);
-    guard->call = std::move(c.call);
-    guard->type = std::move(c.type);
-    connections_->provider_->Invoke(std::move(call), [guard = std::move(guard)](Lumen::Provider::MethodResult r) {
-      guard->Give(std::move(r));
-    });
+    // Every request gets exactly one answer: the provider's, or
+    // INTERNAL_SERVER_ERROR when it drops the callback uncalled. The
+    // callback holds the connection until then.
+    call_ = std::move(c.call);
+    type_ = std::move(c.type);
+    uint32_t number = StartReply();
+    connections_->provider_->Invoke(std::move(call), Reply(std::move(self), number));
   }
 
   void WriteFrameworkError(Self self, http::status status, std::string_view content_type, const char* key,
@@ -401,11 +581,35 @@ class Connection : public std::enable_shared_from_this<Connection> {
     status_ = code;
     std::array<asio::const_buffer, 4> buffers = {asio::buffer(head_), asio::buffer(chunk_head_), asio::buffer(body_),
                                                  asio::buffer(chunk_tail_)};
-    stream_.expires_after(Timeouts().write);
+    Deadline(Timeouts().write);
     bool framework_error = lumen_error != nullptr;
-    asio::async_write(stream_, buffers,
-                      Bind([self = std::move(self), framework_error](beast::error_code ec, size_t) mutable {
-                        self->OnWritten(std::move(self), ec, framework_error);
+    Send(std::move(self), buffers, [framework_error](Self self, beast::error_code ec) {
+      Connection* c = self.get();
+      c->OnWritten(std::move(self), ec, framework_error);
+    });
+  }
+
+  // Send writes |buffers|, which outlive the write, then calls |then| with
+  // the connection and the outcome: at once when the socket takes every
+  // byte now, else when an asynchronous write of the rest has finished.
+  template <typename Buffers, typename Then>
+  void Send(Self self, const Buffers& buffers, Then then) {
+    beast::error_code ec;
+    size_t written = socket_.write_some(buffers, ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again) {
+      ec = {};
+      written = 0;
+    }
+    if (ec || written == asio::buffer_size(buffers)) {
+      then(std::move(self), ec);
+      return;
+    }
+    beast::buffers_suffix<Buffers> rest(buffers);
+    rest.consume(written);
+    asio::async_write(socket_, rest,
+                      Bind([self = std::move(self), then = std::move(then)](beast::error_code ec, size_t) mutable {
+                        Connection* c = self.get();
+                        then(std::move(self), c->TimedOut(ec));
                       }));
   }
 
@@ -429,30 +633,38 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // SendFixed writes one of the fixed replies and closes the connection.
   void SendFixed(Self self, std::string_view reply, bool invalid_request) {
-    stream_.expires_after(Timeouts().write);
-    asio::async_write(stream_, asio::buffer(reply.data(), reply.size()),
-                      Bind([self = std::move(self), invalid_request](beast::error_code ec, size_t) {
-                        if (invalid_request) {
-                          LUMEN_LOG(self->Log(), kLumenDebug)
-                              << (ec ? "Failed to send InvalidRequest response:" : "Sent InvalidRequest response:")
-                              << ec.message();
-                        }
-                        self->Close();
-                      }));
+    Deadline(Timeouts().write);
+    Send(std::move(self), asio::buffer(reply.data(), reply.size()), [invalid_request](Self self, beast::error_code ec) {
+      if (invalid_request) {
+        LUMEN_LOG(self->Log(), kLumenDebug)
+            << (ec ? "Failed to send InvalidRequest response:" : "Sent InvalidRequest response:") << ec.message();
+      }
+      self->Close();
+    });
   }
 
+  // Close ends the connection: the socket's pending operations fail, and the
+  // timer lets go of the connection.
   void Close() {
     beast::error_code ignored;
-    stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
-    stream_.socket().close(ignored);
+    socket_.shutdown(tcp::socket::shutdown_send, ignored);
+    socket_.close(ignored);
+    NoDeadline();
+    timer_.cancel();
   }
 
   // What DoIdle reads at most while waiting for a request's first byte.
   static constexpr size_t kIdleReadSize = 1024;
+  // What one read of a head or body takes at most.
+  static constexpr size_t kReadSize = 65536;
 
-  HandlerMemory memory_;  // first: outlives the stream's pending operations
-  const Strand strand_;   // the stream's executor, kept for posting from other threads
-  Stream stream_;
+  HandlerMemory memory_;  // first: outlives the pending operations
+  const Strand strand_;   // the socket's executor, kept for posting from other threads
+  StrandSocket socket_;
+  Timer timer_;
+  Clock::time_point deadline_ = Clock::time_point::max();  // none
+  Clock::time_point timer_at_ = Clock::time_point::max();  // no wait pending
+  bool timed_out_ = false;
   beast::flat_buffer buffer_;
   std::optional<HttpRequestParser> parser_;
   std::shared_ptr<Connections> connections_;
@@ -465,6 +677,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool evicted_ = false;
   bool keep_alive_ = true;
   std::string method_;
+  // The call handed to the provider, and its answer state.
+  Lumen::JsonRpc::Call call_;
+  ContentType type_;
+  uint32_t call_number_ = 0;
+  std::atomic<uint64_t> reply_state_{0};
   // The response being written.
   std::string head_;
   std::string chunk_head_;
@@ -477,6 +694,7 @@ Connections::Connections(std::shared_ptr<Lumen::Provider::ApiProvider> provider,
                          std::shared_ptr<Lumen::Log::Logger> logger, const EndpointTimeouts& timeouts,
                          size_t body_limit, int max_connections, PublicDocuments documents)
     : provider_(std::move(provider)),
+      types_(provider_->Types()),
       logger_(std::move(logger)),
       timeouts_(timeouts),
       body_limit_(body_limit),

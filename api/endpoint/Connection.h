@@ -97,6 +97,7 @@ class Connections : public std::enable_shared_from_this<Connections> {
   friend class Connection;
 
   const std::shared_ptr<Lumen::Provider::ApiProvider> provider_;
+  const std::shared_ptr<const Lumen::Json::TypeRegistry> types_;  // the provider's, fixed: fetched once
   const std::shared_ptr<Lumen::Log::Logger> logger_;
   const EndpointTimeouts timeouts_;
   const size_t body_limit_;

@@ -40,8 +40,9 @@ class HandlerMemory {
   }
 
  private:
-  // Four blocks cover the nested operations of a read or a write (the
-  // message operation, its stream operation and the socket's).
+  // Four blocks cover what a connection has in flight at once: a read or a
+  // write, the deadline's wait and one it replaced, and an answer posted
+  // back to the strand.
   struct Block {
     alignas(std::max_align_t) unsigned char storage[1024];
     std::atomic<bool> used{false};

@@ -26,6 +26,39 @@ const char* LevelName(int level) {
   return kNames[level];
 }
 
+struct UtcTime {
+  long long year;
+  unsigned month, day;
+  int hour, minute, second;
+};
+
+// UtcOf splits |seconds| since the epoch into the UTC calendar date and time
+// by arithmetic alone: gmtime_r takes the C library's time zone lock on
+// every call, which every logging thread would contend for.
+UtcTime UtcOf(time_t seconds) {
+  long long days = seconds / 86400;
+  long long rest = seconds % 86400;
+  if (rest < 0) {
+    rest += 86400;
+    --days;
+  }
+  // Days to civil date, in eras of 400 years from 0000-03-01.
+  days += 719468;
+  const long long era = (days >= 0 ? days : days - 146096) / 146097;
+  const long long day_of_era = days - era * 146097;
+  const long long year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+  const long long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+  const long long month_index = (5 * day_of_year + 2) / 153;  // from March
+  UtcTime t;
+  t.day = static_cast<unsigned>(day_of_year - (153 * month_index + 2) / 5 + 1);
+  t.month = static_cast<unsigned>(month_index < 10 ? month_index + 3 : month_index - 9);
+  t.year = year_of_era + era * 400 + (t.month <= 2 ? 1 : 0);
+  t.hour = static_cast<int>(rest / 3600);
+  t.minute = static_cast<int>(rest / 60 % 60);
+  t.second = static_cast<int>(rest % 60);
+  return t;
+}
+
 // The calling thread's id, asked of the kernel once per thread.
 long ThreadId() {
   thread_local const long id = static_cast<long>(syscall(SYS_gettid));
@@ -67,12 +100,11 @@ void WriteLine(int level, const char* fmt, va_list args) {
 
   struct timeval tv;
   gettimeofday(&tv, nullptr);
-  struct tm tm;
-  gmtime_r(&tv.tv_sec, &tm);
+  UtcTime t = UtcOf(tv.tv_sec);
   char line[sizeof(message) + 128];
-  int head = snprintf(line, sizeof(line), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %s [%ld] ",
-                      tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
-                      tm.tm_sec, static_cast<int>(tv.tv_usec / 1000), LevelName(level), ThreadId());
+  int head = snprintf(line, sizeof(line), "%04lld-%02u-%02uT%02d:%02d:%02d.%03dZ %s [%ld] ", t.year, t.month,
+                      t.day, t.hour, t.minute, t.second, static_cast<int>(tv.tv_usec / 1000), LevelName(level),
+                      ThreadId());
   size_t total = static_cast<size_t>(head);
   for (size_t i = 0; i < len && total < sizeof(line) - 1; ++i) {
     line[total++] = message[i];

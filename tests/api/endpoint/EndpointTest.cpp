@@ -342,6 +342,18 @@ TEST(FormatDuration, LargestUnitsFirst) {
   }
 }
 
+std::string RawNewline(std::string body) {
+  return body.replace(body.find("\\n"), 2, "\n");
+}
+
+json Nested(int depth) {
+  json v = json::array();
+  for (int i = 0; i < depth; ++i) {
+    v = json::array({std::move(v)});
+  }
+  return v;
+}
+
 TEST(ClassifyHttpRequest, VerdictFromBytesAlone) {
   std::string good = Post(Envelope("echo", "get"));
   EXPECT_EQ(RequestVerdict::kServe, ClassifyHttpRequest(good));
@@ -358,6 +370,11 @@ TEST(ClassifyHttpRequest, VerdictFromBytesAlone) {
       {"expect", Post(Envelope("echo", "get"), "application/json", "Expect: x\r\n"), RequestVerdict::kExpectationFailed},
       {"continue", Post(Envelope("echo", "get"), "application/json", "Expect: 100-Continue\r\n"), RequestVerdict::kServe},
       {"garbage", "\x01\x02\r\n\r\n", RequestVerdict::kBadRequest},
+      // A PEM's escaped line breaks are JSON; a raw control character in a
+      // string is not, and a body nested past the depth limit is refused.
+      {"escaped newline", Post(Envelope("echo", "get", {{"pem", "a\nb"}})), RequestVerdict::kServe},
+      {"raw newline", Post(RawNewline(Envelope("echo", "get", {{"pem", "a\nb"}}))), RequestVerdict::kInvalidRequest},
+      {"too deep", Post(Envelope("echo", "get", {{"x", Nested(600)}})), RequestVerdict::kInvalidRequest},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

@@ -85,24 +85,27 @@ constexpr size_t kKeptCapacity = 64 * 1024;
 // kParams is the value of the root's "params".
 enum class Place { kTop, kParams, kInput };
 
-// RawControlInString tells whether a string of |body| holds a raw control
-// character, which JSON forbids and the DOM parser refuses; the reader sees
-// strings only unescaped, where an escaped "\\n" looks the same as a raw one.
-bool RawControlInString(std::string_view body) {
+// ReaderTakes tells whether the reader may decide |body| itself: no string
+// holds an escaped code point (surrogate rules) or a raw control character,
+// which JSON forbids and the reader, seeing strings only unescaped, could not
+// tell from an escaped one. The DOM parser decides the others.
+bool ReaderTakes(std::string_view body) {
   bool in_string = false;
   for (size_t i = 0; i < body.size(); ++i) {
     unsigned char c = static_cast<unsigned char>(body[i]);
     if (!in_string) {
       in_string = c == '"';
     } else if (c == '\\') {
-      ++i;  // the escaped character, whatever it is
+      if (++i < body.size() && body[i] == 'u') {
+        return false;
+      }
     } else if (c == '"') {
       in_string = false;
     } else if (c < 0x20) {
-      return true;
+      return false;
     }
   }
-  return false;
+  return true;
 }
 
 // Scalar reads a number, true, false or null through the DOM parser's own
@@ -201,9 +204,7 @@ CallReader::CallReader() : state_(std::make_unique<State>()) {}
 CallReader::~CallReader() = default;
 
 bool CallReader::Parse(std::string_view body, bool decorated, Call* out) {
-  // Escaped code points (surrogate rules) and raw control characters are
-  // left to the DOM parser.
-  bool own = body.find("\\u") == std::string_view::npos && !RawControlInString(body);
+  bool own = ReaderTakes(body);
   nlohmann::json doc;
   if (own) {
     State& s = *state_;

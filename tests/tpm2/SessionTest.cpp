@@ -10,6 +10,7 @@
 #include "config/tpm2/EkId.h"
 #include "platform/Log.h"
 #include "platform/ssl/SslUtils.h"
+#include "platform/tcg/Tpm20Cmd.h"
 #include "tests/support/AttestedBoot.h"
 #include "tests/support/LogCapture.h"
 #include "tools/BootLog.h"
@@ -184,6 +185,19 @@ TEST_F(SessionTest, CreateAkRefusesKeysOtherThanTheSessionsEkAndTheTemplate) {
     EXPECT_NE(std::string::npos, log.find(c.log)) << log;
     EXPECT_EQ(SessionState::kInitialized, session_->State());
   }
+  // Another host's EK that an earlier session already prepared is refused
+  // all the same; the session's own EK is then prepared and served.
+  PreparedEks eks;
+  eks.Add(other_ek, {Config::Tpm2::EkIdOfSpkiDer(*Tpm20Cmd::Tpm2PubSpkiDer(other_ek)), PrepareCredentialKey(other_ek)});
+  Session session(ek_id_, 0, false, &eks);
+  Bytes blob, secret;
+  SessionResult code;
+  std::string log = Capture([&] { code = session.SetAttestationKey(ak, other_ek, blob, secret); });
+  EXPECT_EQ(SessionResult::kInvalidInput, code);
+  EXPECT_NE(std::string::npos, log.find("EK public key digest does not match")) << log;
+  EXPECT_EQ(SessionState::kInitialized, session.State());
+  ASSERT_EQ(SessionResult::kSuccess, session.SetAttestationKey(ak, ek_public_, blob, secret));
+  EXPECT_EQ(ek_id_, eks.Find(ek_public_)->id);
 }
 
 TEST_F(SessionTest, ActivationNeedsExactlyTheSecret) {
